@@ -32,15 +32,18 @@ class SubscriberList {
 public:
    struct Entry {
       uint64_t id;
+      bool alive;
       std::function<void(const void*)> call;  // receives a pointer to the argument tuple
    };
    uint64_t add(std::function<void(const void*)> call) {
-      entries_.push_back(Entry{++lastId_, std::move(call)});
+      entries_.push_back(std::make_unique<Entry>(Entry{++lastId_, true, std::move(call)}));
       return lastId_;
    }
+   // A subscriber removed while notifications run stays allocated (it may be the one running)
+   // and is dropped once the outermost notification has finished.
    void remove(uint64_t id) {
       for (auto& e : entries_) {
-         if (e.id == id) e.call = nullptr;
+         if (e->id == id) e->alive = false;
       }
       if (depth_ == 0) compact();
    }
@@ -48,21 +51,22 @@ public:
       ++depth_;
       const size_t n = entries_.size();  // late subscribers wait for the next notification
       for (size_t i = 0; i < n; ++i) {
-         if (entries_[i].call) entries_[i].call(args);
+         Entry* e = entries_[i].get();  // stable even if a subscriber grows the list
+         if (e->alive) e->call(args);
       }
       if (--depth_ == 0) compact();
    }
    size_t size() const {
       size_t live = 0;
-      for (const auto& e : entries_) live += e.call != nullptr;
+      for (const auto& e : entries_) live += e->alive;
       return live;
    }
 
 private:
    void compact() {
-      std::erase_if(entries_, [](const Entry& e) { return !e.call; });
+      std::erase_if(entries_, [](const std::unique_ptr<Entry>& e) { return !e->alive; });
    }
-   std::vector<Entry> entries_;
+   std::vector<std::unique_ptr<Entry>> entries_;
    uint64_t lastId_ = 0;
    int depth_ = 0;
 };

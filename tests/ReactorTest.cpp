@@ -1,0 +1,71 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/Reactor.h"
+
+using namespace Ulo;
+
+TEST(Notifier, CallsSubscribersInOrderUntilTheyUnsubscribe) {
+   Notifier<int, std::string> changed;
+   std::vector<std::string> calls;
+   Subscription a = changed.subscribe([&](int i, const std::string& s) { calls.push_back("a" + std::to_string(i) + s); });
+   Subscription b = changed.subscribe([&](int i, const std::string&) { calls.push_back("b" + std::to_string(i)); });
+   changed.notify(1, "x");
+   b.reset();
+   changed.notify(2, "y");
+   EXPECT_EQ(calls, (std::vector<std::string>{"a1x", "b1", "a2y"}));
+   EXPECT_EQ(changed.subscribers(), 1u);
+   { Subscription moved = std::move(a); }
+   changed.notify(3, "z");
+   EXPECT_EQ(calls.size(), 3u);
+   EXPECT_EQ(changed.subscribers(), 0u);
+}
+
+TEST(Notifier, SubscribersMayChangeTheListWhileNotified) {
+   Notifier<int> changed;
+   std::vector<int> seen;
+   Subscription late, self;
+   self = changed.subscribe([&](int i) {
+      seen.push_back(i);
+      self.reset();  // unsubscribe itself mid-notification
+      late = changed.subscribe([&](int j) { seen.push_back(100 + j); });
+   });
+   Subscription other = changed.subscribe([&](int i) { seen.push_back(10 + i); });
+   changed.notify(1);  // the late subscriber waits for the next notification
+   changed.notify(2);
+   EXPECT_EQ(seen, (std::vector<int>{1, 11, 12, 102}));
+}
+
+TEST(Notifier, SubscriptionOutlivingTheNotifierIsHarmless) {
+   Subscription s;
+   {
+      Notifier<int> n;
+      s = n.subscribe([](int) {});
+      EXPECT_TRUE(s.active());
+   }
+   EXPECT_FALSE(s.active());
+   s.reset();
+}
+
+namespace {
+struct Counter : Reactor {
+   explicit Counter(Notifier<int>& n) { watch(n, [this](int v) { sum += v; }); }
+   int sum = 0;
+};
+}  // namespace
+
+TEST(Reactor, NotificationSwitchAndLifetime) {
+   Notifier<int> n;
+   {
+      Counter c(n);
+      n.notify(2);
+      c.hasNotificationActiveIs(false);
+      n.notify(5);
+      c.hasNotificationActiveIs(true);
+      n.notify(7);
+      EXPECT_EQ(c.sum, 9);
+   }
+   EXPECT_EQ(n.subscribers(), 0u);  // the reactor's subscriptions ended with it
+}

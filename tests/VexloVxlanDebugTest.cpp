@@ -1,0 +1,167 @@
+// The transient-status line and the VXLAN show commands: text forms, filters and rendering.
+
+#include "VexloL3Common/VexloVxlanDebug.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <stdexcept>
+#include <string>
+
+#include "platform/Assert.h"
+
+namespace VexloL3Common {
+namespace {
+
+using namespace std::chrono_literals;
+using Ulo::VlanId;
+
+IpGenAddr ip(const char* text) {
+   return IpGenAddr::fromString(text);
+}
+
+TEST(TransientStatusTest, AgeIsClockTimeBelowAWeekAndDaysAbove) {
+   EXPECT_EQ(formatAge(5s), "0:00:05");
+   EXPECT_EQ(formatAge(26h + 3min), "26:03:00");
+   EXPECT_EQ(formatAge(167h + 59min + 59s), "167:59:59");
+   EXPECT_EQ(formatAge(8 * 24h + 3h + 10min), "8d03h");
+   EXPECT_EQ(formatAge(-4s), "0:00:00");
+}
+
+TEST(TransientStatusTest, LinesLineUpWithTheHeader) {
+   const auto now = StatusClock::now();
+   const std::string header = transientStatusHeader();
+   const std::string line =
+       formatTransientStatus({"vxlanUcTunnelsReconcile", "running", now - 65s, 12}, now);
+   EXPECT_EQ(line.size(), header.size());
+   EXPECT_EQ(line.back(), '\n');
+   EXPECT_EQ(line.find("running"), header.find("State"));
+   // Right-aligned columns end where their titles end.
+   EXPECT_EQ(line.find("0:01:05") + 7, header.find("Age") + 3);
+   EXPECT_EQ(line.rfind("12") + 2, header.find("Count") + 5);
+   EXPECT_NE(formatTransientStatus({"boot", "idle", std::nullopt, 0}, now).find("never"),
+             std::string::npos);
+}
+
+TEST(TransientStatusTest, LongNamesAreKeptWhole) {
+   const std::string name(40, 'n');
+   const std::string line = formatTransientStatus({name, "waiting", std::nullopt, 1}, {});
+   EXPECT_EQ(line.rfind(name + " waiting", 0), 0u);
+}
+
+TEST(TransientStatusTest, PrintsToACallersDescriptor) {
+   int fds[2];
+   ASSERT_EQ(pipe(fds), 0);
+   const auto now = StatusClock::now();
+   const TransientStatus status{"hwTunnelStatus", "init", now, 3};
+   EXPECT_TRUE(printTransientStatus(fds[1], status, now));
+   close(fds[1]);
+   char buf[256] = {};
+   const ssize_t n = read(fds[0], buf, sizeof buf);
+   close(fds[0]);
+   EXPECT_EQ(std::string(buf, size_t(std::max<ssize_t>(n, 0))), formatTransientStatus(status, now));
+   EXPECT_FALSE(printTransientStatus(-1, status, now));
+}
+
+TEST(VxlanDebugCommandTest, TextFormRoundTripsWithFiltersInEitherOrder) {
+   const auto c = VxlanDebugCommand::fromString("show vxlan flood-list vtep 10.0.0.1 vlan 10");
+   EXPECT_EQ(c, VxlanDebugCommand(VxlanDebugTable::floodList, VlanId(10), ip("10.0.0.1")));
+   EXPECT_EQ(c.toString(), "show vxlan flood-list vlan 10 vtep 10.0.0.1");
+   EXPECT_EQ(VxlanDebugCommand::fromString(c.toString()), c);
+   EXPECT_EQ(VxlanDebugCommand::fromString("  show  vxlan decap ").table(), VxlanDebugTable::decap);
+   EXPECT_EQ(fmt::format("{}", VxlanDebugCommand(VxlanDebugTable::vtep)), "show vxlan vtep");
+   EXPECT_NE(std::hash<VxlanDebugCommand>()(c),
+             std::hash<VxlanDebugCommand>()(VxlanDebugCommand(VxlanDebugTable::floodList)));
+}
+
+TEST(VxlanDebugCommandTest, FiltersMatchEverythingUntilSet) {
+   const VxlanDebugCommand all(VxlanDebugTable::floodList);
+   EXPECT_TRUE(all.matchesVlan(VlanId(5)));
+   EXPECT_TRUE(all.matchesVtep(ip("10.0.0.9")));
+   const VxlanDebugCommand some(VxlanDebugTable::floodList, VlanId(10), ip("10.0.0.1"));
+   EXPECT_TRUE(some.matchesVlan(VlanId(10)));
+   EXPECT_FALSE(some.matchesVlan(VlanId(11)));
+   EXPECT_FALSE(some.matchesVtep(ip("10.0.0.2")));
+}
+
+TEST(VxlanDebugCommandTest, BadTextIsARangeErrorNamingTheText) {
+   try {
+      VxlanDebugCommand::fromString("show vxlan tunnels");
+      FAIL() << "no range error";
+   } catch (const std::range_error& e) {
+      EXPECT_STREQ(e.what(),
+                   "invalid VXLAN debug command \"show vxlan tunnels\": unknown table tunnels");
+   }
+   for (const char* bad : {"", "show", "show ip decap", "show vxlan decap vlan",
+                           "show vxlan decap vlan 4096", "show vxlan decap vlan 1 vlan 2",
+                           "show vxlan decap port 1", "show vxlan decap vtep 10.0.0.1",
+                           "show vxlan vtep vlan 10", "show vxlan vtep vtep 10.0.0.300"}) {
+      try {
+         VxlanDebugCommand::fromString(bad);
+         ADD_FAILURE() << "accepted: " << bad;
+      } catch (const std::range_error& e) {
+         EXPECT_EQ(
+             std::string(e.what()).rfind(fmt::format("invalid VXLAN debug command \"{}\"", bad), 0),
+             0u)
+             << e.what();
+      }
+   }
+   EXPECT_THROW(VxlanDebugCommand(VxlanDebugTable::decap, std::nullopt, ip("10.0.0.1")),
+                std::range_error);
+}
+
+TEST(VxlanShowTest, FloodListHonoursVlanAndVtepFilters) {
+   FloodUnderlayVlanToVtepListDir dir("flood");
+   FloodUnderlayVlanToVtepList a, b;
+   a.vtepIpListIs(ip("10.0.0.1"));
+   a.vtepIpListIs(ip("10.0.0.2"));
+   b.vtepIpListIs(ip("10.0.0.2"));
+   dir.floodUnderlayVlanToVtepListIs(VlanId(20), b);
+   dir.floodUnderlayVlanToVtepListIs(VlanId(10), a);
+   EXPECT_EQ(showFloodList(VxlanDebugCommand::fromString("show vxlan flood-list"), dir),
+             "vlan 10: {10.0.0.1, 10.0.0.2}\nvlan 20: {10.0.0.2}\n");
+   EXPECT_EQ(showFloodList(VxlanDebugCommand::fromString("show vxlan flood-list vlan 20"), dir),
+             "vlan 20: {10.0.0.2}\n");
+   EXPECT_EQ(
+       showFloodList(VxlanDebugCommand::fromString("show vxlan flood-list vtep 10.0.0.1"), dir),
+       "vlan 10: {10.0.0.1, 10.0.0.2}\n");
+}
+
+TEST(VxlanShowTest, DecapTableListsIpv4ThenIpv6AndFiltersByVlan) {
+   Ulo::MrouteVxlanDecapTable v4("v4"), v6("v6");
+   v4.entryIs(Ulo::IpGenRouteKey::fromString("239.1.1.2/32,10.0.0.0/8"), VlanId(20));
+   v4.entryIs(Ulo::IpGenRouteKey::fromString("239.1.1.1/32,10.0.0.0/8"), VlanId(10));
+   v6.entryIs(Ulo::IpGenRouteKey::fromString("ff0e::1/128,2001:db8::/32"), VlanId(10));
+   const auto all = VxlanDebugCommand(VxlanDebugTable::decap);
+   EXPECT_EQ(showDecapTable(all, &v4, &v6),
+             "239.1.1.1/32,10.0.0.0/8 vlan 10\n239.1.1.2/32,10.0.0.0/8 vlan 20\n"
+             "ff0e::1/128,2001:db8::/32 vlan 10\n");
+   EXPECT_EQ(showDecapTable(VxlanDebugCommand(VxlanDebugTable::decap, VlanId(10)), nullptr, &v6),
+             "ff0e::1/128,2001:db8::/32 vlan 10\n");
+}
+
+TEST(VxlanShowTest, VtepTableShowsNextHopsAndRefusesOtherCommands) {
+   VexloVxlanBumVtepConfigDir dir("bum");
+   auto c = dir.bumVtepConfigIs(ip("10.0.0.1"), EncapId(5));
+   c->versionIs(2);
+   c->nextHopsIs(Ulo::IntfId::vlan(10), ip("10.1.1.2"),
+                 Ulo::EthAddr::fromString("00:00:00:00:00:01"));
+   dir.bumVtepConfigIs(ip("10.0.0.2"), EncapId(6));
+   EXPECT_EQ(showVtepTable(VxlanDebugCommand::fromString("show vxlan vtep vtep 10.0.0.1"), dir),
+             "vtep 10.0.0.1 encapId 5 version 2\n"
+             "   Vlan10 nexthop 10.1.1.2 mac 00:00:00:00:00:01\n");
+   EXPECT_EQ(showVtepTable(VxlanDebugCommand(VxlanDebugTable::vtep), dir),
+             "vtep 10.0.0.1 encapId 5 version 2\n"
+             "   Vlan10 nexthop 10.1.1.2 mac 00:00:00:00:00:01\n"
+             "vtep 10.0.0.2 encapId 6 version 0\n");
+   Ulo::ScopedThrowingAssertHandler guard;
+   try {
+      showVtepTable(VxlanDebugCommand(VxlanDebugTable::decap), dir);
+      FAIL() << "no assertion";
+   } catch (const Ulo::AssertionFailure& f) {
+      EXPECT_EQ(f.text, "command for another table");
+   }
+}
+
+}  // namespace
+}  // namespace VexloL3Common

@@ -1,0 +1,221 @@
+// The underlay multicast state machine driven through the decap tables' own notifications: a
+// recording subclass stands in for the chip and logs programEntry / deleteEntry in order.
+
+#include "VexloL3Common/VexloVxlanUnderlayMulticastBaseSm.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/Trace.h"
+
+namespace VexloL3Common {
+namespace {
+
+using Ulo::IpGenRouteKey;
+using Ulo::VlanId;
+using Calls = std::vector<std::string>;
+
+constexpr const char* traceName = "VexloVxlanUnderlayMulticastBaseSm";
+
+IpGenRouteKey key(const char* text) {
+   return IpGenRouteKey::fromString(text);
+}
+
+class RecordingSm : public VexloVxlanUnderlayMulticastBaseSm {
+ public:
+   using VexloVxlanUnderlayMulticastBaseSm::VexloVxlanUnderlayMulticastBaseSm;
+
+   // Like a chip would, reads the VLAN to program from the table of the key's family.
+   void programEntry(const IpGenRouteKey& k) override {
+      const auto& table = k.af() == Ulo::AddressFamily::ipv4 ? mrouteVxlanDecapTable()
+                                                             : mrouteVxlanIpv6DecapTable();
+      calls.push_back(fmt::format("program {} vlan {}", k, table->entry(k)->vlanId));
+   }
+   void deleteEntry(const IpGenRouteKey& k, VlanId vlan) override {
+      calls.push_back(fmt::format("delete {} vlan {}", k, vlan));
+   }
+
+   Calls calls;
+};
+
+class UnderlayMulticastSmTest : public ::testing::Test {
+ protected:
+   Ulo::Ptr<RecordingSm> makeSm() {
+      return std::make_shared<RecordingSm>(
+          Ulo::entityManagerFactory("stateDb"),
+          std::make_shared<VexloCentral::FeatureAgentCommonSmData>(), v4, v6);
+   }
+
+   const IpGenRouteKey k4 = key("239.1.1.1/32,10.0.0.0/8");
+   const IpGenRouteKey k6 = key("ff0e::1/128,2001:db8::/32");
+   Ulo::Ptr<Ulo::MrouteVxlanDecapTable> v4 = Ulo::mrouteVxlanDecapTableFactory("v4");
+   Ulo::Ptr<Ulo::MrouteVxlanDecapTable> v6 = Ulo::mrouteVxlanDecapTableFactory("v6");
+};
+
+TEST_F(UnderlayMulticastSmTest, AddedEntryIsProgrammedOnceAndItsVlanRemembered) {
+   auto sm = makeSm();
+   Ulo::ScopedTraceCapture cap(traceName);
+   v4->entryIs(k4, VlanId(10));
+   EXPECT_EQ(sm->calls, Calls{"program 239.1.1.1/32,10.0.0.0/8 vlan 10"});
+   EXPECT_EQ(sm->mrouteKeyToVlan(k4), VlanId(10));
+   EXPECT_EQ(cap.texts(), (std::vector<std::string>{
+                              "handleVxlanMroute mroute key : 239.1.1.1/32,10.0.0.0/8",
+                              "handleVxlanMroute adding mroute : 239.1.1.1/32,10.0.0.0/8"}));
+}
+
+TEST_F(UnderlayMulticastSmTest, RewriteWithTheSameVlanTracesTheUpdateAndCallsNothing) {
+   auto sm = makeSm();
+   v4->entryIs(k4, VlanId(10));
+   sm->calls.clear();
+   Ulo::ScopedTraceCapture cap(traceName);
+   v4->entryIs(k4, VlanId(10));
+   EXPECT_TRUE(sm->calls.empty());
+   EXPECT_TRUE(cap.contains("handleVxlanMroute update mroute oldVlan : 10newVlan : 10"));
+   EXPECT_FALSE(cap.contains("adding"));
+}
+
+TEST_F(UnderlayMulticastSmTest, VlanChangeDeletesTheOldEntryThenProgramsTheNewOne) {
+   auto sm = makeSm();
+   v4->entryIs(k4, VlanId(10));
+   sm->calls.clear();
+   Ulo::ScopedTraceCapture cap(traceName);
+   v4->entryIs(k4, VlanId(20));
+   EXPECT_EQ(sm->calls, (Calls{"delete 239.1.1.1/32,10.0.0.0/8 vlan 10",
+                               "program 239.1.1.1/32,10.0.0.0/8 vlan 20"}));
+   EXPECT_EQ(sm->mrouteKeyToVlan(k4), VlanId(20));
+   EXPECT_EQ(cap.texts(), (std::vector<std::string>{
+                              "handleVxlanMroute mroute key : 239.1.1.1/32,10.0.0.0/8",
+                              "handleVxlanMroute update mroute oldVlan : 10newVlan : 20",
+                              "handleVxlanMroute adding mroute : 239.1.1.1/32,10.0.0.0/8"}));
+}
+
+TEST_F(UnderlayMulticastSmTest, RemovalDeletesWithTheRememberedVlan) {
+   auto sm = makeSm();
+   v4->entryIs(k4, VlanId(10));
+   sm->calls.clear();
+   Ulo::ScopedTraceCapture cap(traceName);
+   v4->entryDel(k4);
+   EXPECT_EQ(sm->calls, Calls{"delete 239.1.1.1/32,10.0.0.0/8 vlan 10"});
+   EXPECT_TRUE(sm->mrouteKeyToVlan().empty());
+   EXPECT_TRUE(cap.contains("handleVxlanMroute deleting mroute : 239.1.1.1/32,10.0.0.0/8"));
+}
+
+TEST_F(UnderlayMulticastSmTest, RemovalOfANeverProgrammedKeyStillDeletesWithVlanOne) {
+   auto sm = makeSm();
+   sm->hasNotificationActiveIs(false);
+   v4->entryIs(k4, VlanId(10));
+   sm->hasNotificationActiveIs(true);
+   v4->entryDel(k4);
+   EXPECT_EQ(sm->calls, Calls{"delete 239.1.1.1/32,10.0.0.0/8 vlan 1"});
+   EXPECT_EQ(sm->mrouteKeyToVlan(k4), VlanId(1));
+}
+
+TEST_F(UnderlayMulticastSmTest, Ipv6KeyIsLookedUpOnlyInTheIpv6Table) {
+   auto sm = makeSm();
+   v4->entryIs(k6, VlanId(30));  // misfiled in the IPv4 table: not a programming request
+   EXPECT_EQ(sm->calls, Calls{"delete ff0e::1/128,2001:db8::/32 vlan 1"});
+   sm->calls.clear();
+   v6->entryIs(k6, VlanId(40));
+   EXPECT_EQ(sm->calls, Calls{"program ff0e::1/128,2001:db8::/32 vlan 40"});
+   EXPECT_EQ(sm->mrouteKeyToVlan(k6), VlanId(40));
+}
+
+TEST_F(UnderlayMulticastSmTest, UnknownAddressFamilyIsTracedAtLevelZeroAndIgnored) {
+   auto sm = makeSm();
+   sm->mrouteKeyToVlanIs(IpGenRouteKey(), VlanId(5));
+   Ulo::ScopedTraceCapture cap(traceName);
+   v4->entryIs(IpGenRouteKey(), VlanId(10));
+   v4->entryDel(IpGenRouteKey());
+   EXPECT_TRUE(sm->calls.empty());
+   EXPECT_EQ(sm->mrouteKeyToVlan(IpGenRouteKey()), VlanId(5));
+   std::vector<unsigned> invalidLevels;
+   for (const auto& line : cap.sink().lines()) {
+      if (line.text == "Invalid address family") invalidLevels.push_back(line.level);
+   }
+   EXPECT_EQ(invalidLevels, (std::vector<unsigned>{0, 0}));
+}
+
+TEST_F(UnderlayMulticastSmTest, NotificationsSwitchedOffLeaveTheHardwareAlone) {
+   auto sm = makeSm();
+   sm->hasNotificationActiveIs(false);
+   v4->entryIs(k4, VlanId(10));
+   v6->entryIs(k6, VlanId(10));
+   v4->entryDel(k4);
+   EXPECT_TRUE(sm->calls.empty());
+   EXPECT_TRUE(sm->mrouteKeyToVlan().empty());
+}
+
+TEST_F(UnderlayMulticastSmTest, HandleInitializedProgramsIpv4ThenIpv6Entries) {
+   const IpGenRouteKey k4b = key("239.1.1.2/32,10.0.0.0/8");
+   v4->entryIs(k4, VlanId(10));
+   v6->entryIs(k6, VlanId(30));
+   v4->entryIs(k4b, VlanId(20));
+   auto sm = makeSm();
+   EXPECT_TRUE(sm->calls.empty());
+   Ulo::ScopedTraceCapture cap(traceName);
+   sm->handleInitialized();
+   ASSERT_EQ(sm->calls.size(), 3u);
+   EXPECT_NE(sm->calls[0].find("239.1.1."), std::string::npos);
+   EXPECT_NE(sm->calls[1].find("239.1.1."), std::string::npos);
+   EXPECT_EQ(sm->calls[2], "program ff0e::1/128,2001:db8::/32 vlan 30");
+   EXPECT_EQ(cap.texts().front(), "handleInitialized");
+   EXPECT_EQ(sm->mrouteKeyToVlan().size(), 3u);
+   // A second walk finds everything programmed already.
+   sm->calls.clear();
+   sm->handleInitialized();
+   EXPECT_TRUE(sm->calls.empty());
+}
+
+TEST_F(UnderlayMulticastSmTest, NullTablesAreNotWatchedAndLookEmpty) {
+   v6 = nullptr;
+   auto sm = makeSm();
+   EXPECT_EQ(v4->entryChanged().subscribers(), 1u);
+   sm->handleInitialized();
+   EXPECT_TRUE(sm->calls.empty());
+   sm->handleVxlanMroute(k6);
+   EXPECT_EQ(sm->calls, Calls{"delete ff0e::1/128,2001:db8::/32 vlan 1"});
+
+   auto bare = std::make_shared<RecordingSm>(nullptr, nullptr, nullptr, nullptr);
+   bare->handleInitialized();
+   EXPECT_TRUE(bare->calls.empty());
+}
+
+TEST_F(UnderlayMulticastSmTest, DestroyedMachineStopsWatchingAndDeletesNothing) {
+   auto sm = makeSm();
+   v4->entryIs(k4, VlanId(10));
+   EXPECT_EQ(v6->entryChanged().subscribers(), 1u);
+   sm.reset();
+   EXPECT_EQ(v4->entryChanged().subscribers(), 0u);
+   EXPECT_EQ(v6->entryChanged().subscribers(), 0u);
+   v4->entryDel(k4);  // must not reach the destroyed machine
+   EXPECT_EQ(v4->size(), 0u);
+}
+
+TEST(MrouteVxlanDecapTableTest, EveryWriteNotifiesOncePerKeyAfterTheChange) {
+   auto t = Ulo::mrouteVxlanDecapTableFactory("v4");
+   std::vector<std::string> seen;
+   auto sub = t->entryChanged().subscribe([&](const IpGenRouteKey& k) {
+      const auto* e = t->entry(k);
+      seen.push_back(fmt::format("{} {}", k, e ? fmt::to_string(e->vlanId) : "gone"));
+   });
+   const IpGenRouteKey a = key("239.1.1.1/32,10.0.0.0/8");
+   const IpGenRouteKey b = key("239.1.1.2/32,10.0.0.0/8");
+   t->entryIs(a, VlanId(10));
+   t->entryIs(a, VlanId(10));
+   t->entryIs(b, VlanId(20));
+   t->entryDel(key("239.9.9.9/32,10.0.0.0/8"));  // absent: nothing
+   t->entryDel(a);
+   EXPECT_EQ(seen, (std::vector<std::string>{
+                       "239.1.1.1/32,10.0.0.0/8 10", "239.1.1.1/32,10.0.0.0/8 10",
+                       "239.1.1.2/32,10.0.0.0/8 20", "239.1.1.1/32,10.0.0.0/8 gone"}));
+   t->entryIs(a, VlanId(10));
+   seen.clear();
+   t->entryDelAll();
+   EXPECT_EQ(seen.size(), 2u);
+   EXPECT_EQ(t->size(), 0u);
+}
+
+}  // namespace
+}  // namespace VexloL3Common
