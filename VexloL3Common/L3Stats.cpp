@@ -1,0 +1,20 @@
+#include "VexloL3Common/L3Stats.h"
+
+namespace VexloL3Common {
+
+std::string RoutePosition::toString() const {
+   return fmt::format("count {} old {} new {} v4 {} type {}", count, oldRouteId, newRouteId, v4,
+                      type);
+}
+
+std::string RouteMergeInfo::toString() const {
+   return fmt::format("count {} src {} {} dst {} {}", count, srcRouteId, srcRouteType, dstRouteId,
+                      dstRouteType);
+}
+
+void throwRouteTypeIndexError(unsigned index, unsigned size) {
+   throw std::range_error(
+       fmt::format("cannot access index {} of an array with size {}", index, size));
+}
+
+}  // namespace VexloL3Common
