@@ -9,7 +9,8 @@ namespace VexloL3Common {
 namespace {
 
 constexpr std::string_view routeTypeNames[] = {"v4", "v6Full", "v6Half", "v4Mcast"};
-constexpr std::string_view entryTypeNames[] = {"none", "v4Left", "v4Right", "v4Both", "v6", "mcastV4"};
+constexpr std::string_view entryTypeNames[] = {"none",   "v4Left", "v4Right",
+                                               "v4Both", "v6",     "mcastV4"};
 
 }  // namespace
 
@@ -33,7 +34,9 @@ size_t IpUcastKey::hash(size_t seed) const {
    return Ulo::hashValue(prefix, Ulo::hashValue(vrfId, seed));
 }
 
-std::string IpUcastKey::toString() const { return fmt::format("{}(vrf{})", prefix, vrfId); }
+std::string IpUcastKey::toString() const {
+   return fmt::format("{}(vrf{})", prefix, vrfId);
+}
 
 size_t IpMcastPrefixKey::hash(size_t seed) const {
    seed = Ulo::hashMix(seed, (uint64_t(vrfIndex) << 24) | (uint64_t(tableId) << 8) | len);
@@ -84,7 +87,9 @@ size_t IndexRange::hash(size_t seed) const {
    return Ulo::hashMix(Ulo::hashMix(seed, start_), end_);
 }
 
-std::string IndexRange::toString() const { return fmt::format("{}/{}", start_, end_); }
+std::string IndexRange::toString() const {
+   return fmt::format("{}/{}", start_, end_);
+}
 
 // ---- IndexRangeList ----------------------------------------------------------------------
 

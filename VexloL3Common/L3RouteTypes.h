@@ -106,9 +106,18 @@ enum class RouteType : uint8_t { v4 = 0, v6Full = 1, v6Half = 2, v4Mcast = 3 };
 inline constexpr unsigned numRouteTypes = 4;
 inline constexpr RouteType allRouteTypes[numRouteTypes] = {RouteType::v4, RouteType::v6Full,
                                                            RouteType::v6Half, RouteType::v4Mcast};
-constexpr unsigned index(RouteType t) { return unsigned(t); }
+constexpr unsigned index(RouteType t) {
+   return unsigned(t);
+}
 
-enum class EntryType : uint8_t { none = 0, v4Left = 1, v4Right = 2, v4Both = 3, v6 = 4, mcastV4 = 5 };
+enum class EntryType : uint8_t {
+   none = 0,
+   v4Left = 1,
+   v4Right = 2,
+   v4Both = 3,
+   v6 = 4,
+   mcastV4 = 5
+};
 
 std::string_view toString(RouteType t);
 std::string_view toString(EntryType t);
@@ -136,7 +145,7 @@ struct RouteReturnCode {
 
 // An inclusive run of TCAM indices. start > end is not rejected; nobody builds one on purpose.
 class IndexRange {
-public:
+ public:
    constexpr IndexRange() = default;
    constexpr IndexRange(uint32_t start, uint32_t end) : start_(start), end_(end) {}
 
@@ -154,7 +163,7 @@ public:
    size_t hash(size_t seed = 0) const;
    std::string toString() const;  // "start/end"
 
-private:
+ private:
    uint32_t start_ = 0;
    uint32_t end_ = 0;
 };
@@ -162,7 +171,7 @@ private:
 // An ordered set of runs. `merged` is true while the set is known to be joined into disjoint,
 // non-adjacent runs: merge() sets it, any insertion or removal clears it.
 class IndexRangeList {
-public:
+ public:
    using Set = std::set<IndexRange>;
 
    IndexRangeList() = default;
@@ -185,15 +194,15 @@ public:
    // Removes and returns the first run (lowest start, then lowest end).
    std::optional<IndexRange> pop();
    // Joins overlapping and touching runs. The adjacency test "end + 1 < next start" is computed in
-   // 32 bits and kept that way: after a run ending at 0xFFFFFFFF, end + 1 wraps to 0, so every later
-   // run that starts above 0 stays a run of its own.
+   // 32 bits and kept that way: after a run ending at 0xFFFFFFFF, end + 1 wraps to 0, so every
+   // later run that starts above 0 stays a run of its own.
    void merge();
 
    explicit operator bool() const { return merged_ || !indexRange_.empty(); }
    bool operator==(const IndexRangeList&) const = default;
    std::string toString() const;  // "{a/b, c/d}"
 
-private:
+ private:
    Set indexRange_;
    bool merged_ = false;
 };
@@ -229,10 +238,10 @@ struct fmt::formatter<VexloL3Common::EntryType> : fmt::formatter<std::string_vie
    }
 };
 
-#define VEXLO_MEMBER_HASH(T)                                                 \
-   template <>                                                               \
-   struct std::hash<T> {                                                     \
-      size_t operator()(const T& v) const noexcept { return v.hash(); }      \
+#define VEXLO_MEMBER_HASH(T)                                            \
+   template <>                                                          \
+   struct std::hash<T> {                                                \
+      size_t operator()(const T& v) const noexcept { return v.hash(); } \
    }
 VEXLO_MEMBER_HASH(VexloL3Common::Ipv4UcastKey);
 VEXLO_MEMBER_HASH(VexloL3Common::Ipv6UcastKey);

@@ -42,6 +42,8 @@ void assertFailed(const char* text, const std::string& message, const char* file
 ScopedThrowingAssertHandler::ScopedThrowingAssertHandler()
     : previous_(assertHandlerIs(throwingHandler)) {}
 
-ScopedThrowingAssertHandler::~ScopedThrowingAssertHandler() { assertHandlerIs(previous_); }
+ScopedThrowingAssertHandler::~ScopedThrowingAssertHandler() {
+   assertHandlerIs(previous_);
+}
 
 }  // namespace Ulo

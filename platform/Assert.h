@@ -2,8 +2,8 @@
 //
 // Synopsis
 //   VEXLO_ASSERT(cond, "text")                      fatal unless cond holds
-//   VEXLO_ASSERT_MSG(cond, "text", pieces...)       same, with a message joined from pieces by {fmt}
-//   VEXLO_UNREACHABLE("message")                    a path that must never be taken
+//   VEXLO_ASSERT_MSG(cond, "text", pieces...)       same, with a message joined from pieces by
+//   {fmt} VEXLO_UNREACHABLE("message")                    a path that must never be taken
 //   Ulo::ScopedThrowingAssertHandler guard;         tests: failures throw Ulo::AssertionFailure
 //
 // A failed assertion means the model is broken; the default handler prints the text, the message
@@ -32,7 +32,7 @@ struct AssertionFailure : std::exception {
    const char* file;
    int line;
 
-private:
+ private:
    std::string what_;
 };
 
@@ -48,22 +48,22 @@ AssertHandler assertHandlerIs(AssertHandler handler);
 
 // For tests: while alive, failed assertions throw AssertionFailure instead of aborting.
 class ScopedThrowingAssertHandler {
-public:
+ public:
    ScopedThrowingAssertHandler();
    ~ScopedThrowingAssertHandler();
    ScopedThrowingAssertHandler(const ScopedThrowingAssertHandler&) = delete;
    ScopedThrowingAssertHandler& operator=(const ScopedThrowingAssertHandler&) = delete;
 
-private:
+ private:
    AssertHandler previous_;
 };
 
 }  // namespace Ulo
 
-#define VEXLO_ASSERT(cond, text)                                             \
-   do {                                                                      \
-      if (!(cond)) [[unlikely]]                                              \
-         ::Ulo::assertFailed((text), std::string(), __FILE__, __LINE__);     \
+#define VEXLO_ASSERT(cond, text)                                         \
+   do {                                                                  \
+      if (!(cond)) [[unlikely]]                                          \
+         ::Ulo::assertFailed((text), std::string(), __FILE__, __LINE__); \
    } while (0)
 
 #define VEXLO_ASSERT_MSG(cond, text, ...)                                                 \

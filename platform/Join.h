@@ -22,6 +22,8 @@ std::string joinPieces(const Pieces&... pieces) {
    return fmt::to_string(out);
 }
 
-inline std::string joinPieces() { return std::string(); }
+inline std::string joinPieces() {
+   return std::string();
+}
 
 }  // namespace Ulo

@@ -48,14 +48,18 @@ bool v6HostBitsClear(const IpGenAddr::Bytes& b, unsigned len) {
    for (unsigned i = 0; i < 16; ++i) {
       unsigned first = i * 8;  // first bit of this byte
       uint8_t hostMask = 0;
-      if (len <= first) hostMask = 0xff;
-      else if (len < first + 8) hostMask = uint8_t(0xffu >> (len - first));
+      if (len <= first)
+         hostMask = 0xff;
+      else if (len < first + 8)
+         hostMask = uint8_t(0xffu >> (len - first));
       if (b[i] & hostMask) return false;
    }
    return true;
 }
 
-constexpr uint32_t v4Mask(unsigned len) { return len == 0 ? 0 : ~uint32_t(0) << (32 - len); }
+constexpr uint32_t v4Mask(unsigned len) {
+   return len == 0 ? 0 : ~uint32_t(0) << (32 - len);
+}
 
 struct KindName {
    IntfId::Kind kind;
@@ -75,7 +79,9 @@ VrfId::VrfId(uint32_t value) : value_(value) {
    if (value > maxValue) throw std::range_error(fmt::format("VrfId {} above {}", value, maxValue));
 }
 
-std::string VrfId::toString() const { return std::to_string(value_); }
+std::string VrfId::toString() const {
+   return std::to_string(value_);
+}
 
 VrfId VrfId::fromString(std::string_view text) {
    uint32_t v = 0;
@@ -83,7 +89,9 @@ VrfId VrfId::fromString(std::string_view text) {
    return VrfId(v);
 }
 
-std::string AdjId::toString() const { return std::to_string(value_); }
+std::string AdjId::toString() const {
+   return std::to_string(value_);
+}
 
 AdjId AdjId::fromString(std::string_view text) {
    uint32_t v = 0;
@@ -95,7 +103,9 @@ VlanId::VlanId(uint16_t value) : value_(value) {
    if (value > maxValue) throw std::range_error(fmt::format("VlanId {} above {}", value, maxValue));
 }
 
-std::string VlanId::toString() const { return std::to_string(value_); }
+std::string VlanId::toString() const {
+   return std::to_string(value_);
+}
 
 VlanId VlanId::fromString(std::string_view text) {
    uint32_t v = 0;
@@ -106,7 +116,8 @@ VlanId VlanId::fromString(std::string_view text) {
 // ---- IntfId ------------------------------------------------------------------------------
 
 IntfId IntfId::make(Kind kind, uint32_t number) {
-   if (number > maxNumber) throw std::range_error(fmt::format("interface number {} too large", number));
+   if (number > maxNumber)
+      throw std::range_error(fmt::format("interface number {} too large", number));
    if (kind == Kind::none && number != 0) throw std::range_error("interface without a kind");
    if (uint8_t(kind) > uint8_t(Kind::vxlan)) throw std::range_error("unknown interface kind");
    return IntfId((uint32_t(kind) << 24) | number);
@@ -140,9 +151,12 @@ AddressFamily addressFamilyFromInt(int value) {
 
 std::string_view toString(AddressFamily af) {
    switch (af) {
-      case AddressFamily::ipv4: return "ipv4";
-      case AddressFamily::ipv6: return "ipv6";
-      case AddressFamily::ipunknown: return "ipunknown";
+      case AddressFamily::ipv4:
+         return "ipv4";
+      case AddressFamily::ipv6:
+         return "ipv6";
+      case AddressFamily::ipunknown:
+         return "ipunknown";
    }
    return "ipunknown";
 }
@@ -232,7 +246,9 @@ bool Prefix::contains(uint32_t hostOrderAddr) const {
    return !isNullPrefix() && ((hostOrderAddr ^ addr_) & v4Mask(len_)) == 0;
 }
 
-std::string Prefix::toString() const { return fmt::format("{}/{}", IpGenAddr::v4(addr_), len_); }
+std::string Prefix::toString() const {
+   return fmt::format("{}/{}", IpGenAddr::v4(addr_), len_);
+}
 
 // ---- Ip6Prefix ---------------------------------------------------------------------------
 
@@ -396,6 +412,8 @@ size_t hashValue(const IpGenPrefix& p, size_t seed) {
 size_t hashValue(const IpGenRouteKey& k, size_t seed) {
    return hashValue(k.source(), hashValue(k.group(), seed));
 }
-size_t hashValue(const EthAddr& e, size_t seed) { return hashBytes(e.bytes().data(), 6, seed); }
+size_t hashValue(const EthAddr& e, size_t seed) {
+   return hashBytes(e.bytes().data(), 6, seed);
+}
 
 }  // namespace Ulo

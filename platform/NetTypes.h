@@ -41,7 +41,7 @@ constexpr size_t hashMix(size_t seed, uint64_t value) {
 }
 
 class VrfId {
-public:
+ public:
    static constexpr uint32_t maxValue = 0xffffff;
    constexpr VrfId() = default;
    // Range error above 0xffffff.
@@ -53,14 +53,14 @@ public:
    std::string toString() const;
    static VrfId fromString(std::string_view text);
 
-private:
+ private:
    struct Unchecked {};
    constexpr VrfId(uint32_t value, Unchecked) : value_(value) {}
    uint32_t value_ = 0;
 };
 
 class AdjId {
-public:
+ public:
    constexpr AdjId() = default;
    constexpr explicit AdjId(uint32_t value) : value_(value) {}
    constexpr uint32_t value() const { return value_; }
@@ -68,14 +68,14 @@ public:
    std::string toString() const;
    static AdjId fromString(std::string_view text);
 
-private:
+ private:
    uint32_t value_ = 0;
 };
 
 // An interface: the kind lives in the top byte, the number below it. Text forms "Ethernet7",
 // "Port-Channel3", "Vlan10", "Loopback0", "Vxlan1"; the null interface prints as "".
 class IntfId {
-public:
+ public:
    enum class Kind : uint8_t { none = 0, ethernet, portChannel, vlan, loopback, vxlan };
    static constexpr uint32_t maxNumber = 0xffffff;
 
@@ -95,14 +95,16 @@ public:
    std::string toString() const;
    static IntfId fromString(std::string_view text);
 
-private:
+ private:
    uint32_t raw_ = 0;
 };
 
-inline bool isPortChannel(IntfId intf) { return intf.isPortChannel(); }
+inline bool isPortChannel(IntfId intf) {
+   return intf.isPortChannel();
+}
 
 class VlanId {
-public:
+ public:
    static constexpr uint16_t maxValue = 4095;
    constexpr VlanId() = default;
    // Range error above 4095.
@@ -112,7 +114,7 @@ public:
    std::string toString() const;
    static VlanId fromString(std::string_view text);
 
-private:
+ private:
    uint16_t value_ = 0;
 };
 
@@ -126,7 +128,7 @@ AddressFamily addressFamilyFromString(std::string_view text);
 // An address of either family. IPv4 addresses keep their four bytes at the front of the array in
 // network order. A default address has the unknown family and prints as "".
 class IpGenAddr {
-public:
+ public:
    using Bytes = std::array<uint8_t, 16>;
    constexpr IpGenAddr() = default;
    // IPv4 from a host-order integer.
@@ -145,7 +147,7 @@ public:
    auto operator<=>(const IpGenAddr&) const = default;
    std::string toString() const;
 
-private:
+ private:
    AddressFamily af_ = AddressFamily::ipunknown;
    Bytes bytes_{};
 };
@@ -153,7 +155,7 @@ private:
 // An IPv4 prefix. Lengths 0 to 32; the null prefix (address 0, length 255) marks an empty half of
 // a TCAM entry. Host bits below the length are refused.
 class Prefix {
-public:
+ public:
    static constexpr uint8_t nullLen = 255;
    constexpr Prefix() = default;  // 0.0.0.0/0
    // Range error when len > 32 (other than the null prefix) or host bits are set.
@@ -169,7 +171,7 @@ public:
    auto operator<=>(const Prefix&) const = default;
    std::string toString() const;
 
-private:
+ private:
    struct Unchecked {};
    constexpr Prefix(uint32_t a, uint8_t l, Unchecked) : addr_(a), len_(l) {}
    uint32_t addr_ = 0;
@@ -178,7 +180,7 @@ private:
 
 // An IPv6 prefix, lengths 0 to 128; host bits below the length are refused.
 class Ip6Prefix {
-public:
+ public:
    using Bytes = IpGenAddr::Bytes;
    constexpr Ip6Prefix() = default;  // ::/0
    Ip6Prefix(const Bytes& bytes, uint8_t len);
@@ -191,14 +193,14 @@ public:
    auto operator<=>(const Ip6Prefix&) const = default;
    std::string toString() const;
 
-private:
+ private:
    Bytes bytes_{};
    uint8_t len_ = 0;
 };
 
 // A prefix of either family; a default one has the unknown family.
 class IpGenPrefix {
-public:
+ public:
    constexpr IpGenPrefix() = default;
    IpGenPrefix(const Prefix& p);     // NOLINT: implicit on purpose, a prefix is a generic prefix
    IpGenPrefix(const Ip6Prefix& p);  // NOLINT
@@ -207,12 +209,12 @@ public:
    AddressFamily af() const { return af_; }
    uint8_t len() const { return len_; }
    IpGenAddr address() const;
-   Prefix v4Prefix() const;    // range error unless IPv4
+   Prefix v4Prefix() const;     // range error unless IPv4
    Ip6Prefix v6Prefix() const;  // range error unless IPv6
    auto operator<=>(const IpGenPrefix&) const = default;
    std::string toString() const;
 
-private:
+ private:
    AddressFamily af_ = AddressFamily::ipunknown;
    IpGenAddr::Bytes bytes_{};
    uint8_t len_ = 0;
@@ -221,7 +223,7 @@ private:
 // A multicast route key: a group prefix and a source prefix. Its address family is the group's.
 // Text form "group,source", e.g. "239.1.1.1/32,10.0.0.0/8".
 class IpGenRouteKey {
-public:
+ public:
    IpGenRouteKey() = default;
    IpGenRouteKey(const IpGenPrefix& group, const IpGenPrefix& source)
        : group_(group), source_(source) {}
@@ -233,14 +235,14 @@ public:
    auto operator<=>(const IpGenRouteKey&) const = default;
    std::string toString() const;
 
-private:
+ private:
    IpGenPrefix group_;
    IpGenPrefix source_;
 };
 
 // Text form "00:1a:2b:3c:4d:5e"; parsing also takes "001a.2b3c.4d5e".
 class EthAddr {
-public:
+ public:
    using Bytes = std::array<uint8_t, 6>;
    constexpr EthAddr() = default;
    constexpr explicit EthAddr(const Bytes& b) : bytes_(b) {}
@@ -249,7 +251,7 @@ public:
    auto operator<=>(const EthAddr&) const = default;
    std::string toString() const;
 
-private:
+ private:
    Bytes bytes_{};
 };
 
@@ -259,10 +261,18 @@ size_t hashValue(const Ip6Prefix& p, size_t seed = 0);
 size_t hashValue(const IpGenPrefix& p, size_t seed = 0);
 size_t hashValue(const IpGenRouteKey& k, size_t seed = 0);
 size_t hashValue(const EthAddr& e, size_t seed = 0);
-inline size_t hashValue(VrfId v, size_t seed = 0) { return hashMix(seed, v.value()); }
-inline size_t hashValue(AdjId v, size_t seed = 0) { return hashMix(seed, v.value()); }
-inline size_t hashValue(IntfId v, size_t seed = 0) { return hashMix(seed, v.raw()); }
-inline size_t hashValue(VlanId v, size_t seed = 0) { return hashMix(seed, v.value()); }
+inline size_t hashValue(VrfId v, size_t seed = 0) {
+   return hashMix(seed, v.value());
+}
+inline size_t hashValue(AdjId v, size_t seed = 0) {
+   return hashMix(seed, v.value());
+}
+inline size_t hashValue(IntfId v, size_t seed = 0) {
+   return hashMix(seed, v.raw());
+}
+inline size_t hashValue(VlanId v, size_t seed = 0) {
+   return hashMix(seed, v.value());
+}
 
 // {fmt} support for every type with toString(): "{}" prints its text form.
 template <class T>
@@ -276,26 +286,33 @@ struct ToStringFormatter : fmt::formatter<std::string_view> {
 }  // namespace Ulo
 
 // Small integer wrappers print as their number without building a string.
-#define VEXLO_NUMBER_FORMATTER(T, getter)                                 \
-   template <>                                                           \
-   struct fmt::formatter<T> : fmt::formatter<uint32_t> {                 \
-      template <class Ctx>                                               \
-      auto format(const T& v, Ctx& ctx) const {                          \
+#define VEXLO_NUMBER_FORMATTER(T, getter)                                    \
+   template <>                                                               \
+   struct fmt::formatter<T> : fmt::formatter<uint32_t> {                     \
+      template <class Ctx>                                                   \
+      auto format(const T& v, Ctx& ctx) const {                              \
          return fmt::formatter<uint32_t>::format(uint32_t(v.getter()), ctx); \
-      }                                                                  \
+      }                                                                      \
    }
 VEXLO_NUMBER_FORMATTER(Ulo::VrfId, value);
 VEXLO_NUMBER_FORMATTER(Ulo::AdjId, value);
 VEXLO_NUMBER_FORMATTER(Ulo::VlanId, value);
 #undef VEXLO_NUMBER_FORMATTER
 
-template <> struct fmt::formatter<Ulo::IntfId> : Ulo::ToStringFormatter<Ulo::IntfId> {};
-template <> struct fmt::formatter<Ulo::IpGenAddr> : Ulo::ToStringFormatter<Ulo::IpGenAddr> {};
-template <> struct fmt::formatter<Ulo::Prefix> : Ulo::ToStringFormatter<Ulo::Prefix> {};
-template <> struct fmt::formatter<Ulo::Ip6Prefix> : Ulo::ToStringFormatter<Ulo::Ip6Prefix> {};
-template <> struct fmt::formatter<Ulo::IpGenPrefix> : Ulo::ToStringFormatter<Ulo::IpGenPrefix> {};
-template <> struct fmt::formatter<Ulo::IpGenRouteKey> : Ulo::ToStringFormatter<Ulo::IpGenRouteKey> {};
-template <> struct fmt::formatter<Ulo::EthAddr> : Ulo::ToStringFormatter<Ulo::EthAddr> {};
+template <>
+struct fmt::formatter<Ulo::IntfId> : Ulo::ToStringFormatter<Ulo::IntfId> {};
+template <>
+struct fmt::formatter<Ulo::IpGenAddr> : Ulo::ToStringFormatter<Ulo::IpGenAddr> {};
+template <>
+struct fmt::formatter<Ulo::Prefix> : Ulo::ToStringFormatter<Ulo::Prefix> {};
+template <>
+struct fmt::formatter<Ulo::Ip6Prefix> : Ulo::ToStringFormatter<Ulo::Ip6Prefix> {};
+template <>
+struct fmt::formatter<Ulo::IpGenPrefix> : Ulo::ToStringFormatter<Ulo::IpGenPrefix> {};
+template <>
+struct fmt::formatter<Ulo::IpGenRouteKey> : Ulo::ToStringFormatter<Ulo::IpGenRouteKey> {};
+template <>
+struct fmt::formatter<Ulo::EthAddr> : Ulo::ToStringFormatter<Ulo::EthAddr> {};
 template <>
 struct fmt::formatter<Ulo::AddressFamily> : fmt::formatter<std::string_view> {
    template <class Ctx>
@@ -304,9 +321,9 @@ struct fmt::formatter<Ulo::AddressFamily> : fmt::formatter<std::string_view> {
    }
 };
 
-#define VEXLO_STD_HASH(T)                                                       \
-   template <>                                                                  \
-   struct std::hash<T> {                                                        \
+#define VEXLO_STD_HASH(T)                                                        \
+   template <>                                                                   \
+   struct std::hash<T> {                                                         \
       size_t operator()(const T& v) const noexcept { return Ulo::hashValue(v); } \
    }
 VEXLO_STD_HASH(Ulo::VrfId);

@@ -2,8 +2,8 @@
 //
 // Synopsis
 //   Ulo::Ptr<T>, Ulo::Ptr<const T>       reference-counted handles (std::shared_ptr)
-//   Ulo::Notifier<Args...> changed;      an observable: changed.notify(args...) calls every subscriber
-//   Ulo::Subscription s = changed.subscribe(callback);   unsubscribes when destroyed
+//   Ulo::Notifier<Args...> changed;      an observable: changed.notify(args...) calls every
+//   subscriber Ulo::Subscription s = changed.subscribe(callback);   unsubscribes when destroyed
 //   class MySm : public Ulo::Reactor     owns its subscriptions; watch(notifier, callback);
 //   sm.hasNotificationActiveIs(false)    the reactor ignores notifications until switched back on
 //
@@ -29,7 +29,7 @@ using Ptr = std::shared_ptr<T>;
 namespace detail {
 
 class SubscriberList {
-public:
+ public:
    struct Entry {
       uint64_t id;
       bool alive;
@@ -58,11 +58,12 @@ public:
    }
    size_t size() const {
       size_t live = 0;
-      for (const auto& e : entries_) live += e->alive;
+      for (const auto& e : entries_)
+         live += e->alive;
       return live;
    }
 
-private:
+ private:
    void compact() {
       std::erase_if(entries_, [](const std::unique_ptr<Entry>& e) { return !e->alive; });
    }
@@ -75,7 +76,7 @@ private:
 
 // Ends a subscription when destroyed or reset; outliving the notifier is harmless.
 class Subscription {
-public:
+ public:
    Subscription() = default;
    Subscription(std::weak_ptr<detail::SubscriberList> list, uint64_t id)
        : list_(std::move(list)), id_(id) {}
@@ -101,14 +102,14 @@ public:
    }
    bool active() const { return id_ != 0 && !list_.expired(); }
 
-private:
+ private:
    std::weak_ptr<detail::SubscriberList> list_;
    uint64_t id_ = 0;
 };
 
 template <class... Args>
 class Notifier {
-public:
+ public:
    using Callback = std::function<void(const Args&...)>;
 
    Notifier() : list_(std::make_shared<detail::SubscriberList>()) {}
@@ -130,26 +131,26 @@ public:
    }
    size_t subscribers() const { return list_->size(); }
 
-private:
+ private:
    std::shared_ptr<detail::SubscriberList> list_;
 };
 
 // Base of state machines that react to notifications. It owns its subscriptions (they end with
 // it) and can switch its notifications off as a whole.
 class Reactor {
-public:
+ public:
    virtual ~Reactor() = default;
 
    bool hasNotificationActive() const { return notificationActive_; }
    void hasNotificationActiveIs(bool active) { notificationActive_ = active; }
 
-protected:
+ protected:
    // Subscribes a callback that runs only while this reactor's notifications are active. The
    // returned index can be passed to unwatch().
    template <class... Args, class F>
    size_t watch(Notifier<Args...>& notifier, F&& callback) {
-      subscriptions_.push_back(notifier.subscribe(
-          [this, cb = std::forward<F>(callback)](const Args&... args) {
+      subscriptions_.push_back(
+          notifier.subscribe([this, cb = std::forward<F>(callback)](const Args&... args) {
              if (notificationActive_) cb(args...);
           }));
       return subscriptions_.size() - 1;
@@ -158,7 +159,7 @@ protected:
       if (index < subscriptions_.size()) subscriptions_[index].reset();
    }
 
-private:
+ private:
    bool notificationActive_ = true;
    std::vector<Subscription> subscriptions_;
 };

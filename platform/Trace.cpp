@@ -22,7 +22,8 @@ struct Registry {
       return it != named.end() ? it->second : everyHandle;
    }
    void refresh() {
-      for (TraceHandle* h : handles) h->levelsIs(levelsOf(h->name()));
+      for (TraceHandle* h : handles)
+         h->levelsIs(levelsOf(h->name()));
    }
    void set(std::string_view name, uint16_t mask) {
       if (name == "*") {
@@ -54,7 +55,8 @@ Registry& registry() {
       auto* reg = new Registry;
       if (const char* env = std::getenv("VEXLO_TRACE"); env && *env) {
          try {
-            for (auto& [name, mask] : parseConfig(env)) reg->set(name, mask);
+            for (auto& [name, mask] : parseConfig(env))
+               reg->set(name, mask);
          } catch (const std::range_error& e) {
             std::fprintf(stderr, "VEXLO_TRACE ignored: %s\n", e.what());
          }
@@ -75,8 +77,10 @@ unsigned parseLevel(std::string_view text, std::string_view item) {
 }
 
 std::string_view trim(std::string_view s) {
-   while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
-   while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.remove_suffix(1);
+   while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
+      s.remove_prefix(1);
+   while (!s.empty() && (s.back() == ' ' || s.back() == '\t'))
+      s.remove_suffix(1);
    return s;
 }
 
@@ -89,15 +93,20 @@ std::vector<std::pair<std::string, uint16_t>> parseConfig(std::string_view confi
       if (item.empty()) continue;
       size_t eq = item.find('=');
       std::string_view name = trim(item.substr(0, eq));
-      if (name.empty()) throw std::range_error("trace handle name missing in \"" + std::string(item) + "\"");
+      if (name.empty())
+         throw std::range_error("trace handle name missing in \"" + std::string(item) + "\"");
       uint16_t mask = traceLevels(0, TraceHandle::maxLevel);
       if (eq != std::string_view::npos) {
          std::string_view levels = trim(item.substr(eq + 1));
          if (levels != "*") {
             size_t dash = levels.find('-');
             unsigned lo = parseLevel(trim(levels.substr(0, dash)), item);
-            unsigned hi = dash == std::string_view::npos ? lo : parseLevel(trim(levels.substr(dash + 1)), item);
-            if (lo > hi) throw std::range_error("trace level range is reversed in \"" + std::string(item) + "\"");
+            unsigned hi = dash == std::string_view::npos
+                              ? lo
+                              : parseLevel(trim(levels.substr(dash + 1)), item);
+            if (lo > hi)
+               throw std::range_error("trace level range is reversed in \"" + std::string(item) +
+                                      "\"");
             mask = traceLevels(lo, hi);
          }
       }
@@ -132,14 +141,17 @@ void enable(std::string_view handle, unsigned lo, unsigned hi) {
    uint16_t mask = traceLevels(lo, hi);
    if (handle == "*") {
       r.everyHandle |= mask;
-      for (auto& [name, m] : r.named) m |= mask;
+      for (auto& [name, m] : r.named)
+         m |= mask;
    } else {
       r.named[std::string(handle)] = uint16_t(r.levelsOf(handle) | mask);
    }
    r.refresh();
 }
 
-void disable(std::string_view handle) { levelsIs(handle, 0); }
+void disable(std::string_view handle) {
+   levelsIs(handle, 0);
+}
 
 void levelsIs(std::string_view handle, uint16_t mask) {
    Registry& r = registry();
@@ -150,13 +162,18 @@ void levelsIs(std::string_view handle, uint16_t mask) {
 void configure(std::string_view config) {
    auto items = parseConfig(config);  // throws before anything is applied
    Registry& r = registry();
-   for (auto& [name, mask] : items) r.set(name, mask);
+   for (auto& [name, mask] : items)
+      r.set(name, mask);
    r.refresh();
 }
 
-uint16_t levels(std::string_view handle) { return registry().levelsOf(handle); }
+uint16_t levels(std::string_view handle) {
+   return registry().levelsOf(handle);
+}
 
-void sinkIs(std::shared_ptr<TraceSink> s) { registry().sink = std::move(s); }
+void sinkIs(std::shared_ptr<TraceSink> s) {
+   registry().sink = std::move(s);
+}
 
 std::shared_ptr<TraceSink> sink() {
    Registry& r = registry();
@@ -174,7 +191,9 @@ FileTraceSink::FileTraceSink(const std::string& path) : file_(std::fopen(path.c_
    if (!file_) throw std::runtime_error("cannot open trace file " + path);
 }
 
-FileTraceSink::~FileTraceSink() { std::fclose(file_); }
+FileTraceSink::~FileTraceSink() {
+   std::fclose(file_);
+}
 
 void FileTraceSink::write(std::string_view handle, unsigned level, std::string_view line) {
    fmt::print(file_, "{} {}: {}\n", handle, level, line);
@@ -188,7 +207,8 @@ void CapturingTraceSink::write(std::string_view handle, unsigned level, std::str
 std::vector<std::string> CapturingTraceSink::texts() const {
    std::vector<std::string> out;
    out.reserve(lines_.size());
-   for (const Line& l : lines_) out.push_back(l.text);
+   for (const Line& l : lines_)
+      out.push_back(l.text);
    return out;
 }
 

@@ -6,8 +6,8 @@
 //   TRACE_FMT(th, 6, "Range/{} start {} end {}", len, s, e);  // {fmt} format string
 //
 //   VEXLO_TRACE='VexloL3CommonTcamTable=1-8,VexloL3HitBit=4'  switches levels on at start-up
-//   VEXLO_TRACE_FILE=path                                    sends lines to a file instead of stderr
-//   Ulo::Trace::enable("VexloL3HitBit", 0, 9);               the same from code
+//   VEXLO_TRACE_FILE=path                                    sends lines to a file instead of
+//   stderr Ulo::Trace::enable("VexloL3HitBit", 0, 9);               the same from code
 //   Ulo::ScopedTraceCapture cap("VexloL3HitBit", 4);         tests: capture lines in memory
 //
 // A level that is off costs one load and one predictable branch: the pieces of a TRACE line are
@@ -34,13 +34,13 @@
 namespace Ulo {
 
 class TraceSink {
-public:
+ public:
    virtual ~TraceSink() = default;
    virtual void write(std::string_view handle, unsigned level, std::string_view line) = 0;
 };
 
 class TraceHandle {
-public:
+ public:
    static constexpr unsigned maxLevel = 9;
 
    explicit TraceHandle(const char* name);
@@ -67,7 +67,7 @@ public:
       write(level, std::string_view(line.data(), line.size()));
    }
 
-private:
+ private:
    void write(unsigned level, std::string_view line) const;
 
    const char* name_;
@@ -77,13 +77,15 @@ private:
 // Level mask for the inclusive range [lo, hi].
 constexpr uint16_t traceLevels(unsigned lo, unsigned hi) {
    uint16_t mask = 0;
-   for (unsigned l = lo; l <= hi && l <= TraceHandle::maxLevel; ++l) mask |= uint16_t(1u << l);
+   for (unsigned l = lo; l <= hi && l <= TraceHandle::maxLevel; ++l)
+      mask |= uint16_t(1u << l);
    return mask;
 }
 
 namespace Trace {
 
-// Switches levels [lo, hi] on for a handle ("*" for all handles), now and for handles created later.
+// Switches levels [lo, hi] on for a handle ("*" for all handles), now and for handles created
+// later.
 void enable(std::string_view handle, unsigned lo = 0, unsigned hi = TraceHandle::maxLevel);
 // Switches every level of a handle ("*" for all) off.
 void disable(std::string_view handle);
@@ -102,24 +104,24 @@ std::shared_ptr<TraceSink> sink();
 
 // Writes "handle level: line" to stderr.
 class StderrTraceSink : public TraceSink {
-public:
+ public:
    void write(std::string_view handle, unsigned level, std::string_view line) override;
 };
 
 // Appends "handle level: line" to a file; throws std::runtime_error when it cannot be opened.
 class FileTraceSink : public TraceSink {
-public:
+ public:
    explicit FileTraceSink(const std::string& path);
    ~FileTraceSink() override;
    void write(std::string_view handle, unsigned level, std::string_view line) override;
 
-private:
+ private:
    std::FILE* file_;
 };
 
 // Keeps every line in memory, for tests.
 class CapturingTraceSink : public TraceSink {
-public:
+ public:
    struct Line {
       std::string handle;
       unsigned level;
@@ -133,14 +135,14 @@ public:
    bool contains(std::string_view fragment) const;
    void clear() { lines_.clear(); }
 
-private:
+ private:
    std::vector<Line> lines_;
 };
 
 // For tests: captures the lines of one handle at the given levels while alive, then restores the
 // previous sink and levels.
 class ScopedTraceCapture {
-public:
+ public:
    ScopedTraceCapture(std::string_view handle, unsigned lo = 0,
                       unsigned hi = TraceHandle::maxLevel);
    ~ScopedTraceCapture();
@@ -151,7 +153,7 @@ public:
    std::vector<std::string> texts() const { return sink_->texts(); }
    bool contains(std::string_view fragment) const { return sink_->contains(fragment); }
 
-private:
+ private:
    std::string handle_;
    uint16_t previousLevels_;
    std::shared_ptr<TraceSink> previousSink_;
@@ -160,14 +162,14 @@ private:
 
 }  // namespace Ulo
 
-#define TRACE(handle, level, ...)                                    \
-   do {                                                              \
-      if ((handle).enabled(level)) [[unlikely]]                      \
-         (handle).emit((level), __VA_ARGS__);                        \
+#define TRACE(handle, level, ...)               \
+   do {                                         \
+      if ((handle).enabled(level)) [[unlikely]] \
+         (handle).emit((level), __VA_ARGS__);   \
    } while (0)
 
-#define TRACE_FMT(handle, level, ...)                                \
-   do {                                                              \
-      if ((handle).enabled(level)) [[unlikely]]                      \
-         (handle).emitFormat((level), __VA_ARGS__);                  \
+#define TRACE_FMT(handle, level, ...)               \
+   do {                                             \
+      if ((handle).enabled(level)) [[unlikely]]     \
+         (handle).emitFormat((level), __VA_ARGS__); \
    } while (0)

@@ -13,7 +13,7 @@ namespace Ulo {
 // An unsigned 64-bit version. 0x7FFFFFFFFFFFFFFF and 0xFFFFFFFFFFFFFFFF are reserved by the layer
 // and refused with a range error; every other value is a version.
 class UloPdVersionId {
-public:
+ public:
    static constexpr uint64_t maxVersion = 0x7FFFFFFFFFFFFFFEull;
    static constexpr const char* rangeErrorText =
        "Ulo::UloPdVersionId::version < 0 or > Ulo::UloPdVersionId::maxVersion not allowed";
@@ -29,7 +29,7 @@ public:
    auto operator<=>(const UloPdVersionId&) const = default;
    std::string toString() const { return std::to_string(version_); }
 
-private:
+ private:
    uint64_t version_ = 0;
 };
 

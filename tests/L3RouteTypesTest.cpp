@@ -10,8 +10,12 @@ using Ulo::Ip6Prefix;
 using Ulo::Prefix;
 
 namespace {
-Ipv4UcastKey k4(uint32_t vrf, const char* p) { return Ipv4UcastKey(VrfId(vrf), Prefix::fromString(p)); }
-Ipv6UcastKey k6(uint32_t vrf, const char* p) { return Ipv6UcastKey(VrfId(vrf), Ip6Prefix::fromString(p)); }
+Ipv4UcastKey k4(uint32_t vrf, const char* p) {
+   return Ipv4UcastKey(VrfId(vrf), Prefix::fromString(p));
+}
+Ipv6UcastKey k6(uint32_t vrf, const char* p) {
+   return Ipv6UcastKey(VrfId(vrf), Ip6Prefix::fromString(p));
+}
 }  // namespace
 
 TEST(RouteKeys, VrfDecidesBeforeThePrefix) {
@@ -19,7 +23,8 @@ TEST(RouteKeys, VrfDecidesBeforeThePrefix) {
    EXPECT_LT(k4(1, "10.0.0.0/8"), k4(1, "10.0.0.0/16"));
    EXPECT_LT(k6(1, "ff00::/8"), k6(2, "::/0"));
    EXPECT_EQ(k4(3, "10.0.0.0/8"), k4(3, "10.0.0.0/8"));
-   IpMcastPrefixKey a(1, 0, Ulo::IpGenAddr::fromString("239.1.1.1"), Ulo::IpGenAddr::fromString("10.0.0.1"), 64);
+   IpMcastPrefixKey a(1, 0, Ulo::IpGenAddr::fromString("239.1.1.1"),
+                      Ulo::IpGenAddr::fromString("10.0.0.1"), 64);
    IpMcastPrefixKey b = a;
    b.tableId = 1;
    IpMcastPrefixKey c = a;
@@ -32,7 +37,8 @@ TEST(RouteKeys, TraceFormsAndHashes) {
    EXPECT_EQ(fmt::format("{}", k4(1, "10.0.0.0/8")), "10.0.0.0/8(vrf1)");
    EXPECT_EQ(fmt::format("{}", k6(7, "2001:db8::/32")), "2001:db8::/32(vrf7)");
    EXPECT_EQ(fmt::format("{}", Ipv4UcastKey::nullKey(VrfId(2))), "0.0.0.0/255(vrf2)");
-   EXPECT_EQ(fmt::format("{}", IpUcastKey(VrfId(4), Ulo::IpGenPrefix::fromString("::/0"))), "::/0(vrf4)");
+   EXPECT_EQ(fmt::format("{}", IpUcastKey(VrfId(4), Ulo::IpGenPrefix::fromString("::/0"))),
+             "::/0(vrf4)");
 
    IpUcastKey x(VrfId(1), Prefix::fromString("10.0.0.0/8"));
    IpUcastKey y(VrfId(2), Prefix::fromString("10.0.0.0/8"));
@@ -40,7 +46,8 @@ TEST(RouteKeys, TraceFormsAndHashes) {
    EXPECT_NE(x.hash(0), y.hash(0));
    EXPECT_NE(x.hash(0), z.hash(0));
    EXPECT_NE(x.hash(0), x.hash(1)) << "the seed is mixed in";
-   std::unordered_set<Ipv4UcastKey> set{k4(1, "10.0.0.0/8"), k4(2, "10.0.0.0/8"), k4(1, "10.0.0.0/8")};
+   std::unordered_set<Ipv4UcastKey> set{k4(1, "10.0.0.0/8"), k4(2, "10.0.0.0/8"),
+                                        k4(1, "10.0.0.0/8")};
    EXPECT_EQ(set.size(), 2u);
 }
 
@@ -59,8 +66,10 @@ TEST(RouteTypes, EnumeratorValuesAndNames) {
    EXPECT_EQ(index(RouteType::v4Mcast), 3u);
    EXPECT_EQ(unsigned(EntryType::v4Both), 3u);
    EXPECT_EQ(unsigned(EntryType::mcastV4), 5u);
-   for (RouteType t : allRouteTypes) EXPECT_EQ(routeTypeFromString(toString(t)), t);
-   for (unsigned i = 0; i <= 5; ++i) EXPECT_EQ(entryTypeFromString(toString(EntryType(i))), EntryType(i));
+   for (RouteType t : allRouteTypes)
+      EXPECT_EQ(routeTypeFromString(toString(t)), t);
+   for (unsigned i = 0; i <= 5; ++i)
+      EXPECT_EQ(entryTypeFromString(toString(EntryType(i))), EntryType(i));
    EXPECT_EQ(fmt::format("{} {}", RouteType::v6Half, EntryType::v4Right), "v6Half v4Right");
    EXPECT_THROW(routeTypeFromString("v5"), std::range_error);
    EXPECT_THROW(entryTypeFromString(""), std::range_error);
@@ -72,10 +81,13 @@ TEST(RouteTypes, EnumeratorValuesAndNames) {
 namespace {
 IndexRangeList list(std::initializer_list<IndexRange> runs) {
    IndexRangeList l;
-   for (const IndexRange& r : runs) l.indexRangeIs(r);
+   for (const IndexRange& r : runs)
+      l.indexRangeIs(r);
    return l;
 }
-std::vector<IndexRange> runs(const IndexRangeList& l) { return {l.indexRange().begin(), l.indexRange().end()}; }
+std::vector<IndexRange> runs(const IndexRangeList& l) {
+   return {l.indexRange().begin(), l.indexRange().end()};
+}
 using V = std::vector<IndexRange>;
 }  // namespace
 

@@ -60,7 +60,8 @@ TEST(NetTypes, BadTextIsARangeError) {
 
 TEST(NetTypes, PrefixesRefuseHostBitsButKeepTheNullPrefix) {
    EXPECT_THROW(Ip6Prefix(IpGenAddr::fromString("2001:db8::1").bytes(), 64), std::range_error);
-   EXPECT_THROW(Ip6Prefix(IpGenAddr::fromString("2001:db8:0:0:8000::").bytes(), 64), std::range_error);
+   EXPECT_THROW(Ip6Prefix(IpGenAddr::fromString("2001:db8:0:0:8000::").bytes(), 64),
+                std::range_error);
    EXPECT_NO_THROW(Ip6Prefix(IpGenAddr::fromString("2001:db8:0:0:8000::").bytes(), 65));
    EXPECT_THROW(Prefix(0x0a000001, 31), std::range_error);
    EXPECT_THROW(Prefix(0, 33), std::range_error);

@@ -10,8 +10,10 @@ using namespace Ulo;
 TEST(Notifier, CallsSubscribersInOrderUntilTheyUnsubscribe) {
    Notifier<int, std::string> changed;
    std::vector<std::string> calls;
-   Subscription a = changed.subscribe([&](int i, const std::string& s) { calls.push_back("a" + std::to_string(i) + s); });
-   Subscription b = changed.subscribe([&](int i, const std::string&) { calls.push_back("b" + std::to_string(i)); });
+   Subscription a = changed.subscribe(
+       [&](int i, const std::string& s) { calls.push_back("a" + std::to_string(i) + s); });
+   Subscription b = changed.subscribe(
+       [&](int i, const std::string&) { calls.push_back("b" + std::to_string(i)); });
    changed.notify(1, "x");
    b.reset();
    changed.notify(2, "y");
@@ -51,7 +53,9 @@ TEST(Notifier, SubscriptionOutlivingTheNotifierIsHarmless) {
 
 namespace {
 struct Counter : Reactor {
-   explicit Counter(Notifier<int>& n) { watch(n, [this](int v) { sum += v; }); }
+   explicit Counter(Notifier<int>& n) {
+      watch(n, [this](int v) { sum += v; });
+   }
    int sum = 0;
 };
 }  // namespace

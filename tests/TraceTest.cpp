@@ -74,8 +74,8 @@ TEST(Trace, ConfigurationStringsSetLevelsPerHandle) {
 
 TEST(Trace, MalformedConfigurationChangesNothing) {
    Trace::configure("TraceTestHandle=2");
-   for (const char* bad : {"TraceTestHandle=10", "TraceTestHandle=3-1", "TraceTestHandle=a",
-                           "=3", "TraceTestHandle=1,TraceTestOther=x"}) {
+   for (const char* bad : {"TraceTestHandle=10", "TraceTestHandle=3-1", "TraceTestHandle=a", "=3",
+                           "TraceTestHandle=1,TraceTestOther=x"}) {
       EXPECT_THROW(Trace::configure(bad), std::range_error) << bad;
       EXPECT_EQ(th.levels(), traceLevels(2, 2)) << bad;
    }
@@ -119,7 +119,8 @@ TEST(Assert, ThrowingHandlerCarriesTextAndMessage) {
 }
 
 TEST(AssertDeathTest, DefaultHandlerAbortsWithTextAndLine) {
-   EXPECT_DEATH(VEXLO_ASSERT_MSG(false, "pos", "pos: ", 0), "Assertion failed: pos pos: 0 \\(.*TraceTest.cpp:[0-9]+\\)");
+   EXPECT_DEATH(VEXLO_ASSERT_MSG(false, "pos", "pos: ", 0),
+                "Assertion failed: pos pos: 0 \\(.*TraceTest.cpp:[0-9]+\\)");
 }
 
 TEST(AssertDeathTest, ScopedHandlerRestoresTheDefault) {
