@@ -48,13 +48,19 @@ class SubscriberList {
       if (depth_ == 0) compact();
    }
    void notify(const void* args) {
-      ++depth_;
+      // A subscriber may throw (a test's assertion handler does); the list must stay usable.
+      struct Depth {
+         SubscriberList& l;
+         explicit Depth(SubscriberList& list) : l(list) { ++l.depth_; }
+         ~Depth() {
+            if (--l.depth_ == 0) l.compact();
+         }
+      } depth(*this);
       const size_t n = entries_.size();  // late subscribers wait for the next notification
       for (size_t i = 0; i < n; ++i) {
          Entry* e = entries_[i].get();  // stable even if a subscriber grows the list
          if (e->alive) e->call(args);
       }
-      if (--depth_ == 0) compact();
    }
    size_t size() const {
       size_t live = 0;

@@ -73,3 +73,17 @@ TEST(Reactor, NotificationSwitchAndLifetime) {
    }
    EXPECT_EQ(n.subscribers(), 0u);  // the reactor's subscriptions ended with it
 }
+
+TEST(Notifier, AThrowingSubscriberLeavesTheListUsable) {
+   Notifier<int> n;
+   Subscription thrower = n.subscribe([](int v) {
+      if (v == 1) throw std::runtime_error("boom");
+   });
+   int calls = 0;
+   Subscription counter = n.subscribe([&](int) { ++calls; });
+   EXPECT_THROW(n.notify(1), std::runtime_error);
+   thrower.reset();
+   EXPECT_EQ(n.subscribers(), 1u);
+   n.notify(2);
+   EXPECT_EQ(calls, 1);
+}

@@ -1,0 +1,226 @@
+// IPv4 placement on a 16 K-entry table (mode 2, two routes per entry), tracing off:
+//   Fill     time to place ~28 000 Internet-like routes in random order (about 85 % of entries)
+//   Churn    withdraw and re-announce routes placed before, at about 90 % fill
+//   Baseline the textbook layout with all free space at the end of the table and one move per
+//            intervening length, measured on the same routes in the same run
+// Counters: moves per insert and model memory per route (live heap bytes of the model, counted
+// by this program's operator new/delete).
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <random>
+#include <unordered_set>
+#include <vector>
+
+#include "VexloL3Common/L3TcamTable.h"
+
+namespace {
+std::atomic<int64_t> liveBytes{0};
+}  // namespace
+
+void* operator new(size_t n) {
+   void* p = std::malloc(n + 16);
+   if (!p) throw std::bad_alloc();
+   *static_cast<size_t*>(p) = n;
+   liveBytes += int64_t(n);
+   return static_cast<char*>(p) + 16;
+}
+void operator delete(void* p) noexcept {
+   if (!p) return;
+   char* base = static_cast<char*>(p) - 16;
+   liveBytes -= int64_t(*reinterpret_cast<size_t*>(base));
+   std::free(base);
+}
+void operator delete(void* p, size_t) noexcept {
+   operator delete(p);
+}
+
+using namespace VexloL3Common;
+
+namespace {
+
+constexpr uint32_t kTableSize = 16384;
+constexpr size_t kFillRoutes = 28000;
+
+// Internet-like IPv4: about 60 % /24, 12 % /22, 10 % /23, 6 % /21, 5 % /20, the rest over /8-/19
+// and a few longer than /24; a third of the routes are more-specifics of earlier ones.
+std::vector<Ipv4UcastKey> internetLike(size_t n, uint64_t seed) {
+   std::mt19937_64 rng(seed);
+   std::vector<Ipv4UcastKey> out;
+   std::unordered_set<Ipv4UcastKey> seen;
+   auto pickLen = [&]() -> uint32_t {
+      uint32_t r = uint32_t(rng() % 1000);
+      if (r < 600) return 24;
+      if (r < 720) return 22;
+      if (r < 820) return 23;
+      if (r < 880) return 21;
+      if (r < 930) return 20;
+      if (r < 990) return 8 + uint32_t(rng() % 12);
+      return 25 + uint32_t(rng() % 8);
+   };
+   while (out.size() < n) {
+      uint32_t len = pickLen();
+      uint32_t addr = uint32_t(rng());
+      if (!out.empty() && rng() % 3 == 0) {
+         const Ipv4UcastKey& base = out[rng() % out.size()];
+         if (base.len() < len) addr = base.prefix.addr() | (addr & ~(~0u << (32 - base.len())));
+      }
+      Ipv4UcastKey key(VrfId(0), Ulo::Prefix(addr & (~0u << (32 - len)), uint8_t(len)));
+      if (seen.insert(key).second) out.push_back(key);
+   }
+   return out;
+}
+
+const std::vector<Ipv4UcastKey>& routes() {
+   static const std::vector<Ipv4UcastKey> r = internetLike(kFillRoutes + 4000, 42);
+   return r;
+}
+
+// A context whose writer acknowledges every move, as the hardware writer does.
+struct Model {
+   Ulo::Ptr<RouteMove> move = routeMoveFactory(), moveStatus = routeMoveFactory();
+   Ulo::Ptr<RouteMerge> merge = routeMergeFactory(), mergeStatus = routeMergeFactory();
+   Ulo::Subscription s1, s2;
+   Ulo::Ptr<L3TcamManagerContext> ctx;
+   Model() {
+      s1 = move->changed().subscribe([this](const RoutePosition& p) { moveStatus->posIs(p); });
+      s2 = merge->changed().subscribe([this](const RouteMergeInfo& m) { mergeStatus->mergeIs(m); });
+      L3TcamManagerContext::Config c;
+      c.tcamSize = kTableSize;
+      c.tcamMode = 2;
+      c.numUcastDefipBlocks = 8;
+      c.twoV4RoutesPerEntry = true;
+      c.routeMove = move;
+      c.routeMoveStatus = moveStatus;
+      c.routeMerge = merge;
+      c.routeMergeStatus = mergeStatus;
+      ctx = l3TcamManagerContextFactory(c);
+      ctx->handleInitialized(true);
+   }
+   uint64_t moves() const { return ctx->stats()->moveRoute(RouteType::v4); }
+};
+
+// The textbook layout: lengths packed longest first from index 1, all free space after the last
+// entry. An insert moves the first entry of every shorter length to the end of that length; a
+// delete closes the hole the same way, so free space stays at the end.
+class Baseline {
+ public:
+   explicit Baseline(uint32_t size) : size_(size) {}
+   bool add(uint32_t len) {
+      if (used_ + 1 >= size_) return false;
+      // The hole starts after the last entry and climbs past every shorter length.
+      for (uint32_t k = 0; k < len; ++k)
+         moves_ += count_[k] != 0;
+      ++count_[len];
+      ++used_;
+      return true;
+   }
+   void del(uint32_t len) {
+      // The last entry of the route's own length fills the hole, then the last entry of every
+      // shorter length fills the one above it.
+      moves_ += count_[len] > 1;
+      for (uint32_t k = 0; k < len; ++k)
+         moves_ += count_[k] != 0;
+      --count_[len];
+      --used_;
+   }
+   uint64_t moves() const { return moves_; }
+
+ private:
+   uint32_t size_;
+   uint32_t used_ = 0;
+   std::array<uint32_t, 33> count_{};
+   uint64_t moves_ = 0;
+};
+
+void BM_Fill(benchmark::State& state) {
+   const auto& r = routes();
+   uint64_t moves = 0, placed = 0;
+   int64_t bytes = 0;
+   for (auto _ : state) {
+      state.PauseTiming();
+      const int64_t before = liveBytes.load();
+      auto m = std::make_unique<Model>();
+      state.ResumeTiming();
+      for (size_t i = 0; i < kFillRoutes; ++i)
+         placed += m->ctx->addRoute4(r[i], false).routeId != 0;
+      state.PauseTiming();
+      moves += m->moves();
+      bytes = liveBytes.load() - before;
+      m.reset();
+      state.ResumeTiming();
+   }
+   const double iters = double(state.iterations());
+   state.counters["routes"] = double(placed) / iters;
+   state.counters["movesPerInsert"] = double(moves) / double(placed);
+   state.counters["bytesPerRoute"] = double(bytes) / (double(placed) / iters);
+}
+BENCHMARK(BM_Fill)->Unit(benchmark::kMillisecond);
+
+void BM_FillBaseline(benchmark::State& state) {
+   const auto& r = routes();
+   uint64_t moves = 0, placed = 0;
+   for (auto _ : state) {
+      Baseline b(kTableSize * 2);  // two routes per entry: count halves
+      for (size_t i = 0; i < kFillRoutes; ++i)
+         placed += b.add(r[i].len());
+      moves += b.moves();
+      benchmark::DoNotOptimize(b);
+   }
+   state.counters["movesPerInsert"] = double(moves) / double(placed);
+}
+BENCHMARK(BM_FillBaseline)->Unit(benchmark::kMillisecond);
+
+// Withdraw and re-announce at about 90 % fill; each iteration is two updates.
+void BM_Churn(benchmark::State& state) {
+   const auto& r = routes();
+   Model m;
+   std::vector<size_t> present;
+   size_t next = 0;
+   const uint32_t entriesTarget = kTableSize * 90 / 100;
+   while (m.ctx->entries(RouteType::v4) < entriesTarget && next < r.size()) {
+      if (m.ctx->addRoute4(r[next], false).routeId) present.push_back(next);
+      ++next;
+   }
+   std::mt19937_64 rng(7);
+   const uint64_t movesBefore = m.moves();
+   uint64_t readds = 0, refused = 0;
+   for (auto _ : state) {
+      const Ipv4UcastKey& key = r[present[rng() % present.size()]];
+      m.ctx->deleteRoute4(key, true, 0);
+      if (m.ctx->addRoute4(key, false).routeId)
+         ++readds;
+      else
+         ++refused;
+   }
+   state.SetItemsProcessed(int64_t(state.iterations()) * 2);
+   state.counters["fillEntries"] = double(m.ctx->entries(RouteType::v4)) / kTableSize;
+   state.counters["movesPerInsert"] = double(m.moves() - movesBefore) / double(readds + refused);
+   state.counters["refused"] = double(refused);
+}
+BENCHMARK(BM_Churn);
+
+void BM_ChurnBaseline(benchmark::State& state) {
+   const auto& r = routes();
+   Baseline b(kTableSize * 2);
+   std::vector<uint32_t> lens;
+   for (size_t i = 0; lens.size() < kTableSize * 2 * 90 / 100; ++i) {
+      if (b.add(r[i].len())) lens.push_back(r[i].len());
+   }
+   std::mt19937_64 rng(7);
+   const uint64_t before = b.moves();
+   for (auto _ : state) {
+      uint32_t len = lens[rng() % lens.size()];
+      b.del(len);
+      b.add(len);
+   }
+   state.SetItemsProcessed(int64_t(state.iterations()) * 2);
+   state.counters["movesPerUpdate"] = double(b.moves() - before) / double(state.iterations() * 2);
+}
+BENCHMARK(BM_ChurnBaseline);
+
+}  // namespace

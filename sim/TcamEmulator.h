@@ -1,0 +1,244 @@
+// TcamEmulator: a first-match model of the hardware LPM TCAM that plays the hardware writer,
+// and checks after every move that no installed route has become unreachable.
+//
+// Synopsis
+//   TcamEmulator emu(size, pairGap);       entries 1 .. size-1 (index 0 is never a route's)
+//   emu.attach(move, moveStatus, merge, mergeStatus);   carry out what the model publishes
+//   emu.detach();
+//   emu.writeV4(pos, keys), writeV6(pos, key, doubleSize), writeMcast(pos, key), clear(pos)
+//   emu.lookup4(vrf, addr), lookup6(vrf, bytes), lookupMcast(vrfIndex, tableId, group, source)
+//   emu.checkAll()                         full consistency check
+//   emu.checkAfterMove()                   incremental check of what changed since the last one
+//   emu.checkEveryMoveIs(true)             run it after every move and merge (the default)
+//   emu.onErrorIs(OnError::record)         keep going on errors (default: fatal assertion)
+//   emu.acknowledgesIs(false)              a broken writer that never fills the status records
+//   emu.entry(pos), emu.forEachEntry(f)    the image, to rebuild the model from
+//
+// The table. Entry p is empty, an IPv4 entry (two halves; a half holding a null prefix is empty),
+// a single-size IPv6 entry, the first entry of a double-size IPv6 entry (whose partner p + pairGap
+// is marked as its second half and matches nothing on its own), or a multicast entry. Lookups
+// search IPv4 and multicast entries in ascending index; IPv6 searches every double-size entry
+// before any single-size one, each in ascending index. Two IPv4 halves are tried right first.
+//
+// Writer role. For each published move the destination is overwritten with the source's contents
+// (both entries of a double-size pair) and the source is left as it is: until it is overwritten it
+// holds a stale copy, which matches the same packets as the live one and so does no harm. A merge
+// copies the route in one half of the source into the empty half of the destination and also
+// leaves the source alone. Then the value is copied into the status record, inside the
+// publication, which is what the model asserts right after publishing. A move or merge whose
+// source does not hold what it claims, whose destination half is not free, or that starts from a
+// stale copy (the routes there live elsewhere) is a writer error: it is recorded and not carried
+// out (but still acknowledged, so that in record mode the model goes on and the test reads the
+// error list). Errors are fatal by default (Ulo::assertFailed with the text "TcamEmulator: writer
+// error" or "TcamEmulator: table inconsistent"), so a model bug stops the test at the move that
+// made it.
+//
+// Installed routes. The emulator keeps the routes the agent believes are installed, each with
+// its home: the entry where it lives. A caller write installs every route it writes, at that
+// entry (a later write of the same route elsewhere moves its home there). A caller write or
+// clear of entry p uninstalls the routes whose home is p and that the new contents do not hold
+// (whether p still held them or not): the agent rewrote the entry without them, so it deleted
+// them. A write over a stale copy therefore uninstalls nothing. Moves and merges never install or
+// uninstall; they carry the home of the routes they move along with them. Everything else that
+// takes a route from its home (a move onto a live entry, a write that breaks a live double-size
+// pair by landing on one of its two entries) leaves the route installed, and the check reports it.
+//
+// Consistency. For every installed route R (per VRF and family; a multicast key's VRF is its
+// vrfIndex and tableId):
+//   (a) R's home entry still holds R;
+//   (b) no entry holding a strictly shorter prefix that contains R comes before the first entry
+//       holding R in search order. Stale copies count on both sides.
+// Multicast keys are compared as 64 bits, group then source; a key of length L constrains the first
+// min(L, 64) of them, and a longer key is more specific than a shorter one with the same leading
+// bits (lengths above 128 count as 128). A route is reported once, (a) before (b), and the
+// shadowing prefix named is the earliest one (then the shortest, then the smallest key); so both
+// checks word a violation identically.
+//
+// Complexity (L = 32, 128 or the multicast key length; n = number of entries):
+//   move, merge, write, clear       O(L) per key written or overwritten (a handful per move)
+//   checkAfterMove                  O(L) per key changed since the last check, plus O(L) per
+//                                   violation it finds
+//   checkAll                        O(n L) with hash lookups of every truncation
+//   lookups                         O(n)
+// Per VRF and family a binary trie holds every key that some entry holds or that is installed;
+// each node keeps the largest first-holding rank of the installed routes in its subtree (rank =
+// position in search order). A key that gained or lost an entry is checked upward (walk its
+// ancestors: is one held earlier than it?) and downward (descend only into subtrees whose largest
+// rank exceeds the key's first rank: each such subtree holds a route the key shadows). Updating
+// a node walks to the root and stops at the first node whose value does not change.
+//
+// Single event-loop thread: nothing here is locked. Attach only records that outlive the
+// attachment (or detach first).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "VexloL3Common/L3RouteTypes.h"
+#include "VexloL3Common/L3Stats.h"
+#include "platform/NetTypes.h"
+#include "platform/Reactor.h"
+
+namespace VexloL3Common::sim {
+
+enum class EntryKind : uint8_t { empty, v4, v6Single, v6DoubleFirst, v6DoubleSecond, mcast };
+std::string_view toString(EntryKind kind);
+
+// One physical entry. Only the field that belongs to `kind` is meaningful; the others stay at
+// their defaults. The second entry of a double-size pair repeats its pair's key.
+struct TcamEntry {
+   EntryKind kind = EntryKind::empty;
+   Ipv4Keys v4;
+   Ipv6UcastKey v6;
+   IpMcastPrefixKey mcast;
+
+   bool operator==(const TcamEntry&) const = default;
+   std::string toString() const;
+};
+
+// What a lookup hits: the index of the first matching entry and the key it matched.
+struct Hit4 {
+   uint32_t pos = 0;
+   Ipv4UcastKey key;
+   bool right = false;
+};
+
+struct Hit6 {
+   uint32_t pos = 0;
+   Ipv6UcastKey key;
+   bool doubleSize = false;
+};
+
+struct HitMcast {
+   uint32_t pos = 0;
+   IpMcastPrefixKey key;
+};
+
+struct Violation {
+   enum class Kind : uint8_t { notHeld, shadowed };
+   Kind kind = Kind::notHeld;
+   std::string route;    // the installed route concerned, printed
+   std::string message;  // names both entries and their indices
+
+   auto operator<=>(const Violation&) const = default;
+};
+
+class TcamEmulator {
+ public:
+   enum class OnError : uint8_t { fatal, record };
+
+   // size: entries 0 .. size-1, at most 2^30 (range error otherwise). pairGap: distance from the
+   // first to the second entry of a double-size IPv6 entry; with 0, or a gap that leaves no room
+   // for a pair, the table holds none.
+   TcamEmulator(uint32_t size, uint32_t pairGap);
+   ~TcamEmulator();
+   TcamEmulator(const TcamEmulator&) = delete;
+   TcamEmulator& operator=(const TcamEmulator&) = delete;
+
+   uint32_t size() const { return uint32_t(entries_.size()); }
+   uint32_t pairGap() const { return pairGap_; }
+
+   // ---- writer role ----
+   // Subscribes to the two published records and writes the two status records. A second attach
+   // replaces the first.
+   void attach(RouteMove& move, RouteMove& moveStatus, RouteMerge& merge, RouteMerge& mergeStatus);
+   void detach();
+   bool attached() const { return moveStatus_ != nullptr; }
+   // Carry out a move or merge as if it had been published (the status records are not touched).
+   void applyMove(const RoutePosition& p);
+   void applyMerge(const RouteMergeInfo& m);
+   // false: moves and merges are carried out but never copied into the status records.
+   void acknowledgesIs(bool on) { acknowledges_ = on; }
+   bool acknowledges() const { return acknowledges_; }
+   uint64_t moves() const { return moves_; }
+   uint64_t merges() const { return merges_; }
+
+   // ---- caller writes: what the agent writes itself. Range error for index 0, an index past the
+   // table, or a double-size entry whose partner would lie past it. ----
+   // An entry whose halves are both empty is cleared instead.
+   void writeV4(uint32_t pos, const Ipv4Keys& keys);
+   void writeV6(uint32_t pos, const Ipv6UcastKey& key, bool doubleSize);
+   void writeMcast(uint32_t pos, const IpMcastPrefixKey& key);
+   // Empties the entry; the first entry of a double-size pair takes its partner with it.
+   void clear(uint32_t pos);
+
+   // The entry where an installed route lives; 0 when the route is not installed.
+   uint32_t home(const Ipv4UcastKey& key) const;
+   uint32_t home(const Ipv6UcastKey& key) const;
+   uint32_t home(const IpMcastPrefixKey& key) const;
+   size_t installedRoutes() const;
+
+   // ---- lookups ----
+   std::optional<Hit4> lookup4(VrfId vrf, uint32_t addr) const;
+   std::optional<Hit6> lookup6(VrfId vrf, const Ulo::IpGenAddr::Bytes& addr) const;
+   std::optional<HitMcast> lookupMcast(uint16_t vrfIndex, uint16_t tableId, uint32_t group,
+                                       uint32_t source) const;
+
+   // ---- consistency ----
+   // Every violation of the table, sorted by message. Changes nothing.
+   std::vector<Violation> checkAll() const;
+   // The violations that involve a route or prefix whose entries or installation changed since the
+   // last call (a violation found earlier and untouched since is not repeated), sorted by message.
+   std::vector<Violation> checkAfterMove();
+   // Run checkAfterMove after every move and merge and report what it finds as errors. Caller
+   // writes are not checked on their own: the next check, explicit or after a move, covers them.
+   void checkEveryMoveIs(bool on) { checkEveryMove_ = on; }
+   bool checkEveryMove() const { return checkEveryMove_; }
+
+   // ---- errors: writer errors, and violations found by the automatic check ----
+   void onErrorIs(OnError policy) { onError_ = policy; }
+   OnError onError() const { return onError_; }
+   uint64_t errorCount() const { return errorCount_; }
+   // The first maxKeptErrors messages.
+   const std::vector<std::string>& errors() const { return errors_; }
+   void errorsDelAll();
+   static constexpr size_t maxKeptErrors = 1000;
+
+   // ---- image ----
+   // Range error past the table.
+   const TcamEntry& entry(uint32_t pos) const;
+   // Calls f(pos, entry) for every non-empty entry in ascending index.
+   void forEachEntry(const std::function<void(uint32_t, const TcamEntry&)>& f) const;
+
+ private:
+   struct Index;  // the tries and key states, in the source file
+
+   void checkPos(const char* what, uint32_t pos, bool doubleSize) const;
+   bool posValid(uint32_t pos, bool doubleSize) const;
+   void store(uint32_t pos, const TcamEntry& e);
+   void vacate(uint32_t pos);
+   void setRaw(uint32_t pos, const TcamEntry& e);
+   void callerWrite(uint32_t pos, const TcamEntry& e);
+   uint32_t rankOf(uint32_t pos, EntryKind kind) const;
+   void afterChange();
+   void report(const char* text, std::string message);
+   void onMove(const RoutePosition& p);
+   void onMerge(const RouteMergeInfo& m);
+
+   std::vector<TcamEntry> entries_;
+   uint32_t pairGap_;
+   std::unique_ptr<Index> index_;
+
+   RouteMove* moveStatus_ = nullptr;
+   RouteMerge* mergeStatus_ = nullptr;
+   Ulo::Subscription moveSub_;
+   Ulo::Subscription mergeSub_;
+   bool acknowledges_ = true;
+   bool checkEveryMove_ = true;
+   OnError onError_ = OnError::fatal;
+   uint64_t moves_ = 0;
+   uint64_t merges_ = 0;
+   uint64_t errorCount_ = 0;
+   std::vector<std::string> errors_;
+};
+
+}  // namespace VexloL3Common::sim
+
+template <>
+struct fmt::formatter<VexloL3Common::sim::TcamEntry>
+    : Ulo::ToStringFormatter<VexloL3Common::sim::TcamEntry> {};

@@ -1,0 +1,111 @@
+#include <gtest/gtest.h>
+
+#include "TcamFixture.h"
+#include "platform/Trace.h"
+
+using namespace VexloL3Common;
+using namespace VexloL3Common::testing;
+
+namespace {
+IndexRange range(TcamHarness& h, uint32_t len) {
+   return h.ctx().block(RouteType::v4)->lengthRange(len);
+}
+}  // namespace
+
+TEST(TcamDelete, RangesShrinkOnlyAtTheirEnds) {
+   TcamHarness h(layout(1024, 2, 8, false));
+   for (int i = 0; i < 6; ++i)
+      h.add4(k4(1, fmt::format("10.{}.0.0/16", i).c_str()));
+   const IndexRange full = range(h, 16);
+   ASSERT_EQ(full.size(), 6u);
+   auto keyAt = [&](uint32_t pos) { return h.ctx().v4()->getKey(pos, true); };
+
+   h.del4(keyAt(full.start() + 2));  // middle: a hole, same range
+   EXPECT_EQ(range(h, 16), full);
+   h.del4(keyAt(full.start() + 1));
+   EXPECT_EQ(range(h, 16), full);
+   h.del4(keyAt(full.start()));  // first: the new start skips both holes
+   EXPECT_EQ(range(h, 16), IndexRange(full.start() + 3, full.end()));
+   h.del4(keyAt(full.end()));
+   EXPECT_EQ(range(h, 16), IndexRange(full.start() + 3, full.end() - 1));
+   EXPECT_EQ(h.moves(), 0u) << "deletion never moves other entries";
+}
+
+TEST(TcamDelete, LastRouteOfTheLongestLengthLowersLengthRangeMax) {
+   TcamHarness h(layout(1024, 2, 8, false));
+   h.add4(k4(1, "10.0.0.0/8"));
+   h.add4(k4(1, "10.1.0.0/16"));
+   h.add4(k4(1, "10.1.1.0/24"));
+   const TcamBlock& blk = *h.ctx().block(RouteType::v4);
+   EXPECT_EQ(blk.lengthRangeMax(), 24u);
+   h.del4(k4(1, "10.1.1.0/24"));
+   EXPECT_FALSE(blk.lengthRangeHas(24));
+   EXPECT_EQ(blk.lengthRangeMax(), 16u);
+   h.del4(k4(1, "10.0.0.0/8"));
+   EXPECT_EQ(blk.lengthRangeMax(), 16u);
+   h.del4(k4(1, "10.1.0.0/16"));
+   EXPECT_EQ(blk.lengthRangeMax(), TcamBlock::none);
+   EXPECT_EQ(h.ctx().entries(RouteType::v4), 0u);
+}
+
+TEST(TcamDelete, HalfEntriesMergeNowOrReportTheMerge) {
+   for (bool mergeNow : {true, false}) {
+      TcamHarness h(layout(1024, 2, 8, true));
+      RouteReturnCode r1 = h.add4(k4(1, "10.1.1.0/24"));
+      RouteReturnCode l1 = h.add4(k4(1, "10.1.2.0/24"));
+      RouteReturnCode r2 = h.add4(k4(1, "10.1.3.0/24"));
+      RouteReturnCode l2 = h.add4(k4(1, "10.1.4.0/24"));
+      const uint32_t a = r1.routeId, b = r2.routeId;
+      ASSERT_EQ(l1.routeId, a);
+      ASSERT_EQ(l2.routeId, b);
+      h.del4(k4(1, "10.1.2.0/24"));  // a keeps its right half and becomes the half-full entry
+      EXPECT_EQ(h.ctx().v4()->halfFull(24), a);
+
+      std::vector<RouteMergeInfo> merges;
+      Ulo::Subscription sub =
+          h.merge().changed().subscribe([&](const RouteMergeInfo& m) { merges.push_back(m); });
+      RouteReturnCode rc = h.del4(k4(1, "10.1.3.0/24"), mergeNow, 77);  // b keeps its left half
+      EXPECT_EQ(rc.routeId, b);
+      EXPECT_TRUE(rc.tcamV4RightKey);
+      if (!mergeNow) {
+         EXPECT_TRUE(rc.canMerge);
+         EXPECT_EQ(rc.mergePos, a);
+         EXPECT_TRUE(merges.empty());
+         h.merge4(k4(1, "10.1.3.0/24"), b, a, 77);
+      } else {
+         EXPECT_TRUE(rc.merged);
+      }
+      ASSERT_EQ(merges.size(), 1u);
+      EXPECT_EQ(merges[0].srcRouteId, b);
+      EXPECT_EQ(merges[0].srcRouteType, EntryType::v4Left);
+      EXPECT_EQ(merges[0].dstRouteId, a);
+      EXPECT_EQ(merges[0].dstRouteType, EntryType::v4Left);
+      EXPECT_EQ(h.ctx().v4()->getEntryId(k4(1, "10.1.4.0/24")), a);
+      EXPECT_EQ(h.ctx().v4()->halfFull(24), 0u);
+      EXPECT_EQ(h.ctx().entries(RouteType::v4), 1u);
+      EXPECT_EQ(range(h, 24), IndexRange(a, a));
+      EXPECT_EQ(h.ctx().stats()->mergeRoute(RouteType::v4), 1u);
+      h.check(true);
+   }
+}
+
+TEST(TcamDelete, MissingRoutesAreFatal) {
+   TcamHarness h(layout(1024, 2, 8, true));
+   h.add4(k4(1, "10.1.1.0/24"));
+   EXPECT_EQ(failureOf([&] { h.ctx().deleteRoute4(k4(1, "10.9.9.0/24"), true, 0); }), "pos");
+   const uint32_t pos = h.ctx().v4()->getEntryId(k4(1, "10.1.1.0/24"));
+   EXPECT_EQ(failureOf([&] { h.ctx().deleteRoute4(k4(2, "10.1.1.0/24"), true, 0, pos, true); }),
+             "v4()->hasEntryKey( key, pos )");
+   EXPECT_EQ(failureOf([&] { h.ctx().deleteRoute(RouteType::v4, pos, 16); }), "ir.start()");
+   EXPECT_EQ(failureOf([&] { h.ctx().deleteRoute6(k6(1, "2001:db8::/32")); }),
+             "v6()->hasEntryId( key, pos )");
+}
+
+TEST(TcamDelete, TracesNameTheArgumentsTheCallerLeftOut) {
+   TcamHarness h(layout(1024, 2, 8, true));
+   h.add4(k4(3, "10.1.1.0/24"));
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 2);
+   h.del4(k4(3, "10.1.1.0/24"), true, 5);
+   EXPECT_EQ(cap.texts().front(),
+             "deleteRoute4, key: 10.1.1.0/24 (vrf 3),true, seq: 5 index: none right: none");
+}

@@ -1,0 +1,241 @@
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "TcamFixture.h"
+#include "platform/Trace.h"
+
+using namespace VexloL3Common;
+using namespace VexloL3Common::testing;
+
+namespace {
+
+// Records every published move.
+struct MoveLog {
+   explicit MoveLog(RouteMove& m)
+       : sub(m.changed().subscribe([this](const RoutePosition& p) { moves.push_back(p); })) {}
+   std::vector<RoutePosition> moves;
+   Ulo::Subscription sub;
+};
+
+// A tiny table: entries 1..7 in one IPv4 block, no reserved entry besides 0, no swap area.
+L3TcamManagerContext::Config tiny(bool twoV4 = false) {
+   auto c = layout(8, 4, 1, twoV4);  // mode 4 on a table that is not 8 blocks: border = size
+   c.requestedTableMode = 9;         // differs from currentTableMode: no swap area
+   return c;
+}
+
+}  // namespace
+
+TEST(TcamInsert, FirstRouteOfALengthGoesToItsProportionalTarget) {
+   TcamHarness h(layout(8192, 2, 8));
+   // Empty block [1, 8191], lengths 0..32: per = 8191 / 32 = 255, target = 1 + (32 - L) * 255 +
+   // 127.
+   EXPECT_EQ(h.add4(k4(1, "10.1.2.0/24")).routeId, 1u + 8 * 255 + 127);
+   // Later lengths share the gap left by their neighbours: /8 sits between /24 (ends at 2168) and
+   // the block end, among the lengths 1..23 that may still arrive there.
+   uint32_t start = 2169, end = 8191, per = (end + 1 - start) / (24 - 1 - 0);
+   const uint32_t at8 = start + (24 - 8 - 1) * per + per / 2;
+   EXPECT_EQ(h.add4(k4(1, "10.0.0.0/8")).routeId, at8);
+   end = at8 - 1;
+   per = (end + 1 - start) / (24 - 1 - 8);
+   EXPECT_EQ(h.add4(k4(1, "10.16.0.0/16")).routeId, start + (24 - 16 - 1) * per + per / 2);
+   EXPECT_EQ(h.moves(), 0u);
+   EXPECT_EQ(h.ctx().block(RouteType::v4)->lengthRangeMax(), 24u);
+}
+
+TEST(TcamInsert, FreeEntryInsideTheLengthsRangeNeedsNoMove) {
+   TcamHarness h(layout(1024, 2, 8, false));
+   for (int i = 0; i < 4; ++i)
+      h.add4(k4(1, fmt::format("10.{}.0.0/16", i).c_str()));
+   IndexRange before = h.ctx().block(RouteType::v4)->lengthRange(16);
+   EXPECT_EQ(before.size(), 4u);
+   h.del4(k4(1, "10.1.0.0/16"));  // a hole inside the range
+   EXPECT_EQ(h.ctx().block(RouteType::v4)->lengthRange(16), before);
+   uint32_t pos = h.add4(k4(1, "10.9.0.0/16")).routeId;
+   EXPECT_TRUE(before.contains(pos));
+   EXPECT_EQ(h.moves(), 0u);
+}
+
+TEST(TcamInsert, OneMovePerInterveningLengthTakingEachLowestEntry) {
+   TcamHarness h(tiny());
+   MoveLog log(h.move());
+   // Each new, longer length lands at the block start and pushes every shorter length down one.
+   EXPECT_EQ(h.add4(k4(1, "10.0.0.0/8")).routeId, 1u);
+   EXPECT_EQ(h.add4(k4(1, "10.1.0.0/16")).routeId, 1u);
+   EXPECT_EQ(h.add4(k4(1, "10.1.1.0/24")).routeId, 1u);
+   log.moves.clear();
+   EXPECT_EQ(h.add4(k4(1, "10.1.1.0/28")).routeId, 1u);
+   ASSERT_EQ(log.moves.size(), 3u);
+   // Shortest first: /8 from 3 to the free 4, then /16 from 2 to 3, then /24 from 1 to 2.
+   EXPECT_EQ(log.moves[0].oldRouteId, 3u);
+   EXPECT_EQ(log.moves[0].newRouteId, 4u);
+   EXPECT_EQ(log.moves[1].oldRouteId, 2u);
+   EXPECT_EQ(log.moves[1].newRouteId, 3u);
+   EXPECT_EQ(log.moves[2].oldRouteId, 1u);
+   EXPECT_EQ(log.moves[2].newRouteId, 2u);
+   for (const RoutePosition& p : log.moves) {
+      EXPECT_TRUE(p.v4);
+      EXPECT_EQ(p.type, EntryType::v4Right);
+   }
+   EXPECT_EQ(log.moves[2].count, 6u) << "the count keeps running over all IPv4 moves";
+   EXPECT_EQ(h.ctx().stats()->moveRoute(RouteType::v4), 6u);
+   h.check(true);
+}
+
+TEST(TcamInsert, UpwardSearchWhenOnlyLowerEntriesAreFree) {
+   TcamHarness h(tiny());
+   for (uint32_t vrf = 1; vrf <= 7; ++vrf)
+      h.add4(k4(vrf, "10.1.1.0/24"));
+   h.del4(k4(1, "10.1.1.0/24"));  // frees entry 1
+   EXPECT_EQ(h.ctx().block(RouteType::v4)->lengthRange(24), IndexRange(2, 7));
+   MoveLog log(h.move());
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 2);
+   // /8 belongs after every /24; nothing is free there, so the hole comes from below.
+   EXPECT_EQ(h.add4(k4(1, "10.0.0.0/8")).routeId, 7u);
+   EXPECT_TRUE(cap.contains("Search toward begin. Start: 1, end: 7"));
+   ASSERT_EQ(log.moves.size(), 1u);
+   EXPECT_EQ(log.moves[0].oldRouteId, 7u);
+   EXPECT_EQ(log.moves[0].newRouteId, 1u);
+   EXPECT_EQ(h.ctx().block(RouteType::v4)->lengthRange(24), IndexRange(1, 6));
+   h.check(true);
+}
+
+TEST(TcamInsert, HalfFullEntryTakesTheSecondRouteOfItsLength) {
+   TcamHarness h(layout(1024, 2, 8, true));
+   RouteReturnCode a = h.add4(k4(1, "10.1.1.0/24"));
+   EXPECT_TRUE(a.tcamV4RightKey);
+   EXPECT_EQ(h.ctx().v4()->halfFull(24), a.routeId);
+   RouteReturnCode b = h.add4(k4(2, "10.1.2.0/24"));
+   EXPECT_EQ(b.routeId, a.routeId);
+   EXPECT_FALSE(b.tcamV4RightKey);
+   EXPECT_EQ(h.ctx().v4()->halfFull(24), 0u);
+   RouteReturnCode c = h.add4(k4(1, "10.1.3.0/24"));
+   EXPECT_NE(c.routeId, a.routeId);
+   EXPECT_EQ(h.ctx().entries(RouteType::v4), 2u);
+   EXPECT_EQ(h.ctx().stats()->maskLengthsIpv4(24), 3u);
+   // Both halves answer lookups.
+   auto hit = h.emu().lookup4(VrfId(2), 0x0a010205);
+   ASSERT_TRUE(hit.has_value());
+   EXPECT_EQ(hit->pos, a.routeId);
+}
+
+TEST(TcamInsert, FullBlockReturnsZeroAndChangesNothing) {
+   TcamHarness h(tiny());
+   for (uint32_t vrf = 1; vrf <= 7; ++vrf)
+      h.add4(k4(vrf, "10.1.1.0/24"));
+   const std::string before = snapshot(h.ctx());
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 7);
+   // Without the swap area an empty IPv4 reserve already blocks; with it the block is full.
+   EXPECT_EQ(h.add4(k4(1, "10.0.0.0/8")).routeId, 0u);
+   EXPECT_TRUE(cap.contains("Swap area allocation blocked"));
+   EXPECT_EQ(h.add4(k4(1, "10.0.0.0/8"), true).routeId, 0u);
+   EXPECT_TRUE(cap.contains("Full tcam table"));
+   EXPECT_EQ(snapshot(h.ctx()), before);
+}
+
+TEST(TcamInsert, SwapAreaIsKeptForMoves) {
+   TcamHarness h(layout(128, 2, 8, false));  // swap area 32 in force
+   ASSERT_EQ(h.ctx().swapAreaSize(RouteType::v4), 32u);
+   uint32_t placed = 0;
+   for (uint32_t i = 0; i < 200; ++i) {
+      if (h.add4(k4(1, fmt::format("10.{}.0.0/16", i).c_str())).routeId == 0) break;
+      ++placed;
+   }
+   // Placement stops while the reserve is still free: 126 usable entries (entry 16 is reserved).
+   EXPECT_GE(h.ctx().entriesFree(RouteType::v4), 32u);
+   EXPECT_EQ(placed + h.ctx().entriesFree(RouteType::v4), 126u);
+   const std::string before = snapshot(h.ctx());
+   {
+      Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 7, 7);
+      EXPECT_EQ(h.add4(k4(2, "10.0.0.0/8")).routeId, 0u);
+      EXPECT_TRUE(cap.contains("Swap area allocation blocked"));
+   }
+   EXPECT_EQ(snapshot(h.ctx()), before);
+   EXPECT_NE(h.add4(k4(2, "10.0.0.0/8"), /*useSwapArea*/ true).routeId, 0u);
+}
+
+TEST(TcamInsert, DuplicatesAreFatalUnlessReAddIsAllowed) {
+   TcamHarness h(layout(1024, 2, 8));
+   RouteReturnCode first = h.add4(k4(1, "10.0.0.0/8"));
+   {
+      Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 2);
+      EXPECT_EQ(failureOf([&] { h.ctx().addRoute4(k4(1, "10.0.0.0/8"), false); }), "0");
+      EXPECT_TRUE(cap.contains("Found exisiting IPv4 route 10.0.0.0/8(vrf1)"));
+   }
+   auto c = layout(1024, 2, 8);
+   c.reAddAllowed = true;
+   TcamHarness r(c);
+   RouteReturnCode a = r.add4(k4(1, "10.0.0.0/8"));
+   const std::string before = snapshot(r.ctx());
+   EXPECT_EQ(r.ctx().addRoute4(k4(1, "10.0.0.0/8"), false), a);
+   EXPECT_EQ(snapshot(r.ctx()), before);
+   EXPECT_EQ(first.routeId, a.routeId);
+
+   IpMcastPrefixKey m(0, 0, Ulo::IpGenAddr::fromString("239.1.1.1"),
+                      Ulo::IpGenAddr::fromString("10.0.0.1"), 64);
+   auto mc = layout(256, 0, 0);
+   mc.v4Mcast = true;
+   TcamHarness hm(mc);
+   hm.addM(m);
+   EXPECT_EQ(failureOf([&] { hm.ctx().addMroute4(m, false); }), "0");
+}
+
+TEST(TcamInsert, SoftwareOnlyMovesAreCountedButNotPublished) {
+   auto c = tiny();
+   c.softwareOnly = true;
+   TcamHarness h(c);
+   MoveLog log(h.move());
+   h.ctx().addRoute4(k4(1, "10.0.0.0/8"), false);
+   h.ctx().addRoute4(k4(1, "10.1.0.0/16"), false);
+   EXPECT_EQ(h.ctx().stats()->moveRoute(RouteType::v4), 1u);
+   EXPECT_TRUE(log.moves.empty());
+   h.ctx().verify();
+}
+
+TEST(TcamInsert, MulticastPlacementAndLengthOrder) {
+   auto c = layout(256, 0, 0);
+   c.v4Mcast = true;
+   TcamHarness h(c);
+   auto g = [](const char* group, const char* src, uint8_t len) {
+      return IpMcastPrefixKey(1, 0, Ulo::IpGenAddr::fromString(group),
+                              Ulo::IpGenAddr::fromString(src), len);
+   };
+   uint32_t star = h.addM(g("239.1.1.1", "0.0.0.0", 32)).routeId;
+   uint32_t sg = h.addM(g("239.1.1.1", "10.0.0.1", 64)).routeId;
+   EXPECT_LT(sg, star) << "the longer key is searched first";
+   EXPECT_EQ(h.ctx().stats()->maskLengthsMcastIpv4(64), 1u);
+   auto hit = h.emu().lookupMcast(1, 0, 0xef010101, 0x0a000001);
+   ASSERT_TRUE(hit.has_value());
+   EXPECT_EQ(hit->pos, sg);
+   h.delM(g("239.1.1.1", "10.0.0.1", 64));
+   EXPECT_EQ(h.ctx().entries(RouteType::v4Mcast), 1u);
+   EXPECT_EQ(failureOf([&] { h.ctx().deleteMroute4(g("239.9.9.9", "0.0.0.0", 32)); }), "pos");
+   EXPECT_EQ(failureOf([&] { h.ctx().addMroute4(g("239.1.1.1", "0.0.0.0", 91), false); }),
+             "len <= blk->prefixLenMax()");
+}
+
+TEST(TcamInsert, DoubleSizeRoutesUsePairIndices) {
+   auto c = layout(1024, 2, 8);
+   c.supportsDefipPairing = true;  // fixed border: pairs below 512, IPv4 above
+   TcamHarness h(c);
+   const uint32_t g = h.ctx().lpmPairGap();
+   ASSERT_EQ(g, 128u);
+   std::vector<uint32_t> placed;
+   for (int i = 0; i < 60; ++i) {
+      uint32_t pos = h.add6(RouteType::v6Full,
+                            k6(1, fmt::format("2001:db8:{:x}::/{}", i, 48 + i % 80).c_str()));
+      ASSERT_NE(pos, 0u);
+      EXPECT_EQ((pos / g) % 2, 0u) << "a pair starts in the lower bank of a double bank";
+      EXPECT_TRUE(h.ctx().bitmap()->isBitSet(pos + g));
+      placed.push_back(pos);
+   }
+   EXPECT_EQ(h.ctx().entries(RouteType::v6Full), 60u);
+   EXPECT_EQ(h.ctx().entriesFree(RouteType::v6Full), 511u - 1u - 120u);  // entry 128 is reserved
+   h.check(true);
+   for (int i = 0; i < 60; i += 2) {
+      h.del6(k6(1, fmt::format("2001:db8:{:x}::/{}", i, 48 + i % 80).c_str()));
+   }
+   EXPECT_EQ(h.ctx().entries(RouteType::v6Full), 30u);
+   h.check(true);
+}

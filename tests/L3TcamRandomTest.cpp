@@ -1,0 +1,284 @@
+// Seeded random runs: bulk adds and deletes of nested prefixes in several VRFs, filling tables past
+// 95 % and draining them again, on every layout. After every operation the model verifies itself;
+// the emulator checks every single move as it is carried out and the whole table now and then.
+//
+// VEXLO_RANDOM_OPS sets the operations per run (default 5000; the long run uses millions) and
+// VEXLO_RANDOM_SEED the first seed.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <random>
+#include <unordered_map>
+
+#include "TcamFixture.h"
+
+using namespace VexloL3Common;
+using namespace VexloL3Common::testing;
+
+namespace {
+
+uint64_t envNumber(const char* name, uint64_t fallback) {
+   const char* v = std::getenv(name);
+   return v && *v ? std::strtoull(v, nullptr, 10) : fallback;
+}
+
+// Prefixes the way routing tables nest them: covering prefixes, more-specifics inside them, and
+// the same prefix again in another VRF.
+std::vector<Ipv4UcastKey> makePool(std::mt19937_64& rng, size_t n) {
+   std::vector<Ipv4UcastKey> pool;
+   std::unordered_set<Ipv4UcastKey> seen;
+   auto randomLen = [&] {
+      uint32_t r = uint32_t(rng() % 100);
+      if (r < 50) return 24u;
+      if (r < 80) return 16u + uint32_t(rng() % 8);
+      if (r < 90) return 8u + uint32_t(rng() % 8);
+      return 25u + uint32_t(rng() % 8);
+   };
+   while (pool.size() < n) {
+      Ipv4UcastKey key;
+      if (!pool.empty() && rng() % 100 < 35) {
+         // A more-specific of an existing route, or the same prefix in another VRF.
+         const Ipv4UcastKey& base = pool[rng() % pool.size()];
+         if (rng() % 4 == 0) {
+            key = Ipv4UcastKey(VrfId(1 + uint32_t(rng() % 3)), base.prefix);
+         } else {
+            uint32_t len = std::min(32u, base.len() + 1 + uint32_t(rng() % 8));
+            uint32_t addr =
+                base.prefix.addr() | (uint32_t(rng()) & ~(len == 32 ? 0u : ~0u << (32 - len)));
+            uint32_t mask = ~0u << (32 - len);
+            key = Ipv4UcastKey(base.vrfId, Ulo::Prefix(addr & mask, uint8_t(len)));
+         }
+      } else {
+         uint32_t len = randomLen();
+         uint32_t mask = len == 0 ? 0 : ~0u << (32 - len);
+         key = Ipv4UcastKey(VrfId(1 + uint32_t(rng() % 3)),
+                            Ulo::Prefix(uint32_t(rng()) & mask, uint8_t(len)));
+      }
+      if (seen.insert(key).second) pool.push_back(key);
+   }
+   return pool;
+}
+
+struct Present {
+   std::vector<size_t> items;
+   std::unordered_map<size_t, size_t> where;
+   void add(size_t i) {
+      where[i] = items.size();
+      items.push_back(i);
+   }
+   void remove(size_t i) {
+      size_t at = where[i];
+      where[items.back()] = at;
+      items[at] = items.back();
+      items.pop_back();
+      where.erase(i);
+   }
+   bool has(size_t i) const { return where.count(i) != 0; }
+};
+
+struct RunStats {
+   uint64_t ops = 0, placed = 0, refused = 0, moves = 0, peakRoutes = 0;
+};
+
+// Fills until the table refuses routes, drains to 10 % of its capacity, and again, until `ops`
+// operations.
+RunStats runIpv4(const L3TcamManagerContext::Config& cfg, bool urpf, uint64_t seed, uint64_t ops) {
+   std::mt19937_64 rng(seed);
+   TcamHarness h(cfg, urpf);
+   const uint32_t entries = h.ctx().entriesFree(RouteType::v4);
+   const uint64_t capacity = uint64_t(entries) * (cfg.twoV4RoutesPerEntry ? 2 : 1);
+   std::vector<Ipv4UcastKey> pool = makePool(rng, capacity * 2 + 64);
+   Present present;
+   RunStats st;
+   bool filling = true;
+   uint32_t refusedInARow = 0;
+   for (uint64_t op = 0; op < ops; ++op) {
+      SCOPED_TRACE(::testing::Message() << "seed " << seed << " op " << op);
+      const uint64_t routes = present.items.size();
+      if (filling && (routes >= capacity || refusedInARow > 20)) filling = false;
+      if (!filling && routes <= capacity / 10) filling = true;
+      const bool add = present.items.empty() || (filling ? rng() % 100 < 85 : rng() % 100 < 15);
+      if (add) {
+         size_t i = rng() % pool.size();
+         while (present.has(i))
+            i = (i + 1) % pool.size();
+         const bool useSwap = rng() % 8 == 0;
+         RouteReturnCode rc = h.add4(pool[i], useSwap);
+         if (rc.routeId) {
+            present.add(i);
+            ++st.placed;
+            refusedInARow = 0;
+         } else {
+            ++st.refused;
+            ++refusedInARow;
+         }
+      } else {
+         size_t i = present.items[rng() % present.items.size()];
+         const bool mergeNow = rng() % 4 != 0;
+         RouteReturnCode rc = h.del4(pool[i], mergeNow, op);
+         if (rc.canMerge) h.merge4(pool[i], rc.routeId, rc.mergePos, op);
+         present.remove(i);
+      }
+      if (::testing::Test::HasFatalFailure()) return st;
+      st.peakRoutes = std::max<uint64_t>(st.peakRoutes, present.items.size());
+      if (op % 997 == 0) h.check(true);
+   }
+   h.check(true);
+   EXPECT_EQ(h.ctx().v4()->keyToEntryIdSize(), present.items.size());
+   EXPECT_EQ(h.emu().installedRoutes(), present.items.size());
+   st.ops = ops;
+   st.moves = h.moves();
+   return st;
+}
+
+struct Layout {
+   const char* name;
+   L3TcamManagerContext::Config cfg;
+   bool urpf;
+};
+
+std::vector<Layout> layouts() {
+   std::vector<Layout> out;
+   for (uint32_t mode = 1; mode <= 4; ++mode) {
+      for (bool two : {true, false}) {
+         out.push_back({two ? "separate, two per entry" : "separate, one per entry",
+                        layout(512, mode, 8, two), false});
+      }
+   }
+   out.push_back({"uRPF mode 2", layout(1024, 2, 8, true), true});
+   out.push_back({"uRPF mode 4", layout(1024, 4, 8, false), true});
+   auto paired = layout(512, 2, 8, true);
+   paired.supportsDefipPairing = true;
+   out.push_back({"fixed pairing border", paired, false});
+   auto interleaved = layout(512, 3, 8, true);
+   interleaved.v4V6InterleavingDisabled = false;
+   out.push_back({"interleaved", interleaved, false});
+   auto noSwap = layout(300, 2, 4, true);
+   noSwap.requestedTableMode = 1;  // not the current mode: no swap area
+   out.push_back({"no swap area, odd size", noSwap, false});
+   return out;
+}
+
+}  // namespace
+
+TEST(TcamRandom, Ipv4AddsAndDeletesStayConsistentOnEveryLayout) {
+   Ulo::ScopedThrowingAssertHandler guard;
+   const uint64_t ops = envNumber("VEXLO_RANDOM_OPS", 5000);
+   uint64_t seed = envNumber("VEXLO_RANDOM_SEED", 1);
+   uint64_t total = 0;
+   for (const Layout& l : layouts()) {
+      SCOPED_TRACE(::testing::Message() << l.name << " mode " << l.cfg.tcamMode);
+      RunStats st;
+      try {
+         st = runIpv4(l.cfg, l.urpf, seed, ops);
+      } catch (const Ulo::AssertionFailure& f) {
+         FAIL() << "seed " << seed << ": " << f.what();
+      }
+      total += st.ops;
+      EXPECT_GT(st.refused, 0u) << "the run never reached a full table";
+      EXPECT_GT(st.moves, 0u);
+      ++seed;
+   }
+   RecordProperty("operations", std::to_string(total));
+   EXPECT_GE(total, std::min<uint64_t>(ops * 13, 50000));
+}
+
+TEST(TcamRandom, MulticastAddsAndDeletes) {
+   Ulo::ScopedThrowingAssertHandler guard;
+   auto cfg = layout(512, 0, 0);
+   cfg.v4Mcast = true;
+   const uint64_t ops = envNumber("VEXLO_RANDOM_OPS", 5000);
+   std::mt19937_64 rng(envNumber("VEXLO_RANDOM_SEED", 1) + 100);
+   TcamHarness h(cfg);
+   std::vector<IpMcastPrefixKey> pool;
+   for (uint32_t i = 0; i < 1200; ++i) {
+      uint8_t len = rng() % 3 == 0 ? 32 : uint8_t(40 + rng() % 25);
+      uint32_t src = len == 32 ? 0 : uint32_t(rng()) & (~0u << (64 - len));
+      pool.emplace_back(uint16_t(rng() % 2), 0,
+                        Ulo::IpGenAddr::v4(0xef000000u | uint32_t(rng() % 64)),
+                        Ulo::IpGenAddr::v4(src), len);
+   }
+   std::sort(pool.begin(), pool.end());
+   pool.erase(std::unique(pool.begin(), pool.end()), pool.end());
+   Present present;
+   bool filling = true;
+   uint64_t refused = 0, refusedAtFill = 0;
+   try {
+      for (uint64_t op = 0; op < ops; ++op) {
+         SCOPED_TRACE(::testing::Message() << "op " << op);
+         if (filling && refused > refusedAtFill + 10) filling = false;
+         if (!filling && present.items.size() < 50) {
+            filling = true;
+            refusedAtFill = refused;
+         }
+         if (present.items.empty() || (filling ? rng() % 100 < 85 : rng() % 100 < 15)) {
+            size_t i = rng() % pool.size();
+            while (present.has(i))
+               i = (i + 1) % pool.size();
+            if (h.addM(pool[i]).routeId)
+               present.add(i);
+            else
+               ++refused;
+         } else {
+            size_t i = present.items[rng() % present.items.size()];
+            h.delM(pool[i]);
+            present.remove(i);
+         }
+         if (::testing::Test::HasFatalFailure()) return;
+      }
+   } catch (const Ulo::AssertionFailure& f) {
+      FAIL() << f.what();
+   }
+   h.check(true);
+   EXPECT_GT(refused, 0u);
+   EXPECT_GT(h.moves(), 0u);
+}
+
+TEST(TcamRandom, DoubleSizeIpv6BesideIpv4) {
+   Ulo::ScopedThrowingAssertHandler guard;
+   auto cfg = layout(1024, 2, 8, true);
+   cfg.supportsDefipPairing = true;
+   const uint64_t ops = envNumber("VEXLO_RANDOM_OPS", 5000);
+   std::mt19937_64 rng(envNumber("VEXLO_RANDOM_SEED", 1) + 200);
+   TcamHarness h(cfg);
+   std::vector<Ipv6UcastKey> pool;
+   std::unordered_set<Ipv6UcastKey> seen;
+   while (pool.size() < 600) {
+      uint32_t len = rng() % 2 ? 48 : uint32_t(rng() % 129);
+      Ulo::Ip6Prefix::Bytes b{};
+      for (auto& x : b)
+         x = uint8_t(rng() % 4);  // few distinct values: plenty of nesting
+      for (uint32_t bit = len; bit < 128; ++bit)
+         b[bit / 8] &= uint8_t(~(0x80u >> (bit % 8)));
+      Ipv6UcastKey key(VrfId(1 + uint32_t(rng() % 2)), Ulo::Ip6Prefix(b, uint8_t(len)));
+      if (seen.insert(key).second) pool.push_back(key);
+   }
+   Present present;
+   bool filling = true;
+   uint64_t refused = 0;
+   try {
+      for (uint64_t op = 0; op < ops; ++op) {
+         SCOPED_TRACE(::testing::Message() << "op " << op);
+         if (filling && refused > 0 && present.items.size() > 200) filling = false;
+         if (!filling && present.items.size() < 30) filling = true;
+         if (present.items.empty() || (filling ? rng() % 100 < 85 : rng() % 100 < 15)) {
+            size_t i = rng() % pool.size();
+            while (present.has(i))
+               i = (i + 1) % pool.size();
+            if (h.add6(RouteType::v6Full, pool[i]))
+               present.add(i);
+            else
+               ++refused;
+         } else {
+            size_t i = present.items[rng() % present.items.size()];
+            h.del6(pool[i]);
+            present.remove(i);
+         }
+         if (::testing::Test::HasFatalFailure()) return;
+      }
+   } catch (const Ulo::AssertionFailure& f) {
+      FAIL() << f.what();
+   }
+   h.check(true);
+   EXPECT_GT(refused, 0u);
+}

@@ -1,0 +1,672 @@
+// TcamEmulator: the writer role (moves, merges, acknowledgement, rejected moves), the caller's
+// writes and the installed set, first-match lookups, the consistency checks on hand-made tables
+// and shift sequences, and seeded random tables on which the incremental check must agree with
+// the full one.
+
+#include "sim/TcamEmulator.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/Assert.h"
+
+#include <algorithm>
+#include <functional>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace VexloL3Common::sim {
+namespace {
+
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using Kind = Violation::Kind;
+using OnError = TcamEmulator::OnError;
+
+Ipv4UcastKey k4(const char* prefix, uint32_t vrf = 1) {
+   return Ipv4UcastKey(VrfId(vrf), Ulo::Prefix::fromString(prefix));
+}
+Ipv6UcastKey k6(const char* prefix) {
+   return Ipv6UcastKey(VrfId(1), Ulo::Ip6Prefix::fromString(prefix));
+}
+IpMcastPrefixKey kmc(const char* group, const char* source, uint8_t len, uint16_t table = 0) {
+   return IpMcastPrefixKey(1, table, Ulo::IpGenAddr::fromString(group),
+                           Ulo::IpGenAddr::fromString(source), len);
+}
+// The first route of an entry goes into the right half.
+Ipv4Keys right(const Ipv4UcastKey& k) {
+   return Ipv4Keys(Ipv4UcastKey::nullKey(k.vrfId), k);
+}
+uint32_t a4(const char* addr) {
+   return Ulo::IpGenAddr::fromString(addr).v4Addr();
+}
+Ulo::IpGenAddr::Bytes a6(const char* addr) {
+   return Ulo::IpGenAddr::fromString(addr).bytes();
+}
+RoutePosition mv(uint32_t from, uint32_t to, bool v4 = true, EntryType t = EntryType::v4Right) {
+   return RoutePosition{1, from, to, v4, t};
+}
+
+std::vector<std::string> messages(const std::vector<Violation>& v) {
+   std::vector<std::string> out;
+   for (const auto& x : v)
+      out.push_back(x.message);
+   return out;
+}
+
+// "text: message" of the assertion that f fails, or "" when it does not.
+std::string fatal(const std::function<void()>& f) {
+   Ulo::ScopedThrowingAssertHandler guard;
+   try {
+      f();
+   } catch (const Ulo::AssertionFailure& e) {
+      return e.text + ": " + e.message;
+   }
+   return "";
+}
+
+// An emulator wired to the four records, as the model's context holds them.
+class TcamEmulatorWriter : public ::testing::Test {
+ protected:
+   TcamEmulatorWriter() { emu.attach(move, moveStatus, merge, mergeStatus); }
+
+   RoutePosition publish(uint32_t from, uint32_t to, bool v4, EntryType type) {
+      move.posIs(RoutePosition{++count, from, to, v4, type});
+      return move.pos();
+   }
+   RouteMergeInfo publishMerge(uint32_t from, EntryType fromHalf, uint32_t to, EntryType toHalf) {
+      merge.mergeIs(RouteMergeInfo{++count, from, fromHalf, to, toHalf});
+      return merge.merge();
+   }
+
+   RouteMove move, moveStatus;
+   RouteMerge merge, mergeStatus;
+   TcamEmulator emu{64, 16};
+   uint64_t count = 0;
+};
+
+// ---- writer role ----------------------------------------------------------------------------
+
+TEST_F(TcamEmulatorWriter, MoveCopiesTheEntryKeepsTheSourceAndAcknowledges) {
+   const Ipv4Keys keys(k4("10.1.0.0/16"), k4("10.2.0.0/16"));
+   emu.writeV4(5, keys);
+   emu.writeV6(3, k6("2001:db8::/48"), false);
+   emu.writeMcast(4, kmc("239.1.1.1", "10.0.0.1", 64));
+
+   RoutePosition p = publish(5, 9, true, EntryType::v4Both);
+   EXPECT_EQ(moveStatus.pos(), p);
+   EXPECT_EQ(emu.entry(9).v4, keys);
+   EXPECT_EQ(emu.entry(5).v4, keys) << "the source is only free to be overwritten";
+   EXPECT_EQ(emu.home(k4("10.2.0.0/16")), 9u);
+
+   publish(3, 11, false, EntryType::v6);
+   publish(4, 12, false, EntryType::mcastV4);
+   EXPECT_EQ(emu.entry(11).kind, EntryKind::v6Single);
+   EXPECT_EQ(emu.home(k6("2001:db8::/48")), 11u);
+   EXPECT_EQ(emu.entry(12).mcast, kmc("239.1.1.1", "10.0.0.1", 64));
+   EXPECT_EQ(emu.moves(), 3u);
+   EXPECT_EQ(emu.installedRoutes(), 4u);
+}
+
+TEST_F(TcamEmulatorWriter, DoubleSizeEntryMovesBothEntriesOfItsPair) {
+   emu.writeV6(3, k6("2001:db8::1/128"), true);
+   publish(3, 5, false, EntryType::v6);
+   EXPECT_EQ(emu.entry(5).kind, EntryKind::v6DoubleFirst);
+   EXPECT_EQ(emu.entry(21).kind, EntryKind::v6DoubleSecond);
+   EXPECT_EQ(emu.entry(21).v6, k6("2001:db8::1/128"));
+   EXPECT_EQ(emu.entry(19).kind, EntryKind::v6DoubleSecond) << "the stale pair stays";
+
+   // Overwriting one entry of the stale pair breaks that pair and nothing else.
+   emu.writeV4(19, right(k4("10.0.0.0/8")));
+   EXPECT_EQ(emu.entry(3).kind, EntryKind::empty);
+   EXPECT_THAT(emu.checkAll(), IsEmpty());
+   EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::1"))->pos, 5u);
+}
+
+TEST_F(TcamEmulatorWriter, MoveThatDoesNotMatchItsSourceIsRejectedButAcknowledged) {
+   emu.onErrorIs(OnError::record);
+   emu.writeV4(5, right(k4("10.1.0.0/16")));
+   emu.writeV6(6, k6("2001:db8::/48"), false);
+   emu.writeV6(8, k6("2001:db8::/96"), true);
+   emu.writeV4(10, right(k4("10.2.0.0/16")));
+   publish(10, 12, true, EntryType::v4Right);
+   const struct {
+      uint32_t from, to;
+      bool v4;
+      EntryType type;
+      const char* why;
+   } cases[] = {
+       {5, 30, true, EntryType::v4Both, "holds v4 right: 10.1.0.0/16"},  // one half only
+       {5, 30, true, EntryType::v4Left, "holds v4"},                     // the wrong half
+       {5, 30, false, EntryType::v6, "holds v4"},
+       {6, 30, true, EntryType::v4Right, "holds v6Single"},
+       {6, 30, false, EntryType::mcastV4, "holds v6Single"},
+       {7, 30, false, EntryType::v6, "holds empty"},
+       {5, 30, true, EntryType::v6, "holds v4"},  // v4 flag with a non-IPv4 type
+       {0, 30, true, EntryType::v4Right, "outside the table"},
+       {5, 64, true, EntryType::v4Right, "outside the table"},
+       {8, 50, false, EntryType::v6, "partner lies outside"},  // 50 + 16 is past 63
+       {10, 30, true, EntryType::v4Right, "stale copy: 10.2.0.0/16(vrf1) lives at entry 12"},
+   };
+   uint64_t errors = 0;
+   for (const auto& c : cases) {
+      RoutePosition p = publish(c.from, c.to, c.v4, c.type);
+      SCOPED_TRACE(fmt::format("{}", p));
+      ASSERT_EQ(emu.errorCount(), ++errors);
+      EXPECT_THAT(emu.errors().back(), HasSubstr(fmt::format("move {}: ", p)));
+      EXPECT_THAT(emu.errors().back(), HasSubstr(c.why));
+      EXPECT_EQ(moveStatus.pos(), p);
+   }
+   EXPECT_EQ(emu.entry(30).kind, EntryKind::empty) << "a rejected move writes nothing";
+   EXPECT_EQ(emu.moves(), 1u);
+}
+
+TEST_F(TcamEmulatorWriter, MergeFillsTheFreeHalfKeepsTheSourceAndAcknowledges) {
+   emu.writeV4(4, right(k4("10.1.1.0/24")));
+   emu.writeV4(7, Ipv4Keys(k4("10.1.2.0/24"), k4("10.1.9.0/24")));
+   // The agent deleted the right route of 7; the model merges the left one into 4.
+   RouteMergeInfo m = publishMerge(7, EntryType::v4Left, 4, EntryType::v4Left);
+   EXPECT_EQ(mergeStatus.merge(), m);
+   EXPECT_EQ(emu.entry(4).v4, Ipv4Keys(k4("10.1.2.0/24"), k4("10.1.1.0/24")));
+   EXPECT_EQ(emu.entry(7).v4.left, k4("10.1.2.0/24"));
+   EXPECT_EQ(emu.home(k4("10.1.2.0/24")), 4u);
+
+   emu.clear(7);  // gives up the deleted route, not the merged one
+   EXPECT_EQ(emu.home(k4("10.1.9.0/24")), 0u);
+   EXPECT_EQ(emu.installedRoutes(), 2u);
+   EXPECT_THAT(emu.checkAll(), IsEmpty());
+   EXPECT_EQ(emu.merges(), 1u);
+}
+
+TEST_F(TcamEmulatorWriter, MergeIntoATakenHalfOrFromAnEmptyHalfIsRejected) {
+   emu.onErrorIs(OnError::record);
+   emu.writeV4(4, Ipv4Keys(k4("10.1.1.0/24"), k4("10.1.3.0/24")));
+   emu.writeV4(7, right(k4("10.1.2.0/24")));
+   emu.writeV6(8, k6("2001:db8::/48"), false);
+   publishMerge(7, EntryType::v4Right, 4, EntryType::v4Left);
+   publishMerge(7, EntryType::v4Left, 4, EntryType::v4Left);
+   publishMerge(7, EntryType::v4Right, 8, EntryType::v4Left);
+   publishMerge(7, EntryType::v4Right, 7, EntryType::v4Left);
+   publishMerge(7, EntryType::v4Both, 4, EntryType::v4Left);
+   EXPECT_THAT(emu.errors(), ElementsAre(HasSubstr("destination half is not free"),
+                                         HasSubstr("source half is empty"),
+                                         HasSubstr("destination holds v6Single"),
+                                         HasSubstr("the same entry"), HasSubstr("not a half")));
+   EXPECT_EQ(emu.entry(4).v4, Ipv4Keys(k4("10.1.1.0/24"), k4("10.1.3.0/24")));
+   EXPECT_EQ(mergeStatus.merge().count, 5u);
+   EXPECT_EQ(emu.merges(), 0u);
+}
+
+TEST_F(TcamEmulatorWriter, ErrorsAreFatalByDefault) {
+   emu.writeV4(12, right(k4("10.1.0.0/16")));
+   emu.writeV4(9, right(k4("10.1.1.0/24")));
+   const std::string wrongType = fatal([&] { publish(12, 20, true, EntryType::v4Both); });
+   EXPECT_EQ(wrongType, fmt::format("TcamEmulator: writer error: move {}: the source holds v4 "
+                                    "right: 10.1.0.0/16(vrf1) left: 0.0.0.0/255(vrf1)",
+                                    move.pos()));
+   EXPECT_EQ(fatal([&] { publish(12, 7, true, EntryType::v4Right); }),
+             "TcamEmulator: table inconsistent: route 10.1.1.0/24(vrf1) first held at entry 9 is "
+             "shadowed by shorter 10.1.0.0/16(vrf1) at entry 7");
+}
+
+TEST_F(TcamEmulatorWriter, BrokenWriterCarriesOutButNeverAcknowledgesAndDetachStopsIt) {
+   emu.acknowledgesIs(false);
+   emu.writeV4(5, right(k4("10.1.0.0/16")));
+   emu.writeV4(6, right(k4("10.2.0.0/16")));
+   RoutePosition p = publish(5, 9, true, EntryType::v4Right);
+   RouteMergeInfo m = publishMerge(6, EntryType::v4Right, 9, EntryType::v4Left);
+   EXPECT_EQ(emu.entry(9).v4, Ipv4Keys(k4("10.2.0.0/16"), k4("10.1.0.0/16")));
+   EXPECT_NE(moveStatus.pos(), p);
+   EXPECT_NE(mergeStatus.merge(), m);
+
+   emu.detach();
+   publish(9, 12, true, EntryType::v4Both);
+   EXPECT_EQ(emu.entry(12).kind, EntryKind::empty);
+   EXPECT_EQ(move.changed().subscribers(), 0u);
+}
+
+// ---- caller writes and the installed set -------------------------------------------------------
+
+TEST(TcamEmulatorWrites, RoutesLeaveTheInstalledSetOnlyWhenTheirEntryIsRewrittenWithoutThem) {
+   TcamEmulator emu(32, 8);
+   emu.onErrorIs(OnError::record);
+   emu.writeV4(5, Ipv4Keys(k4("10.1.0.0/16"), k4("10.2.0.0/16")));
+   emu.writeV4(5, right(k4("10.2.0.0/16")));  // the left route was deleted
+   EXPECT_EQ(emu.home(k4("10.1.0.0/16")), 0u);
+
+   emu.applyMove(mv(5, 9));
+   emu.writeV4(5, right(k4("10.2.1.0/24")));  // a new route over the stale copy
+   EXPECT_EQ(emu.home(k4("10.2.0.0/16")), 9u);
+
+   emu.writeV4(20, right(k4("10.3.0.0/16")));
+   emu.applyMove(mv(9, 20));  // onto a live entry: 10.3.0.0/16 is lost, and stays installed
+   EXPECT_THAT(emu.errors(), ElementsAre(HasSubstr("10.3.0.0/16(vrf1) installed at entry 20")));
+   emu.clear(20);  // the agent deletes both where it believes they are
+   EXPECT_EQ(emu.installedRoutes(), 1u);
+   EXPECT_THAT(emu.checkAll(), IsEmpty());
+}
+
+TEST(TcamEmulatorWrites, DoubleSizePairsAreWrittenAndLostTogether) {
+   TcamEmulator emu(32, 8);
+   emu.writeV6(4, k6("2001:db8::/96"), true);
+   emu.writeV6(5, k6("2001:db8:1::/96"), true);
+   emu.clear(4);
+   EXPECT_EQ(emu.entry(12).kind, EntryKind::empty);
+   emu.writeV4(13, right(k4("10.0.0.0/8")));  // lands on the second entry of a live pair
+   EXPECT_EQ(emu.entry(5).kind, EntryKind::empty);
+   EXPECT_THAT(messages(emu.checkAll()),
+               ElementsAre("route 2001:db8:1::/96(vrf1) installed at entry 5 (double) is no longer "
+                           "held there (it holds: empty)"));
+}
+
+TEST(TcamEmulatorWrites, PositionsOutsideTheTableAreRangeErrors) {
+   TcamEmulator emu(32, 8);
+   EXPECT_THROW(emu.writeV4(0, right(k4("10.0.0.0/8"))), std::range_error);
+   EXPECT_THROW(emu.writeMcast(32, kmc("239.1.1.1", "0.0.0.0", 32)), std::range_error);
+   EXPECT_THROW(emu.writeV6(24, k6("2001:db8::/96"), true), std::range_error);
+   EXPECT_NO_THROW(emu.writeV6(23, k6("2001:db8::/96"), true));
+   EXPECT_THROW(emu.clear(0), std::range_error);
+   EXPECT_THROW(emu.entry(32), std::range_error);
+   EXPECT_THROW(TcamEmulator(1u << 31, 8), std::range_error);
+   for (uint32_t noPairs : {0, 32, 40}) {
+      EXPECT_THROW(TcamEmulator(32, noPairs).writeV6(1, k6("2001:db8::/96"), true),
+                   std::range_error);
+   }
+}
+
+TEST(TcamEmulatorWrites, ImageListsEveryUsedEntryInIndexOrder) {
+   TcamEmulator emu(32, 8);
+   emu.writeMcast(9, kmc("239.1.1.1", "0.0.0.0", 32));
+   emu.writeV6(2, k6("2001:db8::/96"), true);
+   emu.writeV4(5, right(k4("10.0.0.0/8")));
+   std::vector<std::pair<uint32_t, EntryKind>> seen;
+   emu.forEachEntry([&](uint32_t pos, const TcamEntry& e) { seen.emplace_back(pos, e.kind); });
+   EXPECT_THAT(seen, ElementsAre(std::pair(2u, EntryKind::v6DoubleFirst),
+                                 std::pair(5u, EntryKind::v4), std::pair(9u, EntryKind::mcast),
+                                 std::pair(10u, EntryKind::v6DoubleSecond)));
+}
+
+// ---- lookups -------------------------------------------------------------------------------
+
+TEST(TcamEmulatorLookup, FirstMatchingEntryWinsWithinItsVrf) {
+   TcamEmulator emu(32, 8);
+   emu.writeV4(2, right(k4("10.0.0.0/8")));
+   emu.writeV4(5, Ipv4Keys(k4("10.1.0.0/16"), k4("10.2.0.0/16")));
+   emu.writeV4(7, right(k4("10.1.0.0/16", 2)));
+   EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.1.2.3"))->pos, 2u) << "first match, not longest";
+   EXPECT_EQ(emu.lookup4(VrfId(2), a4("10.1.2.3"))->pos, 7u);
+   EXPECT_FALSE(emu.lookup4(VrfId(2), a4("10.2.2.3")));
+   emu.clear(2);
+   auto hit = emu.lookup4(VrfId(1), a4("10.1.2.3"));
+   EXPECT_EQ(hit->key, k4("10.1.0.0/16"));
+   EXPECT_FALSE(hit->right);
+}
+
+TEST(TcamEmulatorLookup, DoubleSizeEntriesAreSearchedBeforeSingleSizeOnes) {
+   TcamEmulator emu(64, 16);
+   emu.writeV6(2, k6("2001:db8::/48"), false);
+   emu.writeV6(30, k6("2001:db8::1/128"), true);
+   EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::1"))->pos, 30u);
+   EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::2"))->pos, 2u);
+   EXPECT_FALSE(emu.lookup6(VrfId(3), a6("2001:db8::1")));
+   EXPECT_THAT(emu.checkAll(), IsEmpty()) << "the /48 comes after every double-size entry";
+}
+
+TEST(TcamEmulatorLookup, MulticastMatchesLeadingGroupAndSourceBits) {
+   TcamEmulator emu(32, 8);
+   emu.writeMcast(3, kmc("239.1.1.1", "10.0.0.5", 64));
+   emu.writeMcast(6, kmc("239.1.1.1", "0.0.0.0", 32));
+   emu.writeMcast(8, kmc("239.1.1.1", "10.0.0.0", 40, 4));
+   EXPECT_EQ(emu.lookupMcast(1, 0, a4("239.1.1.1"), a4("10.0.0.5"))->pos, 3u);
+   EXPECT_EQ(emu.lookupMcast(1, 0, a4("239.1.1.1"), a4("10.0.0.6"))->pos, 6u);
+   EXPECT_EQ(emu.lookupMcast(1, 4, a4("239.1.1.1"), a4("10.9.9.9"))->pos, 8u);
+   EXPECT_FALSE(emu.lookupMcast(1, 4, a4("239.1.1.1"), a4("11.0.0.1")));
+   EXPECT_FALSE(emu.lookupMcast(1, 0, a4("239.1.1.2"), a4("10.0.0.5")));
+}
+
+// ---- consistency ---------------------------------------------------------------------------
+
+TEST(TcamEmulatorCheck, ShorterCoveringPrefixFirstIsReportedByBothChecks) {
+   const struct {
+      const char* name;
+      std::function<void(TcamEmulator&)> build;
+      std::vector<std::string> expected;
+   } cases[] = {
+       {"ipv4, other prefixes and VRFs ignored",
+        [](TcamEmulator& e) {
+           e.writeV4(10, right(k4("10.1.1.0/24")));
+           e.writeV4(5, right(k4("10.1.0.0/16")));
+           e.writeV4(3, right(k4("10.2.0.0/16")));
+           e.writeV4(2, right(k4("10.0.0.0/8", 2)));
+        },
+        {"route 10.1.1.0/24(vrf1) first held at entry 10 is shadowed by shorter 10.1.0.0/16(vrf1) "
+         "at entry 5"}},
+       {"the earliest, then shortest, shadowing prefix is named",
+        [](TcamEmulator& e) {
+           e.writeV4(10, right(k4("10.1.1.0/24")));
+           e.writeV4(8, right(k4("10.1.0.0/23")));
+           e.writeV4(6, Ipv4Keys(k4("10.1.0.0/16"), k4("10.0.0.0/8")));
+           e.writeV4(2, right(k4("10.1.1.0/25")));
+        },
+        {"route 10.1.0.0/23(vrf1) first held at entry 8 is shadowed by shorter 10.0.0.0/8(vrf1) at "
+         "entry 6",
+         "route 10.1.1.0/24(vrf1) first held at entry 10 is shadowed by shorter 10.0.0.0/8(vrf1) "
+         "at entry 6"}},
+       {"ipv6 double-size",
+        [](TcamEmulator& e) {
+           e.writeV6(10, k6("2001:db8::/80"), true);
+           e.writeV6(3, k6("2001:db8::/64"), true);
+        },
+        {"route 2001:db8::/80(vrf1) first held at entry 10 (double) is shadowed by shorter "
+         "2001:db8::/64(vrf1) at entry 3 (double)"}},
+       {"ipv6 single-size, after every double-size",
+        [](TcamEmulator& e) {
+           e.writeV6(40, k6("2001:db8:1::/48"), false);
+           e.writeV6(36, k6("2001:db8::/32"), false);
+           e.writeV6(44, k6("2001:db8:1::1/128"), true);
+        },
+        {"route 2001:db8:1::/48(vrf1) first held at entry 40 (single) is shadowed by shorter "
+         "2001:db8::/32(vrf1) at entry 36 (single)"}},
+       {"multicast, other tables and groups ignored",
+        [](TcamEmulator& e) {
+           e.writeMcast(10, kmc("239.1.1.1", "10.0.0.5", 64));
+           e.writeMcast(4, kmc("239.1.1.1", "0.0.0.0", 32));
+           e.writeMcast(2, kmc("239.1.1.1", "0.0.0.0", 32, 7));
+           e.writeMcast(3, kmc("239.1.1.2", "0.0.0.0", 32));
+        },
+        {"route 239.1.1.1,10.0.0.5/64(1:0) first held at entry 10 is shadowed by shorter "
+         "239.1.1.1,0.0.0.0/32(1:0) at entry 4"}},
+       {"multicast keys longer than 64 bits",
+        [](TcamEmulator& e) {
+           e.writeMcast(10, kmc("239.1.1.1", "10.0.0.5", 80));
+           e.writeMcast(4, kmc("239.1.1.1", "10.0.0.5", 70));
+        },
+        {"route 239.1.1.1,10.0.0.5/80(1:0) first held at entry 10 is shadowed by shorter "
+         "239.1.1.1,10.0.0.5/70(1:0) at entry 4"}},
+       {"longest first passes",
+        [](TcamEmulator& e) {
+           e.writeV4(2, Ipv4Keys(k4("10.1.1.0/24"), k4("10.1.2.0/24")));
+           e.writeV4(9, right(k4("0.0.0.0/0")));
+           e.writeMcast(40, kmc("239.1.1.1", "10.0.0.5", 64));
+           e.writeMcast(42, kmc("239.1.1.1", "0.0.0.0", 32));
+        },
+        {}},
+   };
+   for (const auto& c : cases) {
+      SCOPED_TRACE(c.name);
+      TcamEmulator emu(64, 16);
+      c.build(emu);
+      EXPECT_EQ(messages(emu.checkAll()), c.expected);
+      EXPECT_EQ(messages(emu.checkAfterMove()), c.expected);
+      EXPECT_THAT(emu.checkAfterMove(), IsEmpty()) << "nothing changed since";
+   }
+}
+
+TEST(TcamEmulatorCheck, StaleCopyOfAShorterPrefixBeforeALongerOneIsReported) {
+   TcamEmulator emu(32, 8);
+   emu.writeV4(3, right(k4("10.1.0.0/16")));
+   emu.applyMove(mv(3, 15));
+   emu.writeV4(10, right(k4("10.1.1.0/24")));  // between the two copies of the /16
+   const char* expected =
+       "route 10.1.1.0/24(vrf1) first held at entry 10 is shadowed by shorter 10.1.0.0/16(vrf1) "
+       "at entry 3";
+   EXPECT_THAT(messages(emu.checkAll()), ElementsAre(expected));
+   EXPECT_THAT(messages(emu.checkAfterMove()), ElementsAre(expected));
+   emu.writeV4(3, right(k4("10.1.1.128/25")));  // overwriting the stale copy repairs the table
+   EXPECT_THAT(emu.checkAll(), IsEmpty());
+   EXPECT_EQ(emu.home(k4("10.1.0.0/16")), 15u);
+}
+
+// Nested prefixes: /24 at 10-12, /20 at 20-22, /16 at 30-32, /8 at 40-41. Every move is checked
+// automatically and fatally, and the full check must agree after each.
+class TcamEmulatorShift : public ::testing::Test {
+ protected:
+   TcamEmulatorShift() {
+      const char* p[4][3] = {{"10.1.16.0/24", "10.1.17.0/24", "10.2.32.0/24"},
+                             {"10.1.16.0/20", "10.2.32.0/20", "10.3.0.0/20"},
+                             {"10.1.0.0/16", "10.2.0.0/16", "10.3.0.0/16"},
+                             {"10.0.0.0/8", "11.0.0.0/8", nullptr}};
+      for (uint32_t len = 0; len < 4; ++len) {
+         for (uint32_t i = 0; i < 3 && p[len][i]; ++i)
+            emu.writeV4(10 * (len + 1) + i, right(k4(p[len][i])));
+      }
+   }
+   void shift(std::vector<std::pair<uint32_t, uint32_t>> moves) {
+      for (auto [from, to] : moves) {
+         EXPECT_EQ(fatal([&] { emu.applyMove(mv(from, to)); }), "");
+         EXPECT_THAT(emu.checkAll(), IsEmpty()) << from << " -> " << to;
+      }
+   }
+   TcamEmulator emu{64, 16};
+};
+
+TEST_F(TcamEmulatorShift, ShiftDownInsertPassesAfterEveryMove) {
+   // A /22 between the /24s and the /20s, the free entry at 42: shortest length first, each
+   // lowest entry into the hole.
+   shift({{40, 42}, {30, 40}, {20, 30}});
+   emu.writeV4(20, right(k4("10.1.16.0/22")));
+   EXPECT_THAT(emu.checkAll(), IsEmpty());
+   EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.1.18.1"))->key, k4("10.1.16.0/22"));
+   EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.1.200.1"))->key, k4("10.1.0.0/16"));
+   EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.200.0.1"))->key, k4("10.0.0.0/8"));
+}
+
+TEST_F(TcamEmulatorShift, ShiftUpInsertPassesAfterEveryMove) {
+   // A /12 after the /16s, the free entry at 5: longest length first, each highest entry up.
+   shift({{12, 5}, {22, 12}, {32, 22}});
+   emu.writeV4(32, right(k4("10.0.0.0/12")));
+   EXPECT_THAT(emu.checkAll(), IsEmpty());
+   EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.2.32.1"))->key, k4("10.2.32.0/24"));
+   EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.9.0.1"))->key, k4("10.0.0.0/12"));
+}
+
+TEST_F(TcamEmulatorShift, ShiftInTheWrongOrderIsCaughtWhenTheStaleCopyGoes) {
+   emu.onErrorIs(OnError::record);
+   emu.applyMove(mv(30, 42));  // past the /8s; its stale copy at 30 still matches first
+   EXPECT_EQ(emu.errorCount(), 0u);
+   emu.applyMove(mv(20, 30));
+   EXPECT_THAT(emu.errors(), ElementsAre("route 10.1.0.0/16(vrf1) first held at entry 42 is "
+                                         "shadowed by shorter 10.0.0.0/8(vrf1) at entry 40"));
+}
+
+TEST(TcamEmulatorCheck, DoubleSizeShiftPassesAndMisorderIsCaught) {
+   TcamEmulator emu(64, 16);
+   emu.onErrorIs(OnError::record);
+   emu.writeV6(2, k6("2001:db8::1/128"), true);
+   emu.writeV6(4, k6("2001:db8::/96"), true);
+   emu.writeV6(6, k6("2001:db8::/80"), true);
+   emu.applyMove(mv(6, 8, false, EntryType::v6));  // room for a /100 at 4
+   emu.applyMove(mv(4, 6, false, EntryType::v6));
+   emu.writeV6(4, k6("2001:db8::/100"), true);
+   EXPECT_THAT(emu.checkAll(), IsEmpty());
+   EXPECT_EQ(emu.errorCount(), 0u);
+
+   emu.applyMove(mv(8, 1, false, EntryType::v6));  // the /80 in front of all it covers
+   EXPECT_EQ(emu.errorCount(), 3u);
+   EXPECT_THAT(emu.errors(), Each(HasSubstr("shorter 2001:db8::/80(vrf1) at entry 1 (double)")));
+}
+
+// ---- incremental against full, on random tables --------------------------------------------
+
+// Few distinct leading bits, so that random prefixes often nest.
+struct RandomRoutes {
+   std::mt19937 rng;
+   uint32_t below(uint32_t n) { return std::uniform_int_distribution<uint32_t>(0, n - 1)(rng); }
+   Ipv4UcastKey v4() {
+      uint32_t len = below(33), addr = (10u << 24) | (below(4) << 22) | below(1u << 20);
+      return Ipv4UcastKey(VrfId(1 + below(2)),
+                          Ulo::Prefix(len ? addr & ~0u << (32 - len) : 0, len));
+   }
+   Ipv6UcastKey v6(bool longer) {
+      uint32_t len = longer ? 65 + below(64) : below(65);
+      Ulo::Ip6Prefix::Bytes b{0x20, 0x01, 0x0d, 0xb8};
+      for (unsigned i = 4; i < 16; ++i)
+         b[i] = uint8_t(below(2) << (i % 8));
+      for (unsigned i = 0; i < 16; ++i) {
+         unsigned keep = len > i * 8 ? std::min(8u, len - i * 8) : 0;
+         b[i] &= uint8_t(0xff00 >> keep);
+      }
+      return Ipv6UcastKey(VrfId(1), Ulo::Ip6Prefix(b, uint8_t(len)));
+   }
+   IpMcastPrefixKey mcast() {
+      static constexpr uint8_t lens[] = {32, 40, 48, 64, 70, 80};
+      return IpMcastPrefixKey(1, uint16_t(below(2)), Ulo::IpGenAddr::v4((239u << 24) | below(3)),
+                              Ulo::IpGenAddr::v4((10u << 24) | (below(2) << 16) | below(4)),
+                              lens[below(6)]);
+   }
+};
+
+constexpr uint32_t randomSize = 512, randomGap = 64;
+
+// Longest first within each family, with random holes: IPv4 in 1-159, double-size IPv6 in
+// 160-223 (partners 224-287), single-size IPv6 in 288-399, multicast in 400-511.
+void buildLegal(TcamEmulator& emu, RandomRoutes& r) {
+   auto place = [&](uint32_t from, uint32_t to, auto make, auto write) {
+      std::vector<decltype(make())> keys;
+      for (int i = 0; i < 90; ++i)
+         keys.push_back(make());
+      std::sort(keys.begin(), keys.end(), [](const auto& a, const auto& b) {
+         return a.len > b.len || (a.len == b.len && a.key < b.key);
+      });
+      keys.erase(std::unique(keys.begin(), keys.end(),
+                             [](const auto& a, const auto& b) { return a.key == b.key; }),
+                 keys.end());
+      for (uint32_t i = 0, pos = from + r.below(3); i < keys.size() && pos < to; ++i) {
+         write(pos, keys[i].key);
+         pos += 1 + r.below(3);
+      }
+   };
+   struct K4 {
+      Ipv4UcastKey key;
+      uint32_t len;
+   };
+   struct K6 {
+      Ipv6UcastKey key;
+      uint32_t len;
+   };
+   struct KM {
+      IpMcastPrefixKey key;
+      uint32_t len;
+   };
+   place(
+       1, 160,
+       [&] {
+          auto k = r.v4();
+          return K4{k, k.len()};
+       },
+       [&](uint32_t p, const Ipv4UcastKey& k) { emu.writeV4(p, right(k)); });
+   place(
+       160, 224,
+       [&] {
+          auto k = r.v6(true);
+          return K6{k, k.len()};
+       },
+       [&](uint32_t p, const Ipv6UcastKey& k) { emu.writeV6(p, k, true); });
+   place(
+       288, 400,
+       [&] {
+          auto k = r.v6(false);
+          return K6{k, k.len()};
+       },
+       [&](uint32_t p, const Ipv6UcastKey& k) { emu.writeV6(p, k, false); });
+   place(
+       400, randomSize,
+       [&] {
+          auto k = r.mcast();
+          return KM{k, k.len};
+       },
+       [&](uint32_t p, const IpMcastPrefixKey& k) { emu.writeMcast(p, k); });
+}
+
+// One random change that may break the table: a move or merge from an entry where its routes
+// live (so the writer accepts it), or a caller write or clear anywhere.
+void perturb(TcamEmulator& emu, RandomRoutes& r) {
+   const uint32_t pos = 1 + r.below(randomSize - 1), to = 1 + r.below(randomSize - 1);
+   const TcamEntry& e = emu.entry(pos);
+   switch (r.below(6)) {
+      case 0:
+      case 1:
+         if (e.kind == EntryKind::v4 && e.v4.left.isNull() && emu.home(e.v4.right) == pos) {
+            emu.applyMove(mv(pos, to));
+         } else if (e.kind == EntryKind::v6Single && emu.home(e.v6) == pos) {
+            emu.applyMove(mv(pos, to, false, EntryType::v6));
+         } else if (e.kind == EntryKind::v6DoubleFirst && emu.home(e.v6) == pos) {
+            emu.applyMove(mv(pos, 1 + to % (randomSize - randomGap - 1), false, EntryType::v6));
+         } else if (e.kind == EntryKind::mcast && emu.home(e.mcast) == pos) {
+            emu.applyMove(mv(pos, to, false, EntryType::mcastV4));
+         }
+         break;
+      case 2:
+         emu.writeV4(pos, right(r.v4()));
+         break;
+      case 3:
+         emu.writeV6(pos, r.v6(r.below(2)), pos < randomSize - randomGap && r.below(2));
+         break;
+      case 4:
+         emu.writeMcast(pos, r.mcast());
+         break;
+      case 5:
+         if (e.kind == EntryKind::v4 && emu.home(e.v4.right) == pos && r.below(3)) {
+            for (uint32_t d = 1; d < randomSize; ++d) {
+               const TcamEntry& into = emu.entry(d);
+               if (d != pos && into.kind == EntryKind::v4 && into.v4.left.isNull()) {
+                  emu.applyMerge(RouteMergeInfo{1, pos, EntryType::v4Right, d, EntryType::v4Left});
+                  break;
+               }
+            }
+         } else {
+            emu.clear(pos);
+         }
+         break;
+   }
+}
+
+TEST(TcamEmulatorRandom, IncrementalCheckAgreesWithFullCheck) {
+   for (uint32_t seed = 1; seed <= 4; ++seed) {
+      SCOPED_TRACE(fmt::format("seed {}", seed));
+      RandomRoutes r{std::mt19937(seed)};
+      size_t notHeldFound = 0, shadowedFound = 0;
+      for (int round = 0; round < 6; ++round) {
+         TcamEmulator emu(randomSize, randomGap);
+         emu.onErrorIs(OnError::record);
+         emu.checkEveryMoveIs(false);  // the test calls checkAfterMove itself
+         buildLegal(emu, r);
+         ASSERT_GT(emu.installedRoutes(), 150u);
+         ASSERT_THAT(messages(emu.checkAll()), IsEmpty());
+         ASSERT_THAT(messages(emu.checkAfterMove()), IsEmpty());
+         std::set<std::pair<Kind, std::string>> before;
+         for (int step = 0; step < 60; ++step) {
+            perturb(emu, r);
+            const auto inc = emu.checkAfterMove();
+            const auto full = emu.checkAll();
+            // What the incremental check reports is true...
+            const auto fullMessages = messages(full);
+            for (const auto& v : inc) {
+               ASSERT_TRUE(std::binary_search(fullMessages.begin(), fullMessages.end(), v.message))
+                   << "step " << step << ": " << v.message;
+               ++(v.kind == Kind::notHeld ? notHeldFound : shadowedFound);
+            }
+            // ...and it names every route that has newly gone wrong.
+            std::set<std::pair<Kind, std::string>> found, now;
+            for (const auto& v : inc)
+               found.emplace(v.kind, v.route);
+            for (const auto& v : full) {
+               now.emplace(v.kind, v.route);
+               ASSERT_TRUE(before.count({v.kind, v.route}) || found.count({v.kind, v.route}))
+                   << "step " << step << ": " << v.message;
+            }
+            before = std::move(now);
+         }
+         EXPECT_EQ(emu.errorCount(), 0u) << "moves and merges start where their routes live";
+      }
+      EXPECT_GT(notHeldFound, 10u) << "the perturbations must break tables in both ways";
+      EXPECT_GT(shadowedFound, 100u);
+   }
+}
+
+}  // namespace
+}  // namespace VexloL3Common::sim

@@ -1,0 +1,218 @@
+// A TCAM context wired to the hardware emulator. Every operation goes through the context, the
+// caller's own hardware writes go to the emulator, and after each one the context verifies itself
+// and the emulator checks that no installed route has become unreachable or shadowed.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "VexloL3Common/L3TcamTable.h"
+#include "platform/Assert.h"
+#include "sim/TcamEmulator.h"
+
+namespace VexloL3Common::testing {
+
+inline L3TcamManagerContext::Config layout(uint32_t size, uint32_t mode, uint8_t blocks,
+                                           bool twoV4 = true) {
+   L3TcamManagerContext::Config c;
+   c.tcamSize = size;
+   c.tcamMode = mode;
+   c.numUcastDefipBlocks = blocks;
+   c.twoV4RoutesPerEntry = twoV4;
+   return c;
+}
+
+class TcamHarness {
+ public:
+   explicit TcamHarness(L3TcamManagerContext::Config cfg, bool urpf = false)
+       : move_(routeMoveFactory()),
+         moveStatus_(routeMoveFactory()),
+         merge_(routeMergeFactory()),
+         mergeStatus_(routeMergeFactory()),
+         routing_(std::make_shared<Ulo::RoutingStatus>()) {
+      routing_->urpfEnabledIs(urpf);
+      cfg.globalRoutingStatus = routing_;
+      cfg.routeMove = move_;
+      cfg.routeMoveStatus = moveStatus_;
+      cfg.routeMerge = merge_;
+      cfg.routeMergeStatus = mergeStatus_;
+      ctx_ = l3TcamManagerContextFactory(cfg);
+      ctx_->handleInitialized(true);
+      // A gap that reaches past the table pairs nothing.
+      const uint32_t gap = ctx_->lpmPairGap() < cfg.tcamSize ? ctx_->lpmPairGap() : 0;
+      emu_ = std::make_unique<sim::TcamEmulator>(cfg.tcamSize, gap);
+      emu_->attach(*move_, *moveStatus_, *merge_, *mergeStatus_);
+   }
+
+   L3TcamManagerContext& ctx() { return *ctx_; }
+   sim::TcamEmulator& emu() { return *emu_; }
+   RouteMove& move() { return *move_; }
+   RouteMove& moveStatus() { return *moveStatus_; }
+   RouteMerge& merge() { return *merge_; }
+
+   RouteReturnCode add4(const Ipv4UcastKey& key, bool useSwapArea = false) {
+      RouteReturnCode rc = ctx_->addRoute4(key, useSwapArea);
+      if (rc.routeId) emu_->writeV4(rc.routeId, ctx_->v4()->keys(rc.routeId));
+      check();
+      return rc;
+   }
+
+   RouteReturnCode del4(const Ipv4UcastKey& key, bool merge = true, uint64_t seq = 0) {
+      RouteReturnCode rc = ctx_->deleteRoute4(key, merge, seq);
+      rewrite4(rc.routeId);
+      if (!rc.canMerge) check();
+      return rc;
+   }
+
+   void merge4(const Ipv4UcastKey& key, uint32_t pos, uint32_t halfFullPos, uint64_t seq = 0) {
+      ctx_->mergeRoute4(key, pos, halfFullPos, seq);
+      rewrite4(pos);
+      check();
+   }
+
+   // Places an IPv6 route of the given type directly, as the IPv6 entry points do.
+   uint32_t add6(RouteType t, const Ipv6UcastKey& key) {
+      uint32_t pos = ctx_->addRoute(t, Ipv4UcastKey(), key, IpMcastPrefixKey(), false);
+      if (pos) {
+         ctx_->stats()->maskLengthsIpv6Inc(key.len(), 1);
+         emu_->writeV6(pos, key, t == RouteType::v6Full);
+      }
+      check();
+      return pos;
+   }
+
+   RouteReturnCode del6(const Ipv6UcastKey& key) {
+      RouteReturnCode rc = ctx_->deleteRoute6(key);
+      emu_->clear(rc.routeId);
+      check();
+      return rc;
+   }
+
+   RouteReturnCode addM(const IpMcastPrefixKey& key) {
+      RouteReturnCode rc = ctx_->addMroute4(key, false);
+      if (rc.routeId) emu_->writeMcast(rc.routeId, key);
+      check();
+      return rc;
+   }
+
+   RouteReturnCode delM(const IpMcastPrefixKey& key) {
+      RouteReturnCode rc = ctx_->deleteMroute4(key);
+      emu_->clear(rc.routeId);
+      check();
+      return rc;
+   }
+
+   // The model verifies itself; the emulator has checked every move already, and checkAll
+   // confirms the whole table.
+   void check(bool full = false) {
+      ctx_->verify();
+      if (full) {
+         auto violations = emu_->checkAll();
+         ASSERT_TRUE(violations.empty()) << violations.front().message;
+      }
+   }
+
+   uint64_t moves() const { return emu_->moves(); }
+
+ private:
+   // The caller rewrites an entry after a delete or merge: what the model still holds there, or
+   // nothing.
+   void rewrite4(uint32_t pos) {
+      if (ctx_->v4()->keysHas(pos)) {
+         emu_->writeV4(pos, ctx_->v4()->keys(pos));
+      } else {
+         emu_->clear(pos);
+      }
+   }
+
+   Ulo::Ptr<RouteMove> move_, moveStatus_;
+   Ulo::Ptr<RouteMerge> merge_, mergeStatus_;
+   Ulo::Ptr<Ulo::RoutingStatus> routing_;
+   Ulo::Ptr<L3TcamManagerContext> ctx_;
+   std::unique_ptr<sim::TcamEmulator> emu_;
+};
+
+inline void appendBits(std::string& out, const char* name, const HBitmap* bm) {
+   out += name;
+   out += ":";
+   if (!bm) {
+      out += " none\n";
+      return;
+   }
+   for (uint32_t i = bm->findFirstSet(0, bm->size()); i != HBitmap::npos;
+        i = i + 1 < bm->size() ? bm->findFirstSet(i + 1, bm->size()) : HBitmap::npos) {
+      out += fmt::format(" {}", i);
+   }
+   out += "\n";
+}
+
+// Everything the model holds, as text: blocks, ranges, occupancy, mappings and statistics. Two
+// equal snapshots mean an operation left the model exactly as it was.
+inline std::string snapshot(const L3TcamManagerContext& ctx) {
+   std::string out;
+   for (RouteType t : allRouteTypes) {
+      const TcamBlock* b = ctx.block(t).get();
+      if (!b) continue;
+      out += fmt::format("block {} {}/{} len {}-{} max {}:", t, b->start(), b->end(),
+                         b->prefixLenMin(), b->prefixLenMax(), b->lengthRangeMax());
+      b->forEachLengthRange(
+          [&](uint32_t len, const IndexRange& ir) { out += fmt::format(" {}={}", len, ir); });
+      out += "\n";
+      appendBits(out, "  used", b->bitmap().get());
+   }
+   appendBits(out, "bitmap", ctx.bitmap().get());
+   appendBits(out, "bitmapPair", ctx.bitmapPair().get());
+   if (ctx.v4()) {
+      ctx.v4()->forEachKeys(
+          [&](uint32_t pos, const Ipv4Keys& k) { out += fmt::format("v4 {} {}\n", pos, k); });
+      for (uint32_t len = 0; len <= 32; ++len) {
+         if (ctx.v4()->halfFull(len))
+            out += fmt::format("halfFull {}={}\n", len, ctx.v4()->halfFull(len));
+      }
+      out += fmt::format("v4 keys {}\n", ctx.v4()->keyToEntryIdSize());
+   }
+   if (ctx.v6()) {
+      ctx.v6()->forEachEntryIdToKey(
+          [&](uint32_t pos, const Ipv6UcastKey& k) { out += fmt::format("v6 {} {}\n", pos, k); });
+      out += fmt::format("v6 border {} keys {}\n", ctx.v6()->tcamBorder(),
+                         ctx.v6()->keyToEntryIdSize());
+   }
+   if (ctx.mcastV4()) {
+      ctx.mcastV4()->forEachKey([&](uint32_t pos, const IpMcastPrefixKey& k) {
+         out += fmt::format("mc {} {}\n", pos, k);
+      });
+   }
+   const TcamStats& st = *ctx.stats();
+   for (RouteType t : allRouteTypes) {
+      out += fmt::format("moves {} {} merges {}\n", t, st.moveRoute(t), st.mergeRoute(t));
+   }
+   for (uint32_t len = 0; len <= 128; ++len) {
+      if (st.maskLengthsIpv4(len) || st.maskLengthsIpv6(len) || st.maskLengthsMcastIpv4(len)) {
+         out += fmt::format("len {} {} {} {}\n", len, st.maskLengthsIpv4(len),
+                            st.maskLengthsIpv6(len), st.maskLengthsMcastIpv4(len));
+      }
+   }
+   return out;
+}
+
+inline Ipv4UcastKey k4(uint32_t vrf, const char* prefix) {
+   return Ipv4UcastKey(VrfId(vrf), Ulo::Prefix::fromString(prefix));
+}
+inline Ipv6UcastKey k6(uint32_t vrf, const char* prefix) {
+   return Ipv6UcastKey(VrfId(vrf), Ulo::Ip6Prefix::fromString(prefix));
+}
+
+// The text and message of the assertion that f fails, or "no failure".
+inline std::string failureOf(const std::function<void()>& f) {
+   Ulo::ScopedThrowingAssertHandler guard;
+   try {
+      f();
+   } catch (const Ulo::AssertionFailure& e) {
+      return e.text;
+   }
+   return "no failure";
+}
+
+}  // namespace VexloL3Common::testing
