@@ -11,6 +11,7 @@
 #include <array>
 #include <atomic>
 #include <cstdlib>
+#include <deque>
 #include <new>
 #include <random>
 #include <unordered_set>
@@ -203,6 +204,46 @@ void BM_Churn(benchmark::State& state) {
    state.counters["refused"] = double(refused);
 }
 BENCHMARK(BM_Churn);
+
+// Withdraw one route and announce a different one withdrawn earlier, at about 90 % fill: the
+// announced route rarely finds its own old place free, so this one moves entries.
+void BM_ChurnRotate(benchmark::State& state) {
+   const auto& r = routes();
+   Model m;
+   std::vector<size_t> present;
+   std::deque<size_t> withdrawn;
+   size_t next = 0;
+   const uint32_t entriesTarget = kTableSize * 90 / 100;
+   while (m.ctx->entries(RouteType::v4) < entriesTarget && next < r.size()) {
+      if (m.ctx->addRoute4(r[next], false).routeId) present.push_back(next);
+      ++next;
+   }
+   for (; next < r.size(); ++next) withdrawn.push_back(next);
+   std::mt19937_64 rng(9);
+   const uint64_t movesBefore = m.moves();
+   uint64_t adds = 0, refused = 0;
+   for (auto _ : state) {
+      const size_t slot = rng() % present.size();
+      m.ctx->deleteRoute4(r[present[slot]], true, 0);
+      withdrawn.push_back(present[slot]);
+      const size_t in = withdrawn.front();
+      withdrawn.pop_front();
+      if (m.ctx->addRoute4(r[in], false).routeId) {
+         present[slot] = in;
+         ++adds;
+      } else {
+         present[slot] = present.back();
+         present.pop_back();
+         withdrawn.push_back(in);
+         ++refused;
+      }
+   }
+   state.SetItemsProcessed(int64_t(state.iterations()) * 2);
+   state.counters["fillEntries"] = double(m.ctx->entries(RouteType::v4)) / kTableSize;
+   state.counters["movesPerInsert"] = double(m.moves() - movesBefore) / double(adds + refused);
+   state.counters["refused"] = double(refused);
+}
+BENCHMARK(BM_ChurnRotate);
 
 void BM_ChurnBaseline(benchmark::State& state) {
    const auto& r = routes();
