@@ -168,16 +168,30 @@ uint32_t L3TcamManagerContext::addRoute(RouteType t, const Ipv4UcastKey& key4,
    TRACE(th, 7, "BlkRange: ", blkStart, "/", blkEnd, ", indexRange: ", start, "/", end);
 
    if (t == RouteType::v6Full && bitmapPair_->findFirstClear(blkStart, blkEnd) == npos) {
+      const uint32_t g = lpmPairGap_;
       const uint32_t firstEntry = pairToPhysical(blkStart);
-      const uint32_t lastEntry = pairToPhysical(blkEnd) + lpmPairGap_;
+      const uint32_t lastEntry = pairToPhysical(blkEnd) + g;
       TRACE(th, 7, "Full blkRange: ", firstEntry, "/", lastEntry);
-      const uint32_t freeEntry = bitmap_->findFirstClear(firstEntry, lastEntry);
+      // Free entries that form no free pair: either the pair is invalid (nothing to be done), or
+      // the partner holds an IPv4 entry that could be moved out of the way.
+      const HBitmap& v4Used = *block(RouteType::v4)->bitmap();
+      uint32_t freeEntry = bitmap_->findFirstClear(firstEntry, lastEntry);
       VEXLO_ASSERT_MSG(freeEntry != npos, "freeEntry != npos", "no free entry in ", firstEntry, "/",
                        lastEntry);
-      // Two free entries that form no pair can only arise where IPv4 entries stand inside the
-      // double-size region, which needs a movable IPv4/IPv6 border.
+      for (; freeEntry != npos; freeEntry = freeEntry < lastEntry
+                                                ? bitmap_->findFirstClear(freeEntry + 1, lastEntry)
+                                                : npos) {
+         const uint32_t partner = (freeEntry / g) % 2 ? freeEntry - g : freeEntry + g;
+         if (partner < v4Used.size() && v4Used.isBitSet(partner)) break;
+      }
+      if (freeEntry == npos) {
+         TRACE(th, level, "Full tcam table");
+         return 0;
+      }
+      // IPv4 entries stand inside the double-size region only where the IPv4/IPv6 border moves,
+      // which this version refuses at construction.
       VEXLO_ASSERT_MSG(false, "freeV6PairEntry", "entry ", freeEntry,
-                       " is free but its pair partner is taken");
+                       " is free but its pair partner holds an IPv4 entry");
    }
 
    HBitmap& freeBits = freeMap(t);

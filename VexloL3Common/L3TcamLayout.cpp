@@ -207,7 +207,6 @@ bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
       blockSize = size / n;
       border = blockSize * mode * 2;
       if (mode == 4 && n % 8 != 0) border = size;
-      if (supportsDefipPairing() && !dynamicV4V6Boundary()) v4V6Border_ = size / 2;
    } else {
       VEXLO_ASSERT(mode == 2 || mode == 4, "mode == 2 || mode == 4");
       effective = size;
@@ -215,13 +214,41 @@ bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
       border = (mode / 2) * blockSize * 2;
    }
    if (!v4V6InterleavingDisabled()) border = 0;
-   // An IPv6 region larger than the table (more blocks than the table is made of) is a
-   // configuration no placement can serve; refuse it before anything changes.
+
+   // Layouts that no placement can serve consistently are refused before anything changes.
+   auto refuse = [&](const std::string& why) {
+      throw std::range_error(fmt::format("doCreateBlocks: {} (tcamSize {}, tcamMode {}, {} blocks)",
+                                         why, size, mode, n));
+   };
+   // An IPv6 region larger than the table: more blocks than the table is made of.
    if (border > effective) {
-      throw std::range_error(fmt::format(
-          "doCreateBlocks: border {} beyond the {} usable entries (tcamMode {}, {} blocks)", border,
-          effective, mode, n));
+      refuse(fmt::format("border {} beyond the {} usable entries", border, effective));
    }
+   const bool fixedPairing = supportsDefipPairing() && !dynamicV4V6Boundary();
+   const uint32_t gapInForce = (pairGap() != 0 && !tcamSizeOverridden()) ? pairGap() : blockSize;
+   uint32_t pairingBorder = v4V6Border_;
+   if (fixedPairing) {
+      // The fixed IPv4/IPv6 border splits the full table in halves; uRPF and a fallback VRF
+      // divide the table differently and have no such border.
+      if (urpf || fallbackVrfId() != VrfId::invalidVrfId()) {
+         refuse("a fixed pairing border needs a layout without uRPF and without a fallback VRF");
+      }
+      pairingBorder = size / 2;
+      if (v4V6InterleavingDisabled()) {
+         // Double-size routes lie below the pairing border, and the IPv6 mapping tells double
+         // from single size by the IPv6 border: the two must agree.
+         if (border < pairingBorder) {
+            refuse(
+                fmt::format("IPv6 border {} below the pairing border {}", border, pairingBorder));
+         }
+         // The last pair below the border must have its partner below it too.
+         if (gapInForce == 0 || pairingBorder % (2 * gapInForce) != 0) {
+            refuse(fmt::format("pairing border {} is not a whole number of double banks of {}",
+                               pairingBorder, gapInForce));
+         }
+      }
+   }
+   v4V6Border_ = pairingBorder;
    TRACE(th, 1, "doCreateBlocks", " TcamSize: ", size, ", tcamMode: ", mode,
          ", effective size: ", effective, ", blockSize: ", blockSize, ", border: ", border,
          ", urpfEnabled: ", urpf);
@@ -277,7 +304,7 @@ bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
    bitmap_->setBit(0);
    numReservedEntriesInBitmapInc(1);
 
-   lpmPairGap_ = (pairGap() != 0 && !tcamSizeOverridden()) ? pairGap() : blockSize;
+   lpmPairGap_ = gapInForce;
    // A gap at or beyond the end of the table has no entry of its own to reserve.
    if (v4V6InterleavingDisabled() && lpmPairGap_ < effective) {
       bitmap_->setBit(lpmPairGap_);

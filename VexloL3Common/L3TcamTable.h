@@ -169,8 +169,11 @@ class L3TcamManagerContext {
 
    // ---- initialisation and layout
    void handleInitialized(bool initialized);
-   // Lays the unicast blocks out; true when the swap area was enabled. A configuration whose IPv6
-   // region would extend beyond the table raises std::range_error and changes nothing.
+   // Lays the unicast blocks out; true when the swap area was enabled. A layout that cannot be
+   // served consistently raises std::range_error and changes nothing: an IPv6 region beyond the
+   // table; with pairing and a fixed border, uRPF or a fallback VRF, an IPv6 border below the
+   // pairing border, or a pairing border that is not a whole number of double banks (the last
+   // pair's partner would stand among the IPv4 entries).
    bool doCreateBlocks(bool urpf);
    void doCreateMulticastBlocks();
 

@@ -34,6 +34,14 @@ void verifyRanges(RouteType t, const TcamBlock& blk, uint32_t first, uint32_t la
                     blk.findLengthRangeMax());
 }
 
+// Marks an entry as expected in use; an entry claimed twice holds two routes at once.
+void claim(HBitmap& expected, uint32_t index, const char* what) {
+   VEXLO_ASSERT_MSG(index < expected.size() && !expected.isBitSet(index),
+                    "verify: one claim per entry", what, " at ", index,
+                    " stands on an entry that is reserved or already holds a route");
+   expected.setBit(index);
+}
+
 void verifyPlacement(RouteType t, const TcamBlock& blk, uint32_t index, uint32_t len) {
    VEXLO_ASSERT_MSG(blk.bitmap()->isBitSet(index), "verify: route entry marked used", "type ", t,
                     " index ", index);
@@ -84,7 +92,7 @@ void L3TcamManagerContext::verify() const {
       mcastV4_->forEachKey([&](uint32_t pos, const IpMcastPrefixKey& key) {
          mcastV4_->verifyEntry(key, pos);
          verifyPlacement(RouteType::v4Mcast, blk, pos, key.len);
-         expected.setBit(pos);
+         claim(expected, pos, "multicast route");
          ++perLen[key.len];
          ++routes;
       });
@@ -124,7 +132,7 @@ void L3TcamManagerContext::verify() const {
          VEXLO_ASSERT_MSG(v4_->getEntryId(k.right) == pos, "verify: key at one position", k.right);
       }
       verifyPlacement(RouteType::v4, blk4, pos, len);
-      expected.setBit(pos);
+      claim(expected, pos, "IPv4 entry");
       ++entries4;
       routes4 += uint32_t(hasLeft) + uint32_t(hasRight);
       perLen4[len] += uint32_t(hasLeft) + uint32_t(hasRight);
@@ -160,13 +168,13 @@ void L3TcamManagerContext::verify() const {
          VEXLO_ASSERT_MSG(pairToPhysical(pair) == pos, "verify: double-size route on a first entry",
                           "pos ", pos);
          verifyPlacement(RouteType::v6Full, *block(RouteType::v6Full), pair, key.len());
-         expected.setBit(pos);
-         expected.setBit(pos + g);
-         expectedPair.setBit(pair);
+         claim(expected, pos, "double-size IPv6 route");
+         claim(expected, pos + g, "partner of a double-size IPv6 route");
+         claim(expectedPair, pair, "double-size IPv6 pair");
          ++routesFull;
       } else {
          verifyPlacement(RouteType::v6Half, *block(RouteType::v6Half), pos, key.len());
-         expected.setBit(pos);
+         claim(expected, pos, "single-size IPv6 route");
          ++routesHalf;
       }
       ++perLen6[key.len()];

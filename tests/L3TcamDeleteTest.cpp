@@ -64,10 +64,14 @@ TEST(TcamDelete, HalfEntriesMergeNowOrReportTheMerge) {
       std::vector<RouteMergeInfo> merges;
       Ulo::Subscription sub =
           h.merge().changed().subscribe([&](const RouteMergeInfo& m) { merges.push_back(m); });
+      Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 7);
       RouteReturnCode rc = h.del4(k4(1, "10.1.3.0/24"), mergeNow, 77);  // b keeps its left half
+      EXPECT_EQ(cap.contains(fmt::format("  can merge entry from pos {} pos {}", a, b)), !mergeNow);
       EXPECT_EQ(rc.routeId, b);
       EXPECT_TRUE(rc.tcamV4RightKey);
       if (!mergeNow) {
+         EXPECT_EQ(failureOf([&] { h.ctx().mergeRoute4(k4(1, "10.1.3.0/24"), b, b, 77); }),
+                   "halfFullPos != pos");
          EXPECT_TRUE(rc.canMerge);
          EXPECT_EQ(rc.mergePos, a);
          EXPECT_TRUE(merges.empty());
@@ -80,6 +84,8 @@ TEST(TcamDelete, HalfEntriesMergeNowOrReportTheMerge) {
       EXPECT_EQ(merges[0].srcRouteType, EntryType::v4Left);
       EXPECT_EQ(merges[0].dstRouteId, a);
       EXPECT_EQ(merges[0].dstRouteType, EntryType::v4Left);
+      EXPECT_TRUE(
+          cap.contains(fmt::format("Table range for prefix length 24 updated: {}/{}", a, a)));
       EXPECT_EQ(h.ctx().v4()->getEntryId(k4(1, "10.1.4.0/24")), a);
       EXPECT_EQ(h.ctx().v4()->halfFull(24), 0u);
       EXPECT_EQ(h.ctx().entries(RouteType::v4), 1u);

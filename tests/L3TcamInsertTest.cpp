@@ -44,6 +44,14 @@ TEST(TcamInsert, FirstRouteOfALengthGoesToItsProportionalTarget) {
    EXPECT_EQ(h.ctx().block(RouteType::v4)->lengthRangeMax(), 24u);
 }
 
+TEST(TcamInsert, TheShortestLengthGoesToTheBottomOfItsGap) {
+   TcamHarness h(layout(8192, 2, 8));
+   EXPECT_EQ(h.add4(k4(1, "0.0.0.0/0")).routeId, 8191u);
+   EXPECT_EQ(h.add4(k4(1, "10.0.0.0/8")).routeId, 1u + 24 * 255 + 127);
+   h.add4(k4(2, "0.0.0.0/0"));  // the free left half of the same entry
+   EXPECT_EQ(h.ctx().v4()->getEntryId(k4(2, "0.0.0.0/0")), 8191u);
+}
+
 TEST(TcamInsert, FreeEntryInsideTheLengthsRangeNeedsNoMove) {
    TcamHarness h(layout(1024, 2, 8, false));
    for (int i = 0; i < 4; ++i)
@@ -153,6 +161,108 @@ TEST(TcamInsert, SwapAreaIsKeptForMoves) {
    }
    EXPECT_EQ(snapshot(h.ctx()), before);
    EXPECT_NE(h.add4(k4(2, "10.0.0.0/8"), /*useSwapArea*/ true).routeId, 0u);
+}
+
+TEST(TcamInsert, SwapRegionTestWeighsEachRegionsReserve) {
+   // Entries 1..63; IPv6 double size [1, 31], single size [32, 63]; 0 and 8 reserved.
+   TcamHarness h(layout(64, 2, 8, false));
+   for (uint32_t i = 0; i < 50; ++i)
+      h.add4(k4(1, fmt::format("10.{}.0.0/16", i).c_str()), true);
+   L3TcamManagerContext& c = h.ctx();
+   ASSERT_EQ(c.entriesFree(RouteType::v4), 12u);
+   c.swapAreaSizeIs(RouteType::v4, 10);
+   c.swapAreaSizeIs(RouteType::v6Half, 0);
+   c.swapAreaSizeIs(RouteType::v6Full, 0);
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 7, 7);
+   // An IPv6 placement holds back 2 (single size) or 4 (double size) more IPv4 entries.
+   EXPECT_TRUE(c.swapRegionFull(RouteType::v6Half));  // 10 + 2 >= 12
+   EXPECT_TRUE(c.swapRegionFull(RouteType::v6Full));  // 10 + 4 >= 12
+   EXPECT_TRUE(cap.contains(" free v4: 12/0/14, v6Half: "));
+   EXPECT_TRUE(cap.contains(" v4 no space"));
+   EXPECT_FALSE(c.swapRegionFull(RouteType::v4));  // 10 < 12 and both IPv6 regions have room
+   h.del4(k4(1, "10.0.0.0/16"));                   // 13 free
+   EXPECT_FALSE(c.swapRegionFull(RouteType::v6Half));
+   EXPECT_TRUE(c.swapRegionFull(RouteType::v6Full));
+   // With IPv4 room to spare, the answer is true only when both IPv6 regions are at their reserve.
+   c.swapAreaSizeIs(RouteType::v6Half, 64);
+   EXPECT_FALSE(c.swapRegionFull(RouteType::v4));
+   c.swapAreaSizeIs(RouteType::v6Full, 64);
+   cap.sink().clear();
+   EXPECT_TRUE(c.swapRegionFull(RouteType::v4));
+   EXPECT_TRUE(cap.contains(" v6 no space"));
+}
+
+TEST(TcamInsert, AFreeLeftHalfWaitsForTheSwapRegionAFreeRightHalfDoesNot) {
+   auto cfg = layout(64, 2, 8, true);
+   cfg.requestedTableMode =
+       7;  // no swap area: the IPv4 region is "full" only when no entry is free
+   for (bool rightFree : {false, true}) {
+      TcamHarness h(cfg);
+      const uint32_t a = h.add4(k4(1, "10.1.1.0/24")).routeId;
+      ASSERT_EQ(h.add4(k4(1, "10.1.2.0/24")).routeId, a);
+      h.del4(k4(1, rightFree ? "10.1.1.0/24" : "10.1.2.0/24"));
+      for (uint32_t i = 0; i < 250 && h.ctx().entriesFree(RouteType::v4) > 0; ++i) {
+         h.add4(k4(1, fmt::format("10.{}.0.0/16", i).c_str()));
+      }
+      const uint32_t half = h.ctx().v4()->halfFull(24);  // moved along by the fill
+      ASSERT_NE(half, 0u);
+      ASSERT_TRUE(h.ctx().swapRegionFull(RouteType::v4));
+      const std::string before = snapshot(h.ctx());
+      RouteReturnCode rc = h.add4(k4(2, "10.1.3.0/24"), true);
+      if (rightFree) {
+         EXPECT_EQ(rc.routeId, half) << "a free right half is always taken";
+         EXPECT_TRUE(rc.tcamV4RightKey);
+      } else {
+         EXPECT_EQ(rc.routeId, 0u) << "a free left half waits while the IPv4 region is full";
+         EXPECT_EQ(snapshot(h.ctx()), before);
+      }
+   }
+}
+
+TEST(TcamInsert, SingleSizeIpv6BesideIpv4) {
+   TcamHarness h(layout(1024, 2, 8, true));
+   std::vector<Ipv6UcastKey> keys;
+   for (int i = 0; i < 40; ++i) {
+      keys.push_back(k6(1, fmt::format("2001:db8:{:x}::/{}", i, 48 + i % 17).c_str()));
+      ASSERT_GE(h.add6(RouteType::v6Half, keys.back()), h.ctx().v6()->tcamBorder());
+      h.add4(k4(1, fmt::format("10.{}.0.0/{}", i, 16 + i % 9).c_str()));
+   }
+   EXPECT_EQ(h.ctx().entries(RouteType::v6Half), 40u);
+   h.check(true);
+   for (size_t i = 0; i < keys.size(); i += 3)
+      h.del6(keys[i]);
+   EXPECT_EQ(h.ctx().entries(RouteType::v6Half), 26u);
+   EXPECT_EQ(h.ctx().v6RouteTypeFromKey(keys[1]), RouteType::v6Half);
+   h.check(true);
+}
+
+TEST(TcamInsert, InvalidPairsOnlyMakeTheDoubleSizeRegionFull) {
+   struct OddPairsInvalid : LpmInvalidEntryManager {
+      void allocateInvalidEntries(bool, const Ulo::Ptr<HBitmap>&) override {}
+      void allocateInvalidEntriesPair(bool, const Ulo::Ptr<HBitmap>& bm) override {
+         for (uint32_t p = 1; p < bm->size(); p += 2) {
+            bm->setBit(p);
+            invalidEntryRangePairIs({p, p});
+         }
+      }
+   };
+   auto c = layout(256, 2, 8);
+   c.supportsDefipPairing = true;
+   c.invalidEntryManagerType = 1;
+   c.requestedTableMode = 7;  // no swap area
+   auto ctx = l3TcamManagerContextFactory(c);
+   ctx->invalidEntryManagerIs(std::make_shared<OddPairsInvalid>());
+   ctx->handleInitialized(true);
+   uint32_t placed = 0;
+   while (ctx->addRoute(RouteType::v6Full, Ipv4UcastKey(),
+                        k6(1, fmt::format("2001:db8:{:x}::/48", placed).c_str()),
+                        IpMcastPrefixKey(), true) != 0) {
+      ctx->stats()->maskLengthsIpv6Inc(48, 1);
+      ++placed;
+   }
+   EXPECT_GT(placed, 0u);
+   EXPECT_GT(ctx->entriesFree(RouteType::v6Full), 2u) << "entries are free, pairs are not";
+   ctx->verify();
 }
 
 TEST(TcamInsert, DuplicatesAreFatalUnlessReAddIsAllowed) {

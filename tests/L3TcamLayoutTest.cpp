@@ -265,3 +265,21 @@ TEST(TcamLayout, UnsupportedConfigurationsAreRefused) {
    EXPECT_THROW(ctx->handleInitialized(true), std::range_error);
    EXPECT_FALSE(ctx->layoutDone());
 }
+
+TEST(TcamLayout, PairingLayoutsThatCannotBeServedAreRefused) {
+   auto pairing = [](uint32_t mode, uint8_t blocks) {
+      auto c = unicast(8192, mode, blocks);
+      c.supportsDefipPairing = true;
+      return c;
+   };
+   // Mode 1: double-size routes up to the pairing border 4096, single size from 2048 on.
+   EXPECT_THROW(up(pairing(1, 8)), std::range_error);
+   // Two blocks: the last pair below 4096 would have its partner at 8191, among IPv4 entries.
+   EXPECT_THROW(up(pairing(4, 2)), std::range_error);
+   EXPECT_THROW(up(pairing(2, 8), true), std::range_error);  // uRPF
+   auto fallback = pairing(2, 8);
+   fallback.fallbackVrfId = VrfId(2);
+   EXPECT_THROW(up(fallback), std::range_error);
+   EXPECT_NO_THROW(up(pairing(3, 8)));
+   EXPECT_NO_THROW(up(pairing(4, 4)));
+}

@@ -153,6 +153,11 @@ std::vector<Layout> layouts() {
    auto interleaved = layout(512, 3, 8, true);
    interleaved.v4V6InterleavingDisabled = false;
    out.push_back({"interleaved", interleaved, false});
+   out.push_back({"four blocks", layout(512, 2, 4, true), false});
+   out.push_back({"sixteen blocks", layout(1024, 3, 16, false), false});
+   auto paired4 = layout(512, 4, 4, true);
+   paired4.supportsDefipPairing = true;
+   out.push_back({"fixed pairing border, four blocks", paired4, false});
    auto noSwap = layout(300, 2, 4, true);
    noSwap.requestedTableMode = 1;  // not the current mode: no swap area
    out.push_back({"no swap area, odd size", noSwap, false});
@@ -180,7 +185,7 @@ TEST(TcamRandom, Ipv4AddsAndDeletesStayConsistentOnEveryLayout) {
       ++seed;
    }
    RecordProperty("operations", std::to_string(total));
-   EXPECT_GE(total, std::min<uint64_t>(ops * 13, 50000));
+   EXPECT_GE(total, std::min<uint64_t>(ops * 16, 50000));
 }
 
 TEST(TcamRandom, MulticastAddsAndDeletes) {
@@ -234,51 +239,79 @@ TEST(TcamRandom, MulticastAddsAndDeletes) {
    EXPECT_GT(h.moves(), 0u);
 }
 
-TEST(TcamRandom, DoubleSizeIpv6BesideIpv4) {
-   Ulo::ScopedThrowingAssertHandler guard;
-   auto cfg = layout(1024, 2, 8, true);
-   cfg.supportsDefipPairing = true;
-   const uint64_t ops = envNumber("VEXLO_RANDOM_OPS", 5000);
-   std::mt19937_64 rng(envNumber("VEXLO_RANDOM_SEED", 1) + 200);
+// IPv6 routes of one size mixed with IPv4 routes in the same table.
+void runIpv6BesideIpv4(const L3TcamManagerContext::Config& cfg, RouteType type, uint64_t seed,
+                       uint64_t ops) {
+   std::mt19937_64 rng(seed);
    TcamHarness h(cfg);
-   std::vector<Ipv6UcastKey> pool;
+   const uint32_t maxLen = type == RouteType::v6Full ? 128 : 64;
+   std::vector<Ipv6UcastKey> pool6;
    std::unordered_set<Ipv6UcastKey> seen;
-   while (pool.size() < 600) {
-      uint32_t len = rng() % 2 ? 48 : uint32_t(rng() % 129);
+   while (pool6.size() < 600) {
+      uint32_t len = rng() % 2 ? 48 : uint32_t(rng() % (maxLen + 1));
       Ulo::Ip6Prefix::Bytes b{};
       for (auto& x : b)
          x = uint8_t(rng() % 4);  // few distinct values: plenty of nesting
       for (uint32_t bit = len; bit < 128; ++bit)
          b[bit / 8] &= uint8_t(~(0x80u >> (bit % 8)));
       Ipv6UcastKey key(VrfId(1 + uint32_t(rng() % 2)), Ulo::Ip6Prefix(b, uint8_t(len)));
-      if (seen.insert(key).second) pool.push_back(key);
+      if (seen.insert(key).second) pool6.push_back(key);
    }
-   Present present;
+   std::vector<Ipv4UcastKey> pool4 = makePool(rng, 1200);
+   Present present6, present4;
    bool filling = true;
-   uint64_t refused = 0;
+   uint64_t refused = 0, refusedAtFill = 0;
+   for (uint64_t op = 0; op < ops; ++op) {
+      SCOPED_TRACE(::testing::Message() << "seed " << seed << " op " << op);
+      const size_t routes = present6.items.size() + present4.items.size();
+      if (filling && refused > refusedAtFill + 20) filling = false;
+      if (!filling && routes < 60) {
+         filling = true;
+         refusedAtFill = refused;
+      }
+      const bool v6 = rng() % 2 == 0;
+      Present& present = v6 ? present6 : present4;
+      const size_t poolSize = v6 ? pool6.size() : pool4.size();
+      if (present.items.empty() || (filling ? rng() % 100 < 85 : rng() % 100 < 15)) {
+         size_t i = rng() % poolSize;
+         while (present.has(i))
+            i = (i + 1) % poolSize;
+         const bool ok = v6 ? h.add6(type, pool6[i]) != 0 : h.add4(pool4[i]).routeId != 0;
+         if (ok)
+            present.add(i);
+         else
+            ++refused;
+      } else {
+         size_t i = present.items[rng() % present.items.size()];
+         if (v6)
+            h.del6(pool6[i]);
+         else
+            h.del4(pool4[i], true, op);
+         present.remove(i);
+      }
+      if (::testing::Test::HasFatalFailure()) return;
+   }
+   h.check(true);
+   EXPECT_GT(refused, 0u);
+   EXPECT_EQ(h.ctx().entries(type), present6.items.size());
+}
+
+TEST(TcamRandom, Ipv6BesideIpv4) {
+   Ulo::ScopedThrowingAssertHandler guard;
+   const uint64_t ops = envNumber("VEXLO_RANDOM_OPS", 5000);
+   const uint64_t seed = envNumber("VEXLO_RANDOM_SEED", 1) + 200;
+   auto paired = layout(1024, 2, 8, true);
+   paired.supportsDefipPairing = true;
    try {
-      for (uint64_t op = 0; op < ops; ++op) {
-         SCOPED_TRACE(::testing::Message() << "op " << op);
-         if (filling && refused > 0 && present.items.size() > 200) filling = false;
-         if (!filling && present.items.size() < 30) filling = true;
-         if (present.items.empty() || (filling ? rng() % 100 < 85 : rng() % 100 < 15)) {
-            size_t i = rng() % pool.size();
-            while (present.has(i))
-               i = (i + 1) % pool.size();
-            if (h.add6(RouteType::v6Full, pool[i]))
-               present.add(i);
-            else
-               ++refused;
-         } else {
-            size_t i = present.items[rng() % present.items.size()];
-            h.del6(pool[i]);
-            present.remove(i);
-         }
-         if (::testing::Test::HasFatalFailure()) return;
+      {
+         SCOPED_TRACE("double size, fixed pairing border");
+         runIpv6BesideIpv4(paired, RouteType::v6Full, seed, ops);
+      }
+      {
+         SCOPED_TRACE("single size, separate layout");
+         runIpv6BesideIpv4(layout(1024, 2, 8, true), RouteType::v6Half, seed + 1, ops);
       }
    } catch (const Ulo::AssertionFailure& f) {
       FAIL() << f.what();
    }
-   h.check(true);
-   EXPECT_GT(refused, 0u);
 }
