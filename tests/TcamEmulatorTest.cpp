@@ -15,6 +15,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace VexloL3Common::sim {
@@ -43,9 +44,6 @@ Ipv4Keys right(const Ipv4UcastKey& k) {
 }
 uint32_t a4(const char* addr) {
    return Ulo::IpGenAddr::fromString(addr).v4Addr();
-}
-Ulo::IpGenAddr::Bytes a6(const char* addr) {
-   return Ulo::IpGenAddr::fromString(addr).bytes();
 }
 RoutePosition mv(uint32_t from, uint32_t to, bool v4 = true, EntryType t = EntryType::v4Right) {
    return RoutePosition{1, from, to, v4, t};
@@ -94,7 +92,7 @@ class TcamEmulatorWriter : public ::testing::Test {
 TEST_F(TcamEmulatorWriter, MoveCopiesTheEntryKeepsTheSourceAndAcknowledges) {
    const Ipv4Keys keys(k4("10.1.0.0/16"), k4("10.2.0.0/16"));
    emu.writeV4(5, keys);
-   emu.writeV6(3, k6("2001:db8::/48"), false);
+   emu.writeV6(3, k6("2001:db8::1/128"), true);
    emu.writeMcast(4, kmc("239.1.1.1", "10.0.0.1", 64));
 
    RoutePosition p = publish(5, 9, true, EntryType::v4Both);
@@ -102,29 +100,20 @@ TEST_F(TcamEmulatorWriter, MoveCopiesTheEntryKeepsTheSourceAndAcknowledges) {
    EXPECT_EQ(emu.entry(9).v4, keys);
    EXPECT_EQ(emu.entry(5).v4, keys) << "the source is only free to be overwritten";
    EXPECT_EQ(emu.home(k4("10.2.0.0/16")), 9u);
-
-   publish(3, 11, false, EntryType::v6);
    publish(4, 12, false, EntryType::mcastV4);
-   EXPECT_EQ(emu.entry(11).kind, EntryKind::v6Single);
-   EXPECT_EQ(emu.home(k6("2001:db8::/48")), 11u);
    EXPECT_EQ(emu.entry(12).mcast, kmc("239.1.1.1", "10.0.0.1", 64));
-   EXPECT_EQ(emu.moves(), 3u);
-   EXPECT_EQ(emu.installedRoutes(), 4u);
-}
 
-TEST_F(TcamEmulatorWriter, DoubleSizeEntryMovesBothEntriesOfItsPair) {
-   emu.writeV6(3, k6("2001:db8::1/128"), true);
-   publish(3, 5, false, EntryType::v6);
-   EXPECT_EQ(emu.entry(5).kind, EntryKind::v6DoubleFirst);
-   EXPECT_EQ(emu.entry(21).kind, EntryKind::v6DoubleSecond);
-   EXPECT_EQ(emu.entry(21).v6, k6("2001:db8::1/128"));
+   // A double-size entry takes its partner along; the stale pair stays until a write breaks it.
+   publish(3, 6, false, EntryType::v6);
+   EXPECT_EQ(emu.entry(22).kind, EntryKind::v6DoubleSecond);
+   EXPECT_EQ(emu.entry(22).v6, k6("2001:db8::1/128"));
    EXPECT_EQ(emu.entry(19).kind, EntryKind::v6DoubleSecond) << "the stale pair stays";
-
-   // Overwriting one entry of the stale pair breaks that pair and nothing else.
    emu.writeV4(19, right(k4("10.0.0.0/8")));
    EXPECT_EQ(emu.entry(3).kind, EntryKind::empty);
    EXPECT_THAT(emu.checkAll(), IsEmpty());
-   EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::1"))->pos, 5u);
+   EXPECT_EQ(emu.home(k6("2001:db8::1/128")), 6u);
+   EXPECT_EQ(emu.moves(), 3u);
+   EXPECT_EQ(emu.installedRoutes(), 5u);
 }
 
 TEST_F(TcamEmulatorWriter, MoveThatDoesNotMatchItsSourceIsRejectedButAcknowledged) {
@@ -134,12 +123,8 @@ TEST_F(TcamEmulatorWriter, MoveThatDoesNotMatchItsSourceIsRejectedButAcknowledge
    emu.writeV6(8, k6("2001:db8::/96"), true);
    emu.writeV4(10, right(k4("10.2.0.0/16")));
    publish(10, 12, true, EntryType::v4Right);
-   const struct {
-      uint32_t from, to;
-      bool v4;
-      EntryType type;
-      const char* why;
-   } cases[] = {
+   // from, to, v4, type, why
+   const std::tuple<uint32_t, uint32_t, bool, EntryType, const char*> cases[] = {
        {5, 30, true, EntryType::v4Both, "holds v4 right: 10.1.0.0/16"},  // one half only
        {5, 30, true, EntryType::v4Left, "holds v4"},                     // the wrong half
        {5, 30, false, EntryType::v6, "holds v4"},
@@ -153,12 +138,12 @@ TEST_F(TcamEmulatorWriter, MoveThatDoesNotMatchItsSourceIsRejectedButAcknowledge
        {10, 30, true, EntryType::v4Right, "stale copy: 10.2.0.0/16(vrf1) lives at entry 12"},
    };
    uint64_t errors = 0;
-   for (const auto& c : cases) {
-      RoutePosition p = publish(c.from, c.to, c.v4, c.type);
+   for (const auto& [from, to, v4, type, why] : cases) {
+      RoutePosition p = publish(from, to, v4, type);
       SCOPED_TRACE(fmt::format("{}", p));
       ASSERT_EQ(emu.errorCount(), ++errors);
       EXPECT_THAT(emu.errors().back(), HasSubstr(fmt::format("move {}: ", p)));
-      EXPECT_THAT(emu.errors().back(), HasSubstr(c.why));
+      EXPECT_THAT(emu.errors().back(), HasSubstr(why));
       EXPECT_EQ(moveStatus.pos(), p);
    }
    EXPECT_EQ(emu.entry(30).kind, EntryKind::empty) << "a rejected move writes nothing";
@@ -171,21 +156,18 @@ TEST_F(TcamEmulatorWriter, MergeFillsTheFreeHalfKeepsTheSourceAndAcknowledges) {
    // The agent deleted the right route of 7; the model merges the left one into 4.
    RouteMergeInfo m = publishMerge(7, EntryType::v4Left, 4, EntryType::v4Left);
    EXPECT_EQ(mergeStatus.merge(), m);
-   EXPECT_EQ(emu.entry(4).v4, Ipv4Keys(k4("10.1.2.0/24"), k4("10.1.1.0/24")));
+   const Ipv4Keys merged(k4("10.1.2.0/24"), k4("10.1.1.0/24"));
+   EXPECT_EQ(emu.entry(4).v4, merged);
    EXPECT_EQ(emu.entry(7).v4.left, k4("10.1.2.0/24"));
    EXPECT_EQ(emu.home(k4("10.1.2.0/24")), 4u);
-
    emu.clear(7);  // gives up the deleted route, not the merged one
    EXPECT_EQ(emu.home(k4("10.1.9.0/24")), 0u);
    EXPECT_EQ(emu.installedRoutes(), 2u);
    EXPECT_THAT(emu.checkAll(), IsEmpty());
-   EXPECT_EQ(emu.merges(), 1u);
-}
 
-TEST_F(TcamEmulatorWriter, MergeIntoATakenHalfOrFromAnEmptyHalfIsRejected) {
+   // Into a taken half, from an empty half, ...: rejected, acknowledged, nothing written.
    emu.onErrorIs(OnError::record);
-   emu.writeV4(4, Ipv4Keys(k4("10.1.1.0/24"), k4("10.1.3.0/24")));
-   emu.writeV4(7, right(k4("10.1.2.0/24")));
+   emu.writeV4(7, right(k4("10.1.5.0/24")));
    emu.writeV6(8, k6("2001:db8::/48"), false);
    publishMerge(7, EntryType::v4Right, 4, EntryType::v4Left);
    publishMerge(7, EntryType::v4Left, 4, EntryType::v4Left);
@@ -196,9 +178,9 @@ TEST_F(TcamEmulatorWriter, MergeIntoATakenHalfOrFromAnEmptyHalfIsRejected) {
                                          HasSubstr("source half is empty"),
                                          HasSubstr("destination holds v6Single"),
                                          HasSubstr("the same entry"), HasSubstr("not a half")));
-   EXPECT_EQ(emu.entry(4).v4, Ipv4Keys(k4("10.1.1.0/24"), k4("10.1.3.0/24")));
-   EXPECT_EQ(mergeStatus.merge().count, 5u);
-   EXPECT_EQ(emu.merges(), 0u);
+   EXPECT_EQ(emu.entry(4).v4, merged);
+   EXPECT_EQ(mergeStatus.merge().count, 6u);
+   EXPECT_EQ(emu.merges(), 1u);
 }
 
 TEST_F(TcamEmulatorWriter, ErrorsAreFatalByDefault) {
@@ -250,14 +232,19 @@ TEST(TcamEmulatorWrites, RoutesLeaveTheInstalledSetOnlyWhenTheirEntryIsRewritten
    EXPECT_THAT(emu.checkAll(), IsEmpty());
 }
 
-TEST(TcamEmulatorWrites, DoubleSizePairsAreWrittenAndLostTogether) {
+TEST(TcamEmulatorWrites, DoubleSizePairsAreWrittenListedAndLostTogether) {
    TcamEmulator emu(32, 8);
+   emu.writeV6(2, k6("2001:db8:2::/96"), true);
    emu.writeV6(4, k6("2001:db8::/96"), true);
    emu.writeV6(5, k6("2001:db8:1::/96"), true);
-   emu.clear(4);
-   EXPECT_EQ(emu.entry(12).kind, EntryKind::empty);
+   emu.writeMcast(9, kmc("239.1.1.1", "0.0.0.0", 32));
+   emu.clear(4);                              // takes 12 with it
    emu.writeV4(13, right(k4("10.0.0.0/8")));  // lands on the second entry of a live pair
-   EXPECT_EQ(emu.entry(5).kind, EntryKind::empty);
+   std::vector<std::pair<uint32_t, EntryKind>> seen;
+   emu.forEachEntry([&](uint32_t pos, const TcamEntry& e) { seen.emplace_back(pos, e.kind); });
+   EXPECT_THAT(
+       seen, ElementsAre(std::pair(2u, EntryKind::v6DoubleFirst), std::pair(9u, EntryKind::mcast),
+                         std::pair(10u, EntryKind::v6DoubleSecond), std::pair(13u, EntryKind::v4)));
    EXPECT_THAT(messages(emu.checkAll()),
                ElementsAre("route 2001:db8:1::/96(vrf1) installed at entry 5 (double) is no longer "
                            "held there (it holds: empty)"));
@@ -278,22 +265,10 @@ TEST(TcamEmulatorWrites, PositionsOutsideTheTableAreRangeErrors) {
    }
 }
 
-TEST(TcamEmulatorWrites, ImageListsEveryUsedEntryInIndexOrder) {
-   TcamEmulator emu(32, 8);
-   emu.writeMcast(9, kmc("239.1.1.1", "0.0.0.0", 32));
-   emu.writeV6(2, k6("2001:db8::/96"), true);
-   emu.writeV4(5, right(k4("10.0.0.0/8")));
-   std::vector<std::pair<uint32_t, EntryKind>> seen;
-   emu.forEachEntry([&](uint32_t pos, const TcamEntry& e) { seen.emplace_back(pos, e.kind); });
-   EXPECT_THAT(seen, ElementsAre(std::pair(2u, EntryKind::v6DoubleFirst),
-                                 std::pair(5u, EntryKind::v4), std::pair(9u, EntryKind::mcast),
-                                 std::pair(10u, EntryKind::v6DoubleSecond)));
-}
-
 // ---- lookups -------------------------------------------------------------------------------
 
-TEST(TcamEmulatorLookup, FirstMatchingEntryWinsWithinItsVrf) {
-   TcamEmulator emu(32, 8);
+TEST(TcamEmulatorLookup, FirstMatchInSearchOrderWithinItsVrfAndTable) {
+   TcamEmulator emu(64, 16);
    emu.writeV4(2, right(k4("10.0.0.0/8")));
    emu.writeV4(5, Ipv4Keys(k4("10.1.0.0/16"), k4("10.2.0.0/16")));
    emu.writeV4(7, right(k4("10.1.0.0/16", 2)));
@@ -304,167 +279,130 @@ TEST(TcamEmulatorLookup, FirstMatchingEntryWinsWithinItsVrf) {
    auto hit = emu.lookup4(VrfId(1), a4("10.1.2.3"));
    EXPECT_EQ(hit->key, k4("10.1.0.0/16"));
    EXPECT_FALSE(hit->right);
-}
 
-TEST(TcamEmulatorLookup, DoubleSizeEntriesAreSearchedBeforeSingleSizeOnes) {
-   TcamEmulator emu(64, 16);
-   emu.writeV6(2, k6("2001:db8::/48"), false);
+   // IPv6: every double-size entry before any single-size one.
+   const auto a6 = [](const char* addr) { return Ulo::IpGenAddr::fromString(addr).bytes(); };
+   emu.writeV6(3, k6("2001:db8::/48"), false);
    emu.writeV6(30, k6("2001:db8::1/128"), true);
    EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::1"))->pos, 30u);
-   EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::2"))->pos, 2u);
+   EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::2"))->pos, 3u);
    EXPECT_FALSE(emu.lookup6(VrfId(3), a6("2001:db8::1")));
-   EXPECT_THAT(emu.checkAll(), IsEmpty()) << "the /48 comes after every double-size entry";
-}
 
-TEST(TcamEmulatorLookup, MulticastMatchesLeadingGroupAndSourceBits) {
-   TcamEmulator emu(32, 8);
-   emu.writeMcast(3, kmc("239.1.1.1", "10.0.0.5", 64));
-   emu.writeMcast(6, kmc("239.1.1.1", "0.0.0.0", 32));
-   emu.writeMcast(8, kmc("239.1.1.1", "10.0.0.0", 40, 4));
-   EXPECT_EQ(emu.lookupMcast(1, 0, a4("239.1.1.1"), a4("10.0.0.5"))->pos, 3u);
-   EXPECT_EQ(emu.lookupMcast(1, 0, a4("239.1.1.1"), a4("10.0.0.6"))->pos, 6u);
-   EXPECT_EQ(emu.lookupMcast(1, 4, a4("239.1.1.1"), a4("10.9.9.9"))->pos, 8u);
+   // Multicast: the leading group-then-source bits, within one vrfIndex and table.
+   emu.writeMcast(8, kmc("239.1.1.1", "10.0.0.5", 64));
+   emu.writeMcast(9, kmc("239.1.1.1", "0.0.0.0", 32));
+   emu.writeMcast(10, kmc("239.1.1.1", "10.0.0.0", 40, 4));
+   EXPECT_EQ(emu.lookupMcast(1, 0, a4("239.1.1.1"), a4("10.0.0.5"))->pos, 8u);
+   EXPECT_EQ(emu.lookupMcast(1, 0, a4("239.1.1.1"), a4("10.0.0.6"))->pos, 9u);
+   EXPECT_EQ(emu.lookupMcast(1, 4, a4("239.1.1.1"), a4("10.9.9.9"))->pos, 10u);
    EXPECT_FALSE(emu.lookupMcast(1, 4, a4("239.1.1.1"), a4("11.0.0.1")));
    EXPECT_FALSE(emu.lookupMcast(1, 0, a4("239.1.1.2"), a4("10.0.0.5")));
+   EXPECT_THAT(emu.checkAll(), IsEmpty()) << "the /48 comes after every double-size entry";
 }
 
 // ---- consistency ---------------------------------------------------------------------------
 
+// Rows of the consistency cases: each writes one entry (an IPv4 route goes into the right half).
+using Write = std::function<void(TcamEmulator&)>;
+Write v4At(uint32_t pos, const char* prefix, uint32_t vrf = 1) {
+   return [=](TcamEmulator& e) { e.writeV4(pos, right(k4(prefix, vrf))); };
+}
+Write v6At(uint32_t pos, const char* prefix, bool doubleSize) {
+   return [=](TcamEmulator& e) { e.writeV6(pos, k6(prefix), doubleSize); };
+}
+Write mcAt(uint32_t pos, const IpMcastPrefixKey& key) {
+   return [=](TcamEmulator& e) { e.writeMcast(pos, key); };
+}
+
 TEST(TcamEmulatorCheck, ShorterCoveringPrefixFirstIsReportedByBothChecks) {
    const struct {
       const char* name;
-      std::function<void(TcamEmulator&)> build;
+      std::vector<Write> writes;
       std::vector<std::string> expected;
    } cases[] = {
-       {"ipv4, other prefixes and VRFs ignored",
-        [](TcamEmulator& e) {
-           e.writeV4(10, right(k4("10.1.1.0/24")));
-           e.writeV4(5, right(k4("10.1.0.0/16")));
-           e.writeV4(3, right(k4("10.2.0.0/16")));
-           e.writeV4(2, right(k4("10.0.0.0/8", 2)));
-        },
-        {"route 10.1.1.0/24(vrf1) first held at entry 10 is shadowed by shorter 10.1.0.0/16(vrf1) "
-         "at entry 5"}},
-       {"the earliest, then shortest, shadowing prefix is named",
-        [](TcamEmulator& e) {
-           e.writeV4(10, right(k4("10.1.1.0/24")));
-           e.writeV4(8, right(k4("10.1.0.0/23")));
-           e.writeV4(6, Ipv4Keys(k4("10.1.0.0/16"), k4("10.0.0.0/8")));
-           e.writeV4(2, right(k4("10.1.1.0/25")));
-        },
+       {"the earliest, then shortest, shadowing prefix is named; other prefixes and VRFs ignored",
+        {v4At(10, "10.1.1.0/24"), v4At(8, "10.1.0.0/23"), v4At(2, "10.1.1.0/25"),
+         v4At(3, "10.2.0.0/16"), v4At(1, "10.0.0.0/8", 2),
+         [](TcamEmulator& e) { e.writeV4(6, Ipv4Keys(k4("10.1.0.0/16"), k4("10.0.0.0/8"))); }},
         {"route 10.1.0.0/23(vrf1) first held at entry 8 is shadowed by shorter 10.0.0.0/8(vrf1) at "
          "entry 6",
          "route 10.1.1.0/24(vrf1) first held at entry 10 is shadowed by shorter 10.0.0.0/8(vrf1) "
          "at entry 6"}},
-       {"ipv6 double-size",
-        [](TcamEmulator& e) {
-           e.writeV6(10, k6("2001:db8::/80"), true);
-           e.writeV6(3, k6("2001:db8::/64"), true);
-        },
-        {"route 2001:db8::/80(vrf1) first held at entry 10 (double) is shadowed by shorter "
-         "2001:db8::/64(vrf1) at entry 3 (double)"}},
-       {"ipv6 single-size, after every double-size",
-        [](TcamEmulator& e) {
-           e.writeV6(40, k6("2001:db8:1::/48"), false);
-           e.writeV6(36, k6("2001:db8::/32"), false);
-           e.writeV6(44, k6("2001:db8:1::1/128"), true);
-        },
+       {"a stale copy shadows too: the /16 moved on to 15, a /24 written between its copies",
+        {v4At(3, "10.1.0.0/16"), [](TcamEmulator& e) { e.applyMove(mv(3, 15)); },
+         v4At(10, "10.1.1.0/24")},
+        {"route 10.1.1.0/24(vrf1) first held at entry 10 is shadowed by shorter 10.1.0.0/16(vrf1) "
+         "at entry 3"}},
+       {"ipv6: double-size, then single-size after every double-size",
+        {v6At(10, "2001:db8::/80", true), v6At(3, "2001:db8::/64", true),
+         v6At(40, "2001:db8:1::/48", false), v6At(36, "2001:db8::/32", false),
+         v6At(44, "2001:db8:1::1/128", true)},
         {"route 2001:db8:1::/48(vrf1) first held at entry 40 (single) is shadowed by shorter "
-         "2001:db8::/32(vrf1) at entry 36 (single)"}},
-       {"multicast, other tables and groups ignored",
-        [](TcamEmulator& e) {
-           e.writeMcast(10, kmc("239.1.1.1", "10.0.0.5", 64));
-           e.writeMcast(4, kmc("239.1.1.1", "0.0.0.0", 32));
-           e.writeMcast(2, kmc("239.1.1.1", "0.0.0.0", 32, 7));
-           e.writeMcast(3, kmc("239.1.1.2", "0.0.0.0", 32));
-        },
+         "2001:db8::/32(vrf1) at entry 36 (single)",
+         "route 2001:db8::/80(vrf1) first held at entry 10 (double) is shadowed by shorter "
+         "2001:db8::/64(vrf1) at entry 3 (double)"}},
+       {"multicast: other tables and groups ignored, keys longer than 64 bits",
+        {mcAt(10, kmc("239.1.1.1", "10.0.0.5", 64)), mcAt(4, kmc("239.1.1.1", "0.0.0.0", 32)),
+         mcAt(2, kmc("239.1.1.1", "0.0.0.0", 32, 7)), mcAt(3, kmc("239.1.1.2", "0.0.0.0", 32)),
+         mcAt(20, kmc("239.1.1.3", "10.0.0.5", 80)), mcAt(14, kmc("239.1.1.3", "10.0.0.5", 70))},
         {"route 239.1.1.1,10.0.0.5/64(1:0) first held at entry 10 is shadowed by shorter "
-         "239.1.1.1,0.0.0.0/32(1:0) at entry 4"}},
-       {"multicast keys longer than 64 bits",
-        [](TcamEmulator& e) {
-           e.writeMcast(10, kmc("239.1.1.1", "10.0.0.5", 80));
-           e.writeMcast(4, kmc("239.1.1.1", "10.0.0.5", 70));
-        },
-        {"route 239.1.1.1,10.0.0.5/80(1:0) first held at entry 10 is shadowed by shorter "
-         "239.1.1.1,10.0.0.5/70(1:0) at entry 4"}},
+         "239.1.1.1,0.0.0.0/32(1:0) at entry 4",
+         "route 239.1.1.3,10.0.0.5/80(1:0) first held at entry 20 is shadowed by shorter "
+         "239.1.1.3,10.0.0.5/70(1:0) at entry 14"}},
        {"longest first passes",
-        [](TcamEmulator& e) {
-           e.writeV4(2, Ipv4Keys(k4("10.1.1.0/24"), k4("10.1.2.0/24")));
-           e.writeV4(9, right(k4("0.0.0.0/0")));
-           e.writeMcast(40, kmc("239.1.1.1", "10.0.0.5", 64));
-           e.writeMcast(42, kmc("239.1.1.1", "0.0.0.0", 32));
-        },
+        {[](TcamEmulator& e) { e.writeV4(2, Ipv4Keys(k4("10.1.1.0/24"), k4("10.1.2.0/24"))); },
+         v4At(9, "0.0.0.0/0"), mcAt(40, kmc("239.1.1.1", "10.0.0.5", 64)),
+         mcAt(42, kmc("239.1.1.1", "0.0.0.0", 32))},
         {}},
    };
    for (const auto& c : cases) {
       SCOPED_TRACE(c.name);
       TcamEmulator emu(64, 16);
-      c.build(emu);
+      for (const Write& w : c.writes)
+         w(emu);
       EXPECT_EQ(messages(emu.checkAll()), c.expected);
       EXPECT_EQ(messages(emu.checkAfterMove()), c.expected);
       EXPECT_THAT(emu.checkAfterMove(), IsEmpty()) << "nothing changed since";
    }
 }
 
-TEST(TcamEmulatorCheck, StaleCopyOfAShorterPrefixBeforeALongerOneIsReported) {
-   TcamEmulator emu(32, 8);
-   emu.writeV4(3, right(k4("10.1.0.0/16")));
-   emu.applyMove(mv(3, 15));
-   emu.writeV4(10, right(k4("10.1.1.0/24")));  // between the two copies of the /16
-   const char* expected =
-       "route 10.1.1.0/24(vrf1) first held at entry 10 is shadowed by shorter 10.1.0.0/16(vrf1) "
-       "at entry 3";
-   EXPECT_THAT(messages(emu.checkAll()), ElementsAre(expected));
-   EXPECT_THAT(messages(emu.checkAfterMove()), ElementsAre(expected));
-   emu.writeV4(3, right(k4("10.1.1.128/25")));  // overwriting the stale copy repairs the table
-   EXPECT_THAT(emu.checkAll(), IsEmpty());
-   EXPECT_EQ(emu.home(k4("10.1.0.0/16")), 15u);
+// Nested prefixes: /24 at 10-12, /20 at 20-22, /16 at 30-32, /8 at 40-41.
+void writeNested(TcamEmulator& emu) {
+   const char* p[4][3] = {{"10.1.16.0/24", "10.1.17.0/24", "10.2.32.0/24"},
+                          {"10.1.16.0/20", "10.2.32.0/20", "10.3.0.0/20"},
+                          {"10.1.0.0/16", "10.2.0.0/16", "10.3.0.0/16"},
+                          {"10.0.0.0/8", "11.0.0.0/8", nullptr}};
+   for (uint32_t len = 0; len < 4; ++len) {
+      for (uint32_t i = 0; i < 3 && p[len][i]; ++i)
+         emu.writeV4(10 * (len + 1) + i, right(k4(p[len][i])));
+   }
 }
 
-// Nested prefixes: /24 at 10-12, /20 at 20-22, /16 at 30-32, /8 at 40-41. Every move is checked
-// automatically and fatally, and the full check must agree after each.
-class TcamEmulatorShift : public ::testing::Test {
- protected:
-   TcamEmulatorShift() {
-      const char* p[4][3] = {{"10.1.16.0/24", "10.1.17.0/24", "10.2.32.0/24"},
-                             {"10.1.16.0/20", "10.2.32.0/20", "10.3.0.0/20"},
-                             {"10.1.0.0/16", "10.2.0.0/16", "10.3.0.0/16"},
-                             {"10.0.0.0/8", "11.0.0.0/8", nullptr}};
-      for (uint32_t len = 0; len < 4; ++len) {
-         for (uint32_t i = 0; i < 3 && p[len][i]; ++i)
-            emu.writeV4(10 * (len + 1) + i, right(k4(p[len][i])));
-      }
-   }
-   void shift(std::vector<std::pair<uint32_t, uint32_t>> moves) {
+// Every move is checked automatically and fatally, and the full check must agree after each.
+TEST(TcamEmulatorCheck, InsertShiftsPassAfterEveryMove) {
+   const auto shift = [](std::vector<std::pair<uint32_t, uint32_t>> moves, uint32_t at,
+                         const char* prefix, const char* addr) {
+      TcamEmulator emu(64, 16);
+      writeNested(emu);
       for (auto [from, to] : moves) {
          EXPECT_EQ(fatal([&] { emu.applyMove(mv(from, to)); }), "");
          EXPECT_THAT(emu.checkAll(), IsEmpty()) << from << " -> " << to;
       }
-   }
-   TcamEmulator emu{64, 16};
-};
-
-TEST_F(TcamEmulatorShift, ShiftDownInsertPassesAfterEveryMove) {
+      emu.writeV4(at, right(k4(prefix)));
+      EXPECT_THAT(emu.checkAll(), IsEmpty());
+      EXPECT_EQ(emu.lookup4(VrfId(1), a4(addr))->key, k4(prefix));
+      EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.200.0.1"))->key, k4("10.0.0.0/8"));
+   };
    // A /22 between the /24s and the /20s, the free entry at 42: shortest length first, each
    // lowest entry into the hole.
-   shift({{40, 42}, {30, 40}, {20, 30}});
-   emu.writeV4(20, right(k4("10.1.16.0/22")));
-   EXPECT_THAT(emu.checkAll(), IsEmpty());
-   EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.1.18.1"))->key, k4("10.1.16.0/22"));
-   EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.1.200.1"))->key, k4("10.1.0.0/16"));
-   EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.200.0.1"))->key, k4("10.0.0.0/8"));
-}
-
-TEST_F(TcamEmulatorShift, ShiftUpInsertPassesAfterEveryMove) {
+   shift({{40, 42}, {30, 40}, {20, 30}}, 20, "10.1.16.0/22", "10.1.18.1");
    // A /12 after the /16s, the free entry at 5: longest length first, each highest entry up.
-   shift({{12, 5}, {22, 12}, {32, 22}});
-   emu.writeV4(32, right(k4("10.0.0.0/12")));
-   EXPECT_THAT(emu.checkAll(), IsEmpty());
-   EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.2.32.1"))->key, k4("10.2.32.0/24"));
-   EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.9.0.1"))->key, k4("10.0.0.0/12"));
+   shift({{12, 5}, {22, 12}, {32, 22}}, 32, "10.0.0.0/12", "10.9.0.1");
 }
 
-TEST_F(TcamEmulatorShift, ShiftInTheWrongOrderIsCaughtWhenTheStaleCopyGoes) {
+TEST(TcamEmulatorCheck, ShiftInTheWrongOrderIsCaughtWhenTheStaleCopyGoes) {
+   TcamEmulator emu(64, 16);
+   writeNested(emu);
    emu.onErrorIs(OnError::record);
    emu.applyMove(mv(30, 42));  // past the /8s; its stale copy at 30 still matches first
    EXPECT_EQ(emu.errorCount(), 0u);
@@ -494,6 +432,13 @@ TEST(TcamEmulatorCheck, DoubleSizeShiftPassesAndMisorderIsCaught) {
 
 // Few distinct leading bits, so that random prefixes often nest.
 struct RandomRoutes {
+   static uint32_t lenOf(const Ipv4UcastKey& k) { return k.len(); }
+   static uint32_t lenOf(const Ipv6UcastKey& k) { return k.len(); }
+   static uint32_t lenOf(const IpMcastPrefixKey& k) { return k.len; }
+   // As buildLegal places them: IPv4 in a right half, IPv6 double-size below 288.
+   static void put(TcamEmulator& e, uint32_t p, const Ipv4UcastKey& k) { e.writeV4(p, right(k)); }
+   static void put(TcamEmulator& e, uint32_t p, const Ipv6UcastKey& k) { e.writeV6(p, k, p < 288); }
+   static void put(TcamEmulator& e, uint32_t p, const IpMcastPrefixKey& k) { e.writeMcast(p, k); }
    std::mt19937 rng;
    uint32_t below(uint32_t n) { return std::uniform_int_distribution<uint32_t>(0, n - 1)(rng); }
    Ipv4UcastKey v4() {
@@ -506,10 +451,8 @@ struct RandomRoutes {
       Ulo::Ip6Prefix::Bytes b{0x20, 0x01, 0x0d, 0xb8};
       for (unsigned i = 4; i < 16; ++i)
          b[i] = uint8_t(below(2) << (i % 8));
-      for (unsigned i = 0; i < 16; ++i) {
-         unsigned keep = len > i * 8 ? std::min(8u, len - i * 8) : 0;
-         b[i] &= uint8_t(0xff00 >> keep);
-      }
+      for (unsigned bit = len; bit < 128; ++bit)
+         b[bit / 8] &= uint8_t(~(0x80u >> (bit % 8)));
       return Ipv6UcastKey(VrfId(1), Ulo::Ip6Prefix(b, uint8_t(len)));
    }
    IpMcastPrefixKey mcast() {
@@ -525,61 +468,24 @@ constexpr uint32_t randomSize = 512, randomGap = 64;
 // Longest first within each family, with random holes: IPv4 in 1-159, double-size IPv6 in
 // 160-223 (partners 224-287), single-size IPv6 in 288-399, multicast in 400-511.
 void buildLegal(TcamEmulator& emu, RandomRoutes& r) {
-   auto place = [&](uint32_t from, uint32_t to, auto make, auto write) {
+   auto place = [&](uint32_t from, uint32_t to, auto make) {
       std::vector<decltype(make())> keys;
       for (int i = 0; i < 90; ++i)
          keys.push_back(make());
       std::sort(keys.begin(), keys.end(), [](const auto& a, const auto& b) {
-         return a.len > b.len || (a.len == b.len && a.key < b.key);
+         using R = RandomRoutes;
+         return R::lenOf(a) > R::lenOf(b) || (R::lenOf(a) == R::lenOf(b) && a < b);
       });
-      keys.erase(std::unique(keys.begin(), keys.end(),
-                             [](const auto& a, const auto& b) { return a.key == b.key; }),
-                 keys.end());
+      keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
       for (uint32_t i = 0, pos = from + r.below(3); i < keys.size() && pos < to; ++i) {
-         write(pos, keys[i].key);
+         RandomRoutes::put(emu, pos, keys[i]);
          pos += 1 + r.below(3);
       }
    };
-   struct K4 {
-      Ipv4UcastKey key;
-      uint32_t len;
-   };
-   struct K6 {
-      Ipv6UcastKey key;
-      uint32_t len;
-   };
-   struct KM {
-      IpMcastPrefixKey key;
-      uint32_t len;
-   };
-   place(
-       1, 160,
-       [&] {
-          auto k = r.v4();
-          return K4{k, k.len()};
-       },
-       [&](uint32_t p, const Ipv4UcastKey& k) { emu.writeV4(p, right(k)); });
-   place(
-       160, 224,
-       [&] {
-          auto k = r.v6(true);
-          return K6{k, k.len()};
-       },
-       [&](uint32_t p, const Ipv6UcastKey& k) { emu.writeV6(p, k, true); });
-   place(
-       288, 400,
-       [&] {
-          auto k = r.v6(false);
-          return K6{k, k.len()};
-       },
-       [&](uint32_t p, const Ipv6UcastKey& k) { emu.writeV6(p, k, false); });
-   place(
-       400, randomSize,
-       [&] {
-          auto k = r.mcast();
-          return KM{k, k.len};
-       },
-       [&](uint32_t p, const IpMcastPrefixKey& k) { emu.writeMcast(p, k); });
+   place(1, 160, [&] { return r.v4(); });
+   place(160, 224, [&] { return r.v6(true); });
+   place(288, 400, [&] { return r.v6(false); });
+   place(400, randomSize, [&] { return r.mcast(); });
 }
 
 // One random change that may break the table: a move or merge from an entry where its routes
@@ -587,41 +493,33 @@ void buildLegal(TcamEmulator& emu, RandomRoutes& r) {
 void perturb(TcamEmulator& emu, RandomRoutes& r) {
    const uint32_t pos = 1 + r.below(randomSize - 1), to = 1 + r.below(randomSize - 1);
    const TcamEntry& e = emu.entry(pos);
-   switch (r.below(6)) {
-      case 0:
-      case 1:
-         if (e.kind == EntryKind::v4 && e.v4.left.isNull() && emu.home(e.v4.right) == pos) {
-            emu.applyMove(mv(pos, to));
-         } else if (e.kind == EntryKind::v6Single && emu.home(e.v6) == pos) {
-            emu.applyMove(mv(pos, to, false, EntryType::v6));
-         } else if (e.kind == EntryKind::v6DoubleFirst && emu.home(e.v6) == pos) {
-            emu.applyMove(mv(pos, 1 + to % (randomSize - randomGap - 1), false, EntryType::v6));
-         } else if (e.kind == EntryKind::mcast && emu.home(e.mcast) == pos) {
-            emu.applyMove(mv(pos, to, false, EntryType::mcastV4));
+   // Only the field of the entry's kind holds an installed key, and that key's home is pos.
+   const bool single = e.v4.left.isNull() && emu.home(e.v4.right) == pos;
+   const bool live = single || emu.home(e.v6) == pos || emu.home(e.mcast) == pos;
+   const EntryType type = e.kind == EntryKind::v4      ? EntryType::v4Right
+                          : e.kind == EntryKind::mcast ? EntryType::mcastV4
+                                                       : EntryType::v6;
+   const uint32_t what = r.below(6);
+   if (what < 2) {
+      const uint32_t dst =
+          e.kind == EntryKind::v6DoubleFirst ? 1 + to % (randomSize - randomGap - 1) : to;
+      if (live) emu.applyMove(mv(pos, dst, e.kind == EntryKind::v4, type));
+   } else if (what == 2) {
+      emu.writeV4(pos, right(r.v4()));
+   } else if (what == 3) {
+      emu.writeV6(pos, r.v6(r.below(2)), pos < randomSize - randomGap && r.below(2));
+   } else if (what == 4) {
+      emu.writeMcast(pos, r.mcast());
+   } else if (e.kind == EntryKind::v4 && emu.home(e.v4.right) == pos && r.below(3)) {
+      for (uint32_t d = 1; d < randomSize; ++d) {
+         const TcamEntry& into = emu.entry(d);
+         if (d != pos && into.kind == EntryKind::v4 && into.v4.left.isNull()) {
+            emu.applyMerge(RouteMergeInfo{1, pos, EntryType::v4Right, d, EntryType::v4Left});
+            break;
          }
-         break;
-      case 2:
-         emu.writeV4(pos, right(r.v4()));
-         break;
-      case 3:
-         emu.writeV6(pos, r.v6(r.below(2)), pos < randomSize - randomGap && r.below(2));
-         break;
-      case 4:
-         emu.writeMcast(pos, r.mcast());
-         break;
-      case 5:
-         if (e.kind == EntryKind::v4 && emu.home(e.v4.right) == pos && r.below(3)) {
-            for (uint32_t d = 1; d < randomSize; ++d) {
-               const TcamEntry& into = emu.entry(d);
-               if (d != pos && into.kind == EntryKind::v4 && into.v4.left.isNull()) {
-                  emu.applyMerge(RouteMergeInfo{1, pos, EntryType::v4Right, d, EntryType::v4Left});
-                  break;
-               }
-            }
-         } else {
-            emu.clear(pos);
-         }
-         break;
+      }
+   } else {
+      emu.clear(pos);
    }
 }
 
@@ -645,15 +543,14 @@ TEST(TcamEmulatorRandom, IncrementalCheckAgreesWithFullCheck) {
             const auto full = emu.checkAll();
             // What the incremental check reports is true...
             const auto fullMessages = messages(full);
+            std::set<std::pair<Kind, std::string>> found, now;
             for (const auto& v : inc) {
                ASSERT_TRUE(std::binary_search(fullMessages.begin(), fullMessages.end(), v.message))
                    << "step " << step << ": " << v.message;
                ++(v.kind == Kind::notHeld ? notHeldFound : shadowedFound);
+               found.emplace(v.kind, v.route);
             }
             // ...and it names every route that has newly gone wrong.
-            std::set<std::pair<Kind, std::string>> found, now;
-            for (const auto& v : inc)
-               found.emplace(v.kind, v.route);
             for (const auto& v : full) {
                now.emplace(v.kind, v.route);
                ASSERT_TRUE(before.count({v.kind, v.route}) || found.count({v.kind, v.route}))
