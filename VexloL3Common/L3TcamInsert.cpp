@@ -94,6 +94,23 @@ uint32_t L3TcamManagerContext::recordNewRoute(RouteType t, const Ipv4UcastKey& k
    VEXLO_UNREACHABLE("Invalid route type");
 }
 
+// The last steps of both shifts: the new route's length takes its range and the route is
+// recorded at the hole the shift opened.
+uint32_t L3TcamManagerContext::placeNewRoute(RouteType t, const Ipv4UcastKey& key4,
+                                             const Ipv6UcastKey& key6,
+                                             const IpMcastPrefixKey& keyMcast, uint32_t len,
+                                             const IndexRange& ir, uint32_t freeEntry) {
+   TcamBlock& blk = *block(t);
+   blk.lengthRangeIs(len, ir);
+   if (blk.lengthRangeMax() == TcamBlock::none || len > blk.lengthRangeMax()) {
+      blk.lengthRangeMaxIs(len);
+   }
+   TRACE(th, 7, "Table range for prefix length ", len, ": ", ir.start(), "/", ir.end());
+   VEXLO_ASSERT(freeEntry >= ir.start(), "freeEntry >= ir.start()");
+   VEXLO_ASSERT(freeEntry <= ir.end(), "freeEntry <= ir.end()");
+   return recordNewRoute(t, key4, key6, keyMcast, freeEntry);
+}
+
 uint32_t L3TcamManagerContext::addRoute(RouteType t, const Ipv4UcastKey& key4,
                                         const Ipv6UcastKey& key6, const IpMcastPrefixKey& keyMcast,
                                         bool useSwapArea) {
@@ -256,14 +273,7 @@ uint32_t L3TcamManagerContext::shiftDownAndInsert(RouteType t, const Ipv4UcastKe
    const IndexRange ir =
        extend ? IndexRange(std::min(own.start(), freeEntry), std::max(own.end(), freeEntry))
               : IndexRange(freeEntry, freeEntry);
-   blk.lengthRangeIs(len, ir);
-   if (blk.lengthRangeMax() == TcamBlock::none || len > blk.lengthRangeMax()) {
-      blk.lengthRangeMaxIs(len);
-   }
-   TRACE(th, 7, "Table range for prefix length ", len, ": ", ir.start(), "/", ir.end());
-   VEXLO_ASSERT(freeEntry >= ir.start(), "freeEntry >= ir.start()");
-   VEXLO_ASSERT(freeEntry <= ir.end(), "freeEntry <= ir.end()");
-   return recordNewRoute(t, key4, key6, keyMcast, freeEntry);
+   return placeNewRoute(t, key4, key6, keyMcast, len, ir, freeEntry);
 }
 
 uint32_t L3TcamManagerContext::shiftUpAndInsert(RouteType t, const Ipv4UcastKey& key4,
@@ -318,14 +328,7 @@ uint32_t L3TcamManagerContext::shiftUpAndInsert(RouteType t, const Ipv4UcastKey&
       updateBitmaps(t, freeEntry, 0);
       ir = IndexRange(freeEntry, freeEntry);
    }
-   blk.lengthRangeIs(len, *ir);
-   if (blk.lengthRangeMax() == TcamBlock::none || len > blk.lengthRangeMax()) {
-      blk.lengthRangeMaxIs(len);
-   }
-   TRACE(th, 7, "Table range for prefix length ", len, ": ", ir->start(), "/", ir->end());
-   VEXLO_ASSERT(freeEntry >= ir->start(), "freeEntry >= ir.start()");
-   VEXLO_ASSERT(freeEntry <= ir->end(), "freeEntry <= ir.end()");
-   return recordNewRoute(t, key4, key6, keyMcast, freeEntry);
+   return placeNewRoute(t, key4, key6, keyMcast, len, *ir, freeEntry);
 }
 
 RouteReturnCode L3TcamManagerContext::addRoute4(const Ipv4UcastKey& key, bool useSwapArea) {

@@ -224,6 +224,9 @@ class L3TcamManagerContext {
    uint32_t prefixLength(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
                          const IpMcastPrefixKey& keyMcast) const;
    void moveEntry(RouteType t, uint32_t len, uint32_t newPos, uint32_t oldPos);
+   uint32_t placeNewRoute(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
+                          const IpMcastPrefixKey& keyMcast, uint32_t len, const IndexRange& ir,
+                          uint32_t freeEntry);
    uint32_t recordNewRoute(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
                            const IpMcastPrefixKey& keyMcast, uint32_t freeEntry);
    // The bitmap in which insertion looks for free entries of a type.
