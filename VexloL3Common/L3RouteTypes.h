@@ -66,7 +66,7 @@ struct IpUcastKey {
    IpUcastKey() = default;
    IpUcastKey(VrfId v, const Ulo::IpGenPrefix& p) : vrfId(v), prefix(p) {}
    auto operator<=>(const IpUcastKey&) const = default;
-   // Mixes both fields into the seed.
+   // Mixes both fields into the value the caller starts from.
    size_t hash(size_t seed = 0) const;
    std::string toString() const;
 };

@@ -132,6 +132,11 @@ class MappingV4Base {
    virtual void mergeEntries(uint32_t prefixLength, uint32_t newPos, uint32_t oldPos, bool notify,
                              VrfId delVrfId, uint64_t sequence) = 0;
 
+ protected:
+   // clearEntryKey(key, oldPos) then setEntryKey(key, newPos), with one lookup of the key when
+   // the key traces are off.
+   void relocateKey(const Ipv4UcastKey& key, uint32_t oldPos, uint32_t newPos);
+
  private:
    static constexpr uint32_t maxLen = 32;
    using KeyTable = internal::FlatHashTable<V4PrefixToEntryIdMap, internal::RecordKeyOf,

@@ -241,6 +241,29 @@ void MappingV4Base::clearEntryKey(const Ipv4UcastKey& key, uint32_t pos) {
    TRACE(th, 1, "clearEntryKey key: ", key, " pos: ", pos);
 }
 
+void MappingV4Base::relocateKey(const Ipv4UcastKey& key, uint32_t oldPos, uint32_t newPos) {
+   if (th.enabled(1)) {
+      clearEntryKey(key, oldPos);
+      setEntryKey(key, newPos);
+      return;
+   }
+   assertPos(oldPos);
+   assertPos(newPos);
+   V4PrefixToEntryIdMap* r = keyToEntryId_.find(key);
+   if (!r) {
+      setEntryKey(key, newPos);
+      return;
+   }
+   // The record keeps the key's other positions, so it is never erased in between.
+   if (r->entryIdHas(oldPos)) {
+      VEXLO_ASSERT_MSG(r->entryId(oldPos) > 0, "keyToEntryId( key )->entryId( pos ) > 0",
+                       "key: ", key, " pos: ", oldPos);
+      r->entryIdDec(oldPos, 1);
+      if (r->entryId(oldPos) == 0) r->entryIdDel(oldPos);
+   }
+   r->entryIdInc(newPos, 1);
+}
+
 // ---- MappingV4Base: placement and removal ------------------------------------------------
 
 bool MappingV4Base::isHalfEmptyRight(uint32_t pos, const Ipv4UcastKey& key) const {
@@ -446,14 +469,8 @@ void MappingV4::moveEntry(uint32_t len, uint32_t newPos, uint32_t oldPos, bool n
    TRACE(th, 4, "   moveEntry, new: ", newPos, ", old: ", oldPos, ",", k);
    const bool hasRight = !k.right.isNull();
    const bool hasLeft = !k.left.isNull();
-   if (hasRight) {
-      clearEntryKey(k.right, oldPos);
-      setEntryKey(k.right, newPos);
-   }
-   if (hasLeft) {
-      clearEntryKey(k.left, oldPos);
-      setEntryKey(k.left, newPos);
-   }
+   if (hasRight) relocateKey(k.right, oldPos, newPos);
+   if (hasLeft) relocateKey(k.left, oldPos, newPos);
    const EntryType type = hasRight && hasLeft ? EntryType::v4Both
                           : hasRight          ? EntryType::v4Right
                           : hasLeft           ? EntryType::v4Left
@@ -511,8 +528,7 @@ void MappingV4::mergeEntries(uint32_t prefixLength, uint32_t newPos, uint32_t ol
       dstType = EntryType::v4Left;
    }
    keysIs(newPos, dst);
-   clearEntryKey(srcKey, oldPos);
-   setEntryKey(srcKey, newPos);
+   relocateKey(srcKey, oldPos, newPos);
 
    // After the merge no entry of this length has a free half.
    VEXLO_ASSERT_MSG(halfFull(prefixLength) != 0, "halfFull( prefixLength )",

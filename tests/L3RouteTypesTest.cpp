@@ -45,7 +45,7 @@ TEST(RouteKeys, TraceFormsAndHashes) {
    IpUcastKey z(VrfId(1), Ip6Prefix::fromString("::/8"));
    EXPECT_NE(x.hash(0), y.hash(0));
    EXPECT_NE(x.hash(0), z.hash(0));
-   EXPECT_NE(x.hash(0), x.hash(1)) << "the seed is mixed in";
+   EXPECT_NE(x.hash(0), x.hash(1)) << "the starting value is mixed in";
    std::unordered_set<Ipv4UcastKey> set{k4(1, "10.0.0.0/8"), k4(2, "10.0.0.0/8"),
                                         k4(1, "10.0.0.0/8")};
    EXPECT_EQ(set.size(), 2u);
