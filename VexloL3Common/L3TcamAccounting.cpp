@@ -90,6 +90,31 @@ void L3TcamManagerContext::updateBitmaps(RouteType t, uint32_t used, uint32_t fr
       bitmap_->clearBit(freed);
       blockMap.clearBit(freed);
    }
+   // Where single entries share the double-size region, a pair is taken as soon as either of
+   // its two entries is, so that the pair search never hands out a half-occupied pair.
+   if (supportsDefipPairing()) {
+      const TcamBlock* full = blocks_[RouteType::v6Full].get();
+      if (full && full->isValid()) {
+         if (used && used >= full->start() && used <= full->end()) markPair(used);
+         if (freed && freed >= full->start() && freed <= full->end()) markPair(freed);
+      }
+   }
+}
+
+void L3TcamManagerContext::markPair(uint32_t physical) {
+   const uint32_t g = lpmPairGap_;
+   const uint32_t pair = physicalToPair(physical);
+   const uint32_t first = pairToPhysical(pair);
+   if (bitmap_->isBitSet(first) || bitmap_->isBitSet(first + g)) {
+      bitmapPair_->setBit(pair);
+      return;
+   }
+   // Reserved and invalid pairs stay taken whatever their entries hold.
+   if (pair == 0) return;
+   for (const InvalidEntryRange& r : invalidEntryManager_->invalidEntryRangePair()) {
+      if (r.start <= pair && pair <= r.end) return;
+   }
+   bitmapPair_->clearBit(pair);
 }
 
 void L3TcamManagerContext::buildHalfFullCache() {

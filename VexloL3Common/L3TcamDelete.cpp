@@ -58,27 +58,8 @@ void L3TcamManagerContext::deleteRoute(RouteType t, uint32_t pos, uint32_t len) 
    }
    TRACE(th, level, "deleteRoute", ", pos: ", pos, ", len: ", len, " type: ", t);
    if (t == RouteType::v6Full) pos = physicalToPair(pos);
-   TcamBlock& blk = *block(t);
-   const HBitmap& used = *blk.bitmap();
-   IndexRange ir = blk.lengthRange(len);
-   VEXLO_ASSERT_MSG(ir.start() != 0, "ir.start()", " ir: ", ir);
-   if (ir.start() == ir.end()) {
-      VEXLO_ASSERT_MSG(ir.start() == pos, "ir.start() == pos", " ir: ", ir, ", pos: ", pos);
-      blk.lengthRangeDel(len);
-      if (len == blk.lengthRangeMax()) blk.lengthRangeMaxIs(blk.findLengthRangeMax());
-      ir = IndexRange();
-   } else if (pos == ir.start()) {
-      const uint32_t newStart = used.findFirstSet(ir.start() + 1, ir.end());
-      VEXLO_ASSERT_MSG(newStart != npos, "newStart", " ir: ", ir);
-      ir.startIs(newStart);
-      blk.lengthRangeIs(len, ir);
-   } else if (pos == ir.end()) {
-      const uint32_t newEnd = used.findLastSet(ir.start(), ir.end() - 1);
-      VEXLO_ASSERT_MSG(newEnd != npos, "newEnd", " ir: ", ir);
-      ir.endIs(newEnd);
-      blk.lengthRangeIs(len, ir);
-   }
-   TRACE(th, 7, "Table range for prefix length ", len, ": ", ir.start(), "/", ir.end());
+   // The entry is still marked used: the range shrinks to the next used entries beside it.
+   shrinkRange(t, len, pos);
    updateBitmaps(t, 0, pos);
 }
 

@@ -122,6 +122,7 @@ uint32_t L3TcamManagerContext::addRoute(RouteType t, const Ipv4UcastKey& key4,
    VEXLO_ASSERT_MSG(blk, "blk", "no block for type ", t);
    VEXLO_ASSERT_MSG(len <= blk->prefixLenMax(), "len <= blk->prefixLenMax()", "len: ", len,
                     ", prefixLenMax: ", blk->prefixLenMax());
+   if (useSwapArea) swapReserveKept_ = false;
    if (!useSwapArea && swapRegionFull(t)) {
       TRACE(th, 7, "Swap area allocation blocked");
       return 0;
@@ -205,10 +206,7 @@ uint32_t L3TcamManagerContext::addRoute(RouteType t, const Ipv4UcastKey& key4,
          TRACE(th, level, "Full tcam table");
          return 0;
       }
-      // IPv4 entries stand inside the double-size region only where the IPv4/IPv6 border moves,
-      // which this version refuses at construction.
-      VEXLO_ASSERT_MSG(false, "freeV6PairEntry", "entry ", freeEntry,
-                       " is free but its pair partner holds an IPv4 entry");
+      freeV6PairEntry(freeEntry, useSwapArea);
    }
 
    HBitmap& freeBits = freeMap(t);
@@ -225,12 +223,8 @@ uint32_t L3TcamManagerContext::addRoute(RouteType t, const Ipv4UcastKey& key4,
    return shiftUpAndInsert(t, key4, key6, keyMcast, freeEntry);
 }
 
-uint32_t L3TcamManagerContext::shiftDownAndInsert(RouteType t, const Ipv4UcastKey& key4,
-                                                  const Ipv6UcastKey& key6,
-                                                  const IpMcastPrefixKey& keyMcast,
-                                                  uint32_t freeEntry) {
-   traceKey(6, "shiftDownAndInsert", t, key4, key6, keyMcast, ", entry: ", freeEntry);
-   const uint32_t len = prefixLength(t, key4, key6, keyMcast);
+uint32_t L3TcamManagerContext::openHoleDown(RouteType t, uint32_t len, uint32_t freeEntry,
+                                            IndexRange& ir) {
    TcamBlock& blk = *block(t);
    const HBitmap& used = *blk.bitmap();
    bool extend = false;
@@ -238,20 +232,20 @@ uint32_t L3TcamManagerContext::shiftDownAndInsert(RouteType t, const Ipv4UcastKe
    // Shortest prefixes (highest indices) first: each range that starts before the hole gives up
    // its lowest entry, so the hole climbs one length at a time toward the new route's place.
    for (uint32_t k = blk.nextLength(0); k != TcamBlock::none; k = blk.nextLength(k + 1)) {
-      const IndexRange ir = blk.lengthRange(k);
-      if (ir.start() == 0) continue;
+      const IndexRange cur = blk.lengthRange(k);
+      if (cur.start() == 0) continue;
       if (k > len) {
-         VEXLO_ASSERT_MSG(freeEntry > ir.end(), "freeEntry > ir.end()", "freeEntry: ", freeEntry,
-                          ", ir: ", ir);
+         VEXLO_ASSERT_MSG(freeEntry > cur.end(), "freeEntry > ir.end()", "freeEntry: ", freeEntry,
+                          ", ir: ", cur);
          break;
       }
       if (k == len) {
          extend = true;
-         own = ir;
+         own = cur;
          break;
       }
-      if (ir.start() >= freeEntry) continue;
-      const uint32_t s = ir.start(), e = ir.end();
+      if (cur.start() >= freeEntry) continue;
+      const uint32_t s = cur.start(), e = cur.end();
       moveEntry(t, k, freeEntry, s);
       updateBitmaps(t, freeEntry, s);
       IndexRange moved;
@@ -259,7 +253,7 @@ uint32_t L3TcamManagerContext::shiftDownAndInsert(RouteType t, const Ipv4UcastKe
          moved = IndexRange(freeEntry, freeEntry);
       } else {
          const uint32_t newStart = used.findFirstSet(s + 1, e);
-         VEXLO_ASSERT_MSG(newStart != npos, "newStart != npos", "len: ", k, ", ir: ", ir);
+         VEXLO_ASSERT_MSG(newStart != npos, "newStart != npos", "len: ", k, ", ir: ", cur);
          moved = IndexRange(newStart, std::max(e, freeEntry));
       }
       blk.lengthRangeIs(k, moved);
@@ -269,22 +263,15 @@ uint32_t L3TcamManagerContext::shiftDownAndInsert(RouteType t, const Ipv4UcastKe
       VEXLO_ASSERT(freeEntry <= moved.end(), "freeEntry <= blk->lengthRange( iter.key() ).end()");
       freeEntry = s;
    }
-   updateBitmaps(t, freeEntry, 0);
-   const IndexRange ir =
-       extend ? IndexRange(std::min(own.start(), freeEntry), std::max(own.end(), freeEntry))
-              : IndexRange(freeEntry, freeEntry);
-   return placeNewRoute(t, key4, key6, keyMcast, len, ir, freeEntry);
+   ir = extend ? IndexRange(std::min(own.start(), freeEntry), std::max(own.end(), freeEntry))
+               : IndexRange(freeEntry, freeEntry);
+   return freeEntry;
 }
 
-uint32_t L3TcamManagerContext::shiftUpAndInsert(RouteType t, const Ipv4UcastKey& key4,
-                                                const Ipv6UcastKey& key6,
-                                                const IpMcastPrefixKey& keyMcast,
-                                                uint32_t freeEntry) {
-   traceKey(6, "shiftUpAndInsert", t, key4, key6, keyMcast, ", entry: ", freeEntry);
-   const uint32_t len = prefixLength(t, key4, key6, keyMcast);
+uint32_t L3TcamManagerContext::openHoleUp(RouteType t, uint32_t len, uint32_t freeEntry,
+                                          IndexRange& ir) {
    TcamBlock& blk = *block(t);
    const HBitmap& used = *blk.bitmap();
-   std::optional<IndexRange> ir;
    // Longest prefixes (lowest indices) first: each range that ends after the hole gives up its
    // highest entry, so the hole sinks one length at a time toward the new route's place.
    for (uint32_t k = blk.prevLength(blk.prefixLenMax()); k != TcamBlock::none;
@@ -292,15 +279,13 @@ uint32_t L3TcamManagerContext::shiftUpAndInsert(RouteType t, const Ipv4UcastKey&
       const IndexRange cur = blk.lengthRange(k);
       if (cur.start() == 0) continue;
       if (k == len) {
-         updateBitmaps(t, freeEntry, 0);
          ir = IndexRange(std::min(cur.start(), freeEntry), cur.end());
-         break;
+         return freeEntry;
       }
       if (k < len) {
          if (cur.start() > freeEntry) {
-            updateBitmaps(t, freeEntry, 0);
             ir = IndexRange(freeEntry, freeEntry);
-            break;
+            return freeEntry;
          }
          VEXLO_ASSERT_MSG(freeEntry < cur.start(), "freeEntry < ir.start()",
                           "freeEntry: ", freeEntry, ", ir: ", cur);
@@ -324,11 +309,73 @@ uint32_t L3TcamManagerContext::shiftUpAndInsert(RouteType t, const Ipv4UcastKey&
       TRACE(th, 7, "Table range for prefix length ", k, ": ", moved.start(), "/", moved.end());
       freeEntry = e;
    }
-   if (!ir) {
-      updateBitmaps(t, freeEntry, 0);
-      ir = IndexRange(freeEntry, freeEntry);
+   ir = IndexRange(freeEntry, freeEntry);
+   return freeEntry;
+}
+
+uint32_t L3TcamManagerContext::shiftDownAndInsert(RouteType t, const Ipv4UcastKey& key4,
+                                                  const Ipv6UcastKey& key6,
+                                                  const IpMcastPrefixKey& keyMcast,
+                                                  uint32_t freeEntry) {
+   traceKey(6, "shiftDownAndInsert", t, key4, key6, keyMcast, ", entry: ", freeEntry);
+   const uint32_t len = prefixLength(t, key4, key6, keyMcast);
+   IndexRange ir;
+   freeEntry = openHoleDown(t, len, freeEntry, ir);
+   updateBitmaps(t, freeEntry, 0);
+   return placeNewRoute(t, key4, key6, keyMcast, len, ir, freeEntry);
+}
+
+uint32_t L3TcamManagerContext::shiftUpAndInsert(RouteType t, const Ipv4UcastKey& key4,
+                                                const Ipv6UcastKey& key6,
+                                                const IpMcastPrefixKey& keyMcast,
+                                                uint32_t freeEntry) {
+   traceKey(6, "shiftUpAndInsert", t, key4, key6, keyMcast, ", entry: ", freeEntry);
+   const uint32_t len = prefixLength(t, key4, key6, keyMcast);
+   IndexRange ir;
+   freeEntry = openHoleUp(t, len, freeEntry, ir);
+   updateBitmaps(t, freeEntry, 0);
+   return placeNewRoute(t, key4, key6, keyMcast, len, ir, freeEntry);
+}
+
+uint32_t L3TcamManagerContext::relocateEntry(RouteType t, uint32_t len, uint32_t oldPos,
+                                             uint32_t freeEntry) {
+   TRACE(th, 6, "relocateEntry", ", type: ", t, ", len: ", len, ", old: ", oldPos,
+         ", entry: ", freeEntry);
+   VEXLO_ASSERT_MSG(freeEntry != oldPos && block(t)->lengthRange(len).contains(oldPos),
+                    "relocateEntry: entry inside its length's range", "type ", t, " len ", len,
+                    " old ", oldPos, " free ", freeEntry);
+   IndexRange ir;
+   const uint32_t hole =
+       freeEntry > oldPos ? openHoleDown(t, len, freeEntry, ir) : openHoleUp(t, len, freeEntry, ir);
+   moveEntry(t, len, hole, oldPos);
+   updateBitmaps(t, hole, oldPos);
+   block(t)->lengthRangeIs(len, ir);
+   shrinkRange(t, len, oldPos);
+   return hole;
+}
+
+void L3TcamManagerContext::shrinkRange(RouteType t, uint32_t len, uint32_t oldPos) {
+   TcamBlock& blk = *block(t);
+   const HBitmap& used = *blk.bitmap();
+   IndexRange ir = blk.lengthRange(len);
+   VEXLO_ASSERT_MSG(ir.start() != 0, "ir.start()", " ir: ", ir);
+   if (ir.start() == ir.end()) {
+      VEXLO_ASSERT_MSG(ir.start() == oldPos, "ir.start() == pos", " ir: ", ir, ", pos: ", oldPos);
+      blk.lengthRangeDel(len);
+      if (len == blk.lengthRangeMax()) blk.lengthRangeMaxIs(blk.findLengthRangeMax());
+      ir = IndexRange();
+   } else if (oldPos == ir.start()) {
+      const uint32_t newStart = used.findFirstSet(ir.start() + 1, ir.end());
+      VEXLO_ASSERT_MSG(newStart != npos, "newStart", " ir: ", ir);
+      ir.startIs(newStart);
+      blk.lengthRangeIs(len, ir);
+   } else if (oldPos == ir.end()) {
+      const uint32_t newEnd = used.findLastSet(ir.start(), ir.end() - 1);
+      VEXLO_ASSERT_MSG(newEnd != npos, "newEnd", " ir: ", ir);
+      ir.endIs(newEnd);
+      blk.lengthRangeIs(len, ir);
    }
-   return placeNewRoute(t, key4, key6, keyMcast, len, *ir, freeEntry);
+   TRACE(th, 7, "Table range for prefix length ", len, ": ", ir.start(), "/", ir.end());
 }
 
 RouteReturnCode L3TcamManagerContext::addRoute4(const Ipv4UcastKey& key, bool useSwapArea) {

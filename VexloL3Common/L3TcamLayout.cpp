@@ -79,12 +79,6 @@ bool LpmInvalidEntryManager::isEntryInvalid(uint32_t index) const {
 // ---- L3TcamManagerContext ----------------------------------------------------------------
 
 L3TcamManagerContext::L3TcamManagerContext(const Config& config) : config_(config) {
-   // The border between the IPv4 and IPv6 partitions can only move once reallocation exists;
-   // until then a layout that depends on it is refused rather than half served.
-   if (config_.dynamicV4V6Boundary) {
-      throw std::range_error(
-          "dynamicV4V6Boundary: a movable IPv4/IPv6 border is not supported by this version");
-   }
    if (!config_.v4Mcast && config_.numUcastDefipBlocks == 0) {
       throw std::range_error("numUcastDefipBlocks must not be 0");
    }
@@ -248,7 +242,8 @@ bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
          }
       }
    }
-   v4V6Border_ = pairingBorder;
+   // A border that moves starts with no IPv6 partition; reallocation grows it on demand.
+   v4V6Border_ = borderMoves() ? 0 : pairingBorder;
    TRACE(th, 1, "doCreateBlocks", " TcamSize: ", size, ", tcamMode: ", mode,
          ", effective size: ", effective, ", blockSize: ", blockSize, ", border: ", border,
          ", urpfEnabled: ", urpf);
@@ -318,7 +313,8 @@ bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
    invalidEntryManager_->allocateInvalidEntriesPair(urpf, bitmapPair_);
 
    VEXLO_ASSERT(v6_, "v6()");
-   v6_->tcamBorderIs(border);
+   // Where the border moves, every IPv6 route is double-size and lies below it.
+   v6_->tcamBorderIs(borderMoves() ? v4V6Border_ : border);
 
    if (currentTableMode() == requestedTableMode() && initialized_) {
       swapArea_ = 32;
@@ -333,6 +329,7 @@ bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
    swapAreaSize_[RouteType::v6Full] = swapArea_;
    swapAreaSize_[RouteType::v6Half] = swapAreaHalf_ ? swapArea_ : 0;
    swapAreaSize_[RouteType::v4Mcast] = 0;
+   swapReserveKept_ = entriesFree(RouteType::v4) >= swapAreaSize_[RouteType::v4];
    return useSwapArea_;
 }
 

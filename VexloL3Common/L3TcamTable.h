@@ -37,6 +37,8 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "VexloL3Common/HBitmap.h"
 #include "VexloL3Common/L3RouteTypes.h"
@@ -47,6 +49,19 @@
 #include "platform/RoutingStatus.h"
 
 namespace VexloL3Common {
+
+// One entry of the hardware table as the hardware holds it: what a context is rebuilt from
+// after a restart. Only the field that belongs to `kind` is read. A double-size IPv6 route shows
+// as its first entry (v6Double) and its partner lpmPairGap further on (v6DoubleSecond, the same
+// key).
+struct TcamHardwareEntry {
+   enum class Kind : uint8_t { v4, v6Single, v6Double, v6DoubleSecond, mcast };
+   uint32_t pos = 0;
+   Kind kind = Kind::v4;
+   Ipv4Keys v4;  // a half holding a null prefix is empty
+   Ipv6UcastKey v6;
+   IpMcastPrefixKey mcast;
+};
 
 class L3TcamManagerContext {
  public:
@@ -156,7 +171,13 @@ class L3TcamManagerContext {
    // from the swap area (IPv4 and double-size IPv6 get swapArea, single-size IPv6 gets it when
    // swapAreaHalf is set, multicast none); a platform may adjust them after initialisation.
    uint32_t swapAreaSize(RouteType t) const { return swapAreaSize_[t]; }
-   void swapAreaSizeIs(RouteType t, uint32_t n) { swapAreaSize_[t] = n; }
+   void swapAreaSizeIs(RouteType t, uint32_t n) {
+      if (t == RouteType::v4 && n > swapAreaSize_[t]) swapReserveKept_ = false;
+      swapAreaSize_[t] = n;
+   }
+   // Every placement so far kept out of the swap reserve (no caller passed useSwapArea, and the
+   // IPv4 reserve was never raised above what the layout could keep free).
+   bool swapReserveKept() const { return swapReserveKept_; }
    bool initialized() const { return initialized_; }
    bool urpfEnabled() const { return urpfEnabled_; }
    bool layoutDone() const { return layoutDone_; }
@@ -205,6 +226,32 @@ class L3TcamManagerContext {
    RouteReturnCode addRoute4(const Ipv4UcastKey& key, bool useSwapArea);
    RouteReturnCode addMroute4(const IpMcastPrefixKey& key, bool useSwapArea);
 
+   // ---- IPv6 insertion and conversion between entry sizes (see L3TcamIpv6.cpp)
+   RouteReturnCode addRoute6(const Ipv6UcastKey& key, bool useSwapArea);
+   // One pass of the conversion ladder, without growing the IPv6 partition.
+   RouteReturnCode addRoute6Internal(const Ipv6UcastKey& key, bool useSwapArea);
+   // Moves one IPv4 entry across the IPv6 border (toHalf: from below it to above it); the index
+   // that was freed, or 0 when nothing was converted.
+   uint32_t convertV4Entry(bool toHalf);
+   // Moves one IPv6 route of prefixLen into the block of routeType from the other IPv6 block;
+   // the freed index of the source block, or 0.
+   uint32_t convertV6Entry(RouteType routeType, uint32_t prefixLen, bool useSwapArea);
+   bool convertV6Range(uint32_t prefixLen, const IndexRange& range, bool useSwapArea);
+   // Frees the pair partner of the free entry entryId, which holds an IPv4 entry, so that the
+   // whole pair is free.
+   void freeV6PairEntry(uint32_t entryId, bool useSwapArea);
+
+   // ---- partition reallocation (see L3TcamReallocate.cpp for the design)
+   bool reallocate(uint32_t newBorder, bool useSwapArea);
+   // How far one reallocation asked for by a full partition moves the border.
+   uint32_t reallocationStep() const;
+   // The layout's IPv4/IPv6 border moves at run time (pairing, dynamic border, separate regions).
+   bool borderMoves() const;
+
+   // ---- uRPF: lays an empty unicast table out again; false (nothing changed) while routes are
+   // installed.
+   bool handleUrpf(bool enabled);
+
    // ---- deletion and merging
    void deleteRoute(RouteType t, uint32_t pos, uint32_t len);
    RouteReturnCode deleteRoute4(const Ipv4UcastKey& key, bool merge, uint64_t sequence,
@@ -215,8 +262,33 @@ class L3TcamManagerContext {
    RouteReturnCode deleteMroute4(const IpMcastPrefixKey& key);
    void mergeRoute4(const Ipv4UcastKey& key, uint32_t pos, uint32_t halfFullPos, uint64_t sequence);
 
+   // ---- lookups the manager forwards
+   Ipv4UcastKey pairedKey(const Ipv4UcastKey& key, uint32_t pos, uint32_t otherPos) const;
+   bool rightKey(const Ipv4UcastKey& key, uint32_t pos) const;
+   // The entry of an IPv4 route, 0 when it is not installed.
+   uint32_t getKeyV4ToEntryId(const Ipv4UcastKey& key) const;
+
    // ---- verification: fatal on the first inconsistency found
    void verify() const;
+   // Checks one IPv4 route's placement (mapping both ways, occupancy, its length's range, the
+   // half-full tracking) and returns its entry; 0 when the route is not installed.
+   uint32_t verifyRoute4(const Ipv4UcastKey& key) const;
+
+   // ---- show output, written to the caller's file descriptor
+   void showSoftwareTcamTableSummary(int fd) const;
+   void showSoftwareTcamTableIndexRange(int fd) const;
+   void showSoftwareTcamTable(int fd, bool detail) const;
+
+   // ---- resynchronisation from hardware (see L3TcamResync.cpp)
+   RouteReturnCode addRoute4AtIndex(const Ipv4UcastKey& key, uint32_t index, bool right);
+   RouteReturnCode addRoute6AtIndex(const Ipv6UcastKey& key, uint32_t index);
+   RouteReturnCode addMroute4AtIndex(const IpMcastPrefixKey& key, uint32_t index);
+   // Rebuilds an initialised, empty context from the hardware image without publishing
+   // anything. v4V6Border: the border in force before the restart on a layout whose border
+   // moves (the smallest border that fits the image when absent). Contents that cannot be a
+   // valid model raise std::range_error naming the entry, and leave the context unchanged.
+   void rebuildFromHardware(const std::vector<TcamHardwareEntry>& image,
+                            std::optional<uint32_t> v4V6Border = std::nullopt);
 
  private:
    void createMappings();
@@ -232,6 +304,25 @@ class L3TcamManagerContext {
    // The bitmap in which insertion looks for free entries of a type.
    HBitmap& freeMap(RouteType t) const { return t == RouteType::v6Full ? *bitmapPair_ : *bitmap_; }
    void verifyBlock(RouteType t) const;
+   // Sets the IPv4/IPv6 border of a layout whose border moves: the IPv4 and v6Full block bounds,
+   // v4V6Border and the IPv6 mapping's border, together. Moves nothing.
+   void borderIs(uint32_t border);
+   // Opens a hole for a route of length len from the free entry freeEntry (logical for v6Full),
+   // shifting one entry per intervening length; returns the hole and sets `ir` to len's range
+   // with the hole included. Bitmaps are not updated for the hole itself.
+   uint32_t openHoleDown(RouteType t, uint32_t len, uint32_t freeEntry, IndexRange& ir);
+   uint32_t openHoleUp(RouteType t, uint32_t len, uint32_t freeEntry, IndexRange& ir);
+   // Moves the entry at oldPos (logical for v6Full) of length len, which stays in its block, to a
+   // new place in its length's order reached from freeEntry; the new position.
+   uint32_t relocateEntry(RouteType t, uint32_t len, uint32_t oldPos, uint32_t freeEntry);
+   // Takes oldPos out of len's range after its entry left (the range is kept when other entries
+   // of len remain, shrunk to used entries at its ends).
+   void shrinkRange(RouteType t, uint32_t len, uint32_t oldPos);
+   // Sets or clears the pair bit of a physical entry of the double-size region from the
+   // occupancy of the pair's two entries.
+   void markPair(uint32_t physical);
+   // Publishes an IPv6 route's move to another block (counted by the caller under sourceType).
+   void publishMove(RouteType sourceType, uint32_t oldPos, uint32_t newPos);
 
    Config config_;
    Ulo::Ptr<LpmInvalidEntryManager> invalidEntryManager_;
@@ -252,6 +343,9 @@ class L3TcamManagerContext {
    bool initialized_ = false;
    bool urpfEnabled_ = false;
    bool layoutDone_ = false;
+   // False once a caller let placements take the swap reserve (or the reserve never fitted):
+   // verify() then no longer expects it kept.
+   bool swapReserveKept_ = true;
    Ulo::Ptr<TcamStats> stats_;
    Ulo::Ptr<MappingV4Base> v4_;
    Ulo::Ptr<MappingV6Base> v6_;

@@ -108,6 +108,26 @@ void L3TcamManagerContext::verify() const {
       return;
    }
 
+   // The borders: a moving border keeps both blocks and the IPv6 mapping's border in step; a
+   // fixed pairing border starts the IPv4 block.
+   const TcamBlock& blkFull = *block(RouteType::v6Full);
+   if (borderMoves()) {
+      const uint32_t b = v4V6Border_;
+      VEXLO_ASSERT_MSG(g != 0 && b % (2 * g) == 0 && b < effectiveSize_, "verify: border",
+                       "border ", b, " gap ", g, " effective size ", effectiveSize_);
+      VEXLO_ASSERT_MSG(block(RouteType::v4)->start() == std::max(b, 1u) &&
+                           blkFull.start() == (b ? 1 : 0) && blkFull.end() == (b ? b - 1 : 0) &&
+                           v6_->tcamBorder() == b,
+                       "verify: blocks follow the border", "border ", b, " v4 start ",
+                       block(RouteType::v4)->start(), " v6Full ", blkFull.start(), "/",
+                       blkFull.end(), " IPv6 border ", v6_->tcamBorder());
+   } else if (supportsDefipPairing() && v4V6InterleavingDisabled()) {
+      VEXLO_ASSERT_MSG(block(RouteType::v4)->start() == v4V6Border_, "verify: pairing border",
+                       "border ", v4V6Border_, " v4 start ", block(RouteType::v4)->start());
+   }
+   // Single entries inside the double-size region take their pair.
+   const bool sharedPairs = supportsDefipPairing() && blkFull.isValid() && g != 0;
+
    // IPv4: both halves of an entry hold one length; a route never stands in the left half alone
    // unless two routes share entries; the half-full tracking names exactly the half-full entries.
    const TcamBlock& blk4 = *block(RouteType::v4);
@@ -133,6 +153,9 @@ void L3TcamManagerContext::verify() const {
       }
       verifyPlacement(RouteType::v4, blk4, pos, len);
       claim(expected, pos, "IPv4 entry");
+      if (sharedPairs && pos >= blkFull.start() && pos <= blkFull.end()) {
+         expectedPair.setBit(physicalToPair(pos));
+      }
       ++entries4;
       routes4 += uint32_t(hasLeft) + uint32_t(hasRight);
       perLen4[len] += uint32_t(hasLeft) + uint32_t(hasRight);
@@ -156,6 +179,14 @@ void L3TcamManagerContext::verify() const {
    }
    VEXLO_ASSERT_MSG(tracked == v4_->halfFullSize(), "verify: half-full count", tracked, " vs ",
                     v4_->halfFullSize());
+   // Placements that kept out of the swap reserve leave it whole.
+   if (swapReserveKept_) {
+      const uint32_t v4Free = entriesFree(RouteType::v4);
+      const size_t v4HalfUsed = v4_->halfFullSize();
+      const uint32_t v4Swap = swapAreaSize(RouteType::v4);
+      VEXLO_ASSERT_MSG((v4Free + v4HalfUsed) >= v4Swap, "( v4Free + v4HalfUsed ) >= v4Swap",
+                       "v4Free ", v4Free, " v4HalfUsed ", v4HalfUsed, " v4Swap ", v4Swap);
+   }
 
    // IPv6: the border decides the size; a double-size route stands on the first entry of a pair.
    uint32_t routesHalf = 0, routesFull = 0;
@@ -170,6 +201,8 @@ void L3TcamManagerContext::verify() const {
          verifyPlacement(RouteType::v6Full, *block(RouteType::v6Full), pair, key.len());
          claim(expected, pos, "double-size IPv6 route");
          claim(expected, pos + g, "partner of a double-size IPv6 route");
+         VEXLO_ASSERT_MSG(!expectedPair.isBitSet(pair), "verify: one claim per pair",
+                          "double-size IPv6 route at ", pos, " shares its pair");
          claim(expectedPair, pair, "double-size IPv6 pair");
          ++routesFull;
       } else {
@@ -192,6 +225,28 @@ void L3TcamManagerContext::verify() const {
                     ", expected ", expected.count());
    VEXLO_ASSERT_MSG(*bitmapPair_ == expectedPair, "verify: bitmapPair", "used pairs ",
                     bitmapPair_->count(), ", expected ", expectedPair.count());
+}
+
+uint32_t L3TcamManagerContext::verifyRoute4(const Ipv4UcastKey& key) const {
+   const uint32_t pos = v4_->getEntryId(key);
+   if (pos == 0) return 0;
+   v4_->verifyEntry(key, pos);
+   const Ipv4Keys k = v4_->keys(pos);
+   const bool right = v4_->rightKey(key, pos);
+   VEXLO_ASSERT_MSG((right ? k.right : k.left) == key, "verifyRoute4: key in its half", "key ", key,
+                    " pos ", pos, " keys ", k);
+   const Ipv4UcastKey& other = right ? k.left : k.right;
+   VEXLO_ASSERT_MSG(other.isNull() || other.len() == key.len(),
+                    "verifyRoute4: halves of one length", "key ", key, " pos ", pos, " keys ", k);
+   const TcamBlock& blk = *block(RouteType::v4);
+   VEXLO_ASSERT_MSG(bitmap_->isBitSet(pos) && blk.bitmap()->isBitSet(pos),
+                    "verifyRoute4: entry marked used", "key ", key, " pos ", pos);
+   VEXLO_ASSERT_MSG(blk.lengthRange(key.len()).contains(pos), "verifyRoute4: inside its range",
+                    "key ", key, " pos ", pos, " range ", blk.lengthRange(key.len()));
+   // A half-full entry of a two-route table is tracked (or waits for a merge with the tracked one).
+   VEXLO_ASSERT_MSG(!twoV4RoutesPerEntry() || !other.isNull() || v4_->halfFull(key.len()) != 0,
+                    "verifyRoute4: half-full tracked", "key ", key, " pos ", pos);
+   return pos;
 }
 
 }  // namespace VexloL3Common

@@ -561,7 +561,12 @@ void TcamEmulator::applyMove(const RoutePosition& p) {
       matches = from.kind == EntryKind::mcast;
    }
    if (!matches) return fail(fmt::format("the source holds {}", from));
-   if (from.kind == EntryKind::v6DoubleFirst && !posValid(dst, true)) {
+   // An IPv6 route takes the size of the region it lands in when the writer knows the regions.
+   TcamEntry to = from;
+   if (p.type == EntryType::v6 && doubleSizeAt_) {
+      to.kind = doubleSizeAt_(dst) ? EntryKind::v6DoubleFirst : EntryKind::v6Single;
+   }
+   if (to.kind == EntryKind::v6DoubleFirst && !posValid(dst, true)) {
       return fail("the destination's partner lies outside the table");
    }
    // A stale copy means the model and the hardware disagree about where a route lives.
@@ -578,12 +583,15 @@ void TcamEmulator::applyMove(const RoutePosition& p) {
    });
    if (!stale.empty()) return fail(fmt::format("the source holds a stale copy:{}", stale));
 
-   store(dst, from);
-   const uint32_t dstRank = rankOf(dst, from.kind);
+   store(dst, to);
+   const uint32_t dstRank = rankOf(dst, to.kind);
    visitKeys(from, src, size(), [&](const auto& k, uint32_t) {
       auto& idx = index_->of(k);
       if (auto* s = idx.find(k); s && s->homeRank == srcRank) idx.homeIs(*s, dstRank);
    });
+   // The contents now belong at the destination: the source is invalidated, so that a route
+   // moved out of an entry that nothing reuses cannot outlive its deletion there.
+   if (entries_[src] == from) vacate(src);
    ++moves_;
    afterChange();
 }

@@ -4,6 +4,7 @@
 // Synopsis
 //   TcamEmulator emu(size, pairGap);       entries 1 .. size-1 (index 0 is never a route's)
 //   emu.attach(move, moveStatus, merge, mergeStatus);   carry out what the model publishes
+//   emu.doubleSizeAtIs(f)                  which IPv6 entries are double-size (for conversions)
 //   emu.detach();
 //   emu.writeV4(pos, keys), writeV6(pos, key, doubleSize), writeMcast(pos, key), clear(pos)
 //   emu.lookup4(vrf, addr), lookup6(vrf, bytes), lookupMcast(vrfIndex, tableId, group, source)
@@ -21,10 +22,13 @@
 // before any single-size one, each in ascending index. Two IPv4 halves are tried right first.
 //
 // Writer role. For each published move the destination is overwritten with the source's contents
-// (both entries of a double-size pair) and the source is left as it is: until it is overwritten it
-// holds a stale copy, which matches the same packets as the live one and so does no harm. A merge
-// copies the route in one half of the source into the empty half of the destination and also
-// leaves the source alone. Then the value is copied into the status record, inside the
+// (both entries of a double-size pair) and then the source is emptied: the route is never absent,
+// and an entry that the model frees by moving its route away (a conversion, a border move) holds
+// no copy that could outlive the route's deletion. An IPv6 route keeps its size unless the writer
+// was told which entries are double-size (doubleSizeAtIs): then it takes the size of the region
+// it lands in, as a route converted between the two IPv6 sizes does. A merge copies the route in
+// one half of the source into the empty half of the destination and leaves the source alone (the
+// agent rewrites it). Then the value is copied into the status record, inside the
 // publication, which is what the model asserts right after publishing. A move or merge whose
 // source does not hold what it claims, whose destination half is not free, or that starts from a
 // stale copy (the routes there live elsewhere) is a writer error: it is recorded and not carried
@@ -152,6 +156,9 @@ class TcamEmulator {
    // Carry out a move or merge as if it had been published (the status records are not touched).
    void applyMove(const RoutePosition& p);
    void applyMerge(const RouteMergeInfo& m);
+   // The layout as the writer knows it: whether an IPv6 entry at pos is double-size. Unset, a
+   // moved IPv6 route keeps its size.
+   void doubleSizeAtIs(std::function<bool(uint32_t pos)> f) { doubleSizeAt_ = std::move(f); }
    // false: moves and merges are carried out but never copied into the status records.
    void acknowledgesIs(bool on) { acknowledges_ = on; }
    bool acknowledges() const { return acknowledges_; }
@@ -228,6 +235,7 @@ class TcamEmulator {
    RouteMerge* mergeStatus_ = nullptr;
    Ulo::Subscription moveSub_;
    Ulo::Subscription mergeSub_;
+   std::function<bool(uint32_t)> doubleSizeAt_;
    bool acknowledges_ = true;
    bool checkEveryMove_ = true;
    OnError onError_ = OnError::fatal;

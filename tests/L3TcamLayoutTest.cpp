@@ -254,10 +254,6 @@ TEST(TcamLayout, InitialisationHappensOnce) {
 }
 
 TEST(TcamLayout, UnsupportedConfigurationsAreRefused) {
-   auto c = unicast(1024, 2, 8);
-   c.supportsDefipPairing = true;
-   c.dynamicV4V6Boundary = true;
-   EXPECT_THROW(l3TcamManagerContextFactory(c), std::range_error);
    auto z = unicast(1024, 2, 0);
    EXPECT_THROW(l3TcamManagerContextFactory(z), std::range_error);
    // Mode 2 on a table of two blocks would give IPv6 four blocks.

@@ -45,6 +45,9 @@ Ipv4Keys right(const Ipv4UcastKey& k) {
 uint32_t a4(const char* addr) {
    return Ulo::IpGenAddr::fromString(addr).v4Addr();
 }
+Ulo::IpGenAddr::Bytes a6(const char* addr) {
+   return Ulo::IpGenAddr::fromString(addr).bytes();
+}
 RoutePosition mv(uint32_t from, uint32_t to, bool v4 = true, EntryType t = EntryType::v4Right) {
    return RoutePosition{1, from, to, v4, t};
 }
@@ -89,7 +92,7 @@ class TcamEmulatorWriter : public ::testing::Test {
 
 // ---- writer role ----------------------------------------------------------------------------
 
-TEST_F(TcamEmulatorWriter, MoveCopiesTheEntryKeepsTheSourceAndAcknowledges) {
+TEST_F(TcamEmulatorWriter, MoveCopiesTheEntryEmptiesTheSourceAndAcknowledges) {
    const Ipv4Keys keys(k4("10.1.0.0/16"), k4("10.2.0.0/16"));
    emu.writeV4(5, keys);
    emu.writeV6(3, k6("2001:db8::1/128"), true);
@@ -98,21 +101,32 @@ TEST_F(TcamEmulatorWriter, MoveCopiesTheEntryKeepsTheSourceAndAcknowledges) {
    RoutePosition p = publish(5, 9, true, EntryType::v4Both);
    EXPECT_EQ(moveStatus.pos(), p);
    EXPECT_EQ(emu.entry(9).v4, keys);
-   EXPECT_EQ(emu.entry(5).v4, keys) << "the source is only free to be overwritten";
+   EXPECT_EQ(emu.entry(5).kind, EntryKind::empty) << "the source is invalidated";
    EXPECT_EQ(emu.home(k4("10.2.0.0/16")), 9u);
    publish(4, 12, false, EntryType::mcastV4);
    EXPECT_EQ(emu.entry(12).mcast, kmc("239.1.1.1", "10.0.0.1", 64));
 
-   // A double-size entry takes its partner along; the stale pair stays until a write breaks it.
+   // A double-size entry takes its partner along and frees both of its old entries.
    publish(3, 6, false, EntryType::v6);
    EXPECT_EQ(emu.entry(22).kind, EntryKind::v6DoubleSecond);
    EXPECT_EQ(emu.entry(22).v6, k6("2001:db8::1/128"));
-   EXPECT_EQ(emu.entry(19).kind, EntryKind::v6DoubleSecond) << "the stale pair stays";
-   emu.writeV4(19, right(k4("10.0.0.0/8")));
    EXPECT_EQ(emu.entry(3).kind, EntryKind::empty);
+   EXPECT_EQ(emu.entry(19).kind, EntryKind::empty);
    EXPECT_THAT(emu.checkAll(), IsEmpty());
    EXPECT_EQ(emu.home(k6("2001:db8::1/128")), 6u);
-   EXPECT_EQ(emu.moves(), 3u);
+
+   // Told the layout, the writer gives a moved IPv6 route the size of its new region.
+   emu.doubleSizeAtIs([](uint32_t pos) { return pos < 16; });
+   emu.writeV6(40, k6("2001:db8:1::/48"), false);
+   publish(40, 2, false, EntryType::v6);
+   EXPECT_EQ(emu.entry(2).kind, EntryKind::v6DoubleFirst);
+   EXPECT_EQ(emu.entry(18).kind, EntryKind::v6DoubleSecond);
+   publish(6, 44, false, EntryType::v6);
+   EXPECT_EQ(emu.entry(44).kind, EntryKind::v6Single);
+   EXPECT_EQ(emu.entry(22).kind, EntryKind::empty);
+   EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::1"))->pos, 44u);
+   EXPECT_THAT(emu.checkAll(), IsEmpty());
+   EXPECT_EQ(emu.moves(), 5u);
    EXPECT_EQ(emu.installedRoutes(), 5u);
 }
 
@@ -135,7 +149,7 @@ TEST_F(TcamEmulatorWriter, MoveThatDoesNotMatchItsSourceIsRejectedButAcknowledge
        {0, 30, true, EntryType::v4Right, "outside the table"},
        {5, 64, true, EntryType::v4Right, "outside the table"},
        {8, 50, false, EntryType::v6, "partner lies outside"},  // 50 + 16 is past 63
-       {10, 30, true, EntryType::v4Right, "stale copy: 10.2.0.0/16(vrf1) lives at entry 12"},
+       {10, 30, true, EntryType::v4Right, "holds empty"},      // already moved on
    };
    uint64_t errors = 0;
    for (const auto& [from, to, v4, type, why] : cases) {
@@ -221,7 +235,7 @@ TEST(TcamEmulatorWrites, RoutesLeaveTheInstalledSetOnlyWhenTheirEntryIsRewritten
    EXPECT_EQ(emu.home(k4("10.1.0.0/16")), 0u);
 
    emu.applyMove(mv(5, 9));
-   emu.writeV4(5, right(k4("10.2.1.0/24")));  // a new route over the stale copy
+   emu.writeV4(5, right(k4("10.2.1.0/24")));  // a new route where it was
    EXPECT_EQ(emu.home(k4("10.2.0.0/16")), 9u);
 
    emu.writeV4(20, right(k4("10.3.0.0/16")));
@@ -281,7 +295,6 @@ TEST(TcamEmulatorLookup, FirstMatchInSearchOrderWithinItsVrfAndTable) {
    EXPECT_FALSE(hit->right);
 
    // IPv6: every double-size entry before any single-size one.
-   const auto a6 = [](const char* addr) { return Ulo::IpGenAddr::fromString(addr).bytes(); };
    emu.writeV6(3, k6("2001:db8::/48"), false);
    emu.writeV6(30, k6("2001:db8::1/128"), true);
    EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::1"))->pos, 30u);
@@ -328,8 +341,11 @@ TEST(TcamEmulatorCheck, ShorterCoveringPrefixFirstIsReportedByBothChecks) {
          "entry 6",
          "route 10.1.1.0/24(vrf1) first held at entry 10 is shadowed by shorter 10.0.0.0/8(vrf1) "
          "at entry 6"}},
-       {"a stale copy shadows too: the /16 moved on to 15, a /24 written between its copies",
-        {v4At(3, "10.1.0.0/16"), [](TcamEmulator& e) { e.applyMove(mv(3, 15)); },
+       {"a stale copy shadows too: the /16 merged on to 15, a /24 written between its copies",
+        {v4At(3, "10.1.0.0/16"), v4At(15, "10.9.0.0/16"),
+         [](TcamEmulator& e) {
+            e.applyMerge(RouteMergeInfo{1, 3, EntryType::v4Right, 15, EntryType::v4Left});
+         },
          v4At(10, "10.1.1.0/24")},
         {"route 10.1.1.0/24(vrf1) first held at entry 10 is shadowed by shorter 10.1.0.0/16(vrf1) "
          "at entry 3"}},
@@ -400,13 +416,11 @@ TEST(TcamEmulatorCheck, InsertShiftsPassAfterEveryMove) {
    shift({{12, 5}, {22, 12}, {32, 22}}, 32, "10.0.0.0/12", "10.9.0.1");
 }
 
-TEST(TcamEmulatorCheck, ShiftInTheWrongOrderIsCaughtWhenTheStaleCopyGoes) {
+TEST(TcamEmulatorCheck, ShiftInTheWrongOrderIsCaughtAtTheMove) {
    TcamEmulator emu(64, 16);
    writeNested(emu);
    emu.onErrorIs(OnError::record);
-   emu.applyMove(mv(30, 42));  // past the /8s; its stale copy at 30 still matches first
-   EXPECT_EQ(emu.errorCount(), 0u);
-   emu.applyMove(mv(20, 30));
+   emu.applyMove(mv(30, 42));  // past the /8s
    EXPECT_THAT(emu.errors(), ElementsAre("route 10.1.0.0/16(vrf1) first held at entry 42 is "
                                          "shadowed by shorter 10.0.0.0/8(vrf1) at entry 40"));
 }
