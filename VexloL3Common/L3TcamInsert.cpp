@@ -404,6 +404,16 @@ RouteReturnCode L3TcamManagerContext::addRoute4(const Ipv4UcastKey& key, bool us
                        ", halfFull: ", halfFullEntry);
    } else {
       entry = addRoute(RouteType::v4, key, Ipv6UcastKey(), IpMcastPrefixKey(), useSwapArea);
+      if (entry == 0 && dynamicV4V6Boundary() && v4V6Border_ != 0) {
+         TRACE(th, 2, "Route allocation failed, attempting to expand v4 partition");
+         // The IPv4 partition lies above the border: growing it lowers the border.
+         const uint32_t step = reallocationStep();
+         if (reallocate(v4V6Border_ > step ? v4V6Border_ - step : 0, useSwapArea)) {
+            entry = addRoute(RouteType::v4, key, Ipv6UcastKey(), IpMcastPrefixKey(), useSwapArea);
+         } else {
+            TRACE(th, 2, "Reallocation failed");
+         }
+      }
       if (entry != 0) {
          const Ipv4Keys k = v4_->keys(entry);
          TRACE(th, 2, "addRoute4", " right: ", k.right, " left: ", k.left);

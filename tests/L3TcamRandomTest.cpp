@@ -239,16 +239,24 @@ TEST(TcamRandom, MulticastAddsAndDeletes) {
    EXPECT_GT(h.moves(), 0u);
 }
 
-// IPv6 routes of one size mixed with IPv4 routes in the same table.
-void runIpv6BesideIpv4(const L3TcamManagerContext::Config& cfg, RouteType type, uint64_t seed,
-                       uint64_t ops) {
+// IPv6 routes mixed with IPv4 routes in the same table, IPv6 going through the conversion ladder
+// (and, where the border moves, the partition reallocation).
+struct Ipv6Run {
+   uint64_t refused = 0, v6Placed = 0, moves6 = 0, v4MovesCounted = 0, reallocations = 0;
+   uint32_t minBorder = ~0u, maxBorder = 0;
+};
+
+Ipv6Run runIpv6BesideIpv4(const L3TcamManagerContext::Config& cfg, bool urpf, uint32_t maxLen,
+                          uint64_t seed, uint64_t ops,
+                          const std::function<void(TcamHarness&)>& setUp = {}) {
    std::mt19937_64 rng(seed);
-   TcamHarness h(cfg);
-   const uint32_t maxLen = type == RouteType::v6Full ? 128 : 64;
+   TcamHarness h(cfg, urpf);
+   if (setUp) setUp(h);
    std::vector<Ipv6UcastKey> pool6;
    std::unordered_set<Ipv6UcastKey> seen;
-   while (pool6.size() < 600) {
-      uint32_t len = rng() % 2 ? 48 : uint32_t(rng() % (maxLen + 1));
+   while (pool6.size() < 1500) {
+      const uint32_t r = uint32_t(rng() % 4);
+      uint32_t len = r == 0 ? 48 : r == 1 ? std::min(maxLen, 128u) : uint32_t(rng() % (maxLen + 1));
       Ulo::Ip6Prefix::Bytes b{};
       for (auto& x : b)
          x = uint8_t(rng() % 4);  // few distinct values: plenty of nesting
@@ -259,28 +267,41 @@ void runIpv6BesideIpv4(const L3TcamManagerContext::Config& cfg, RouteType type, 
    }
    std::vector<Ipv4UcastKey> pool4 = makePool(rng, 1200);
    Present present6, present4;
+   Ipv6Run run;
+   // A fill goes on until both families were refused, so that each region fills up.
    bool filling = true;
-   uint64_t refused = 0, refusedAtFill = 0;
+   uint64_t refused4 = 0, refused6 = 0;
    for (uint64_t op = 0; op < ops; ++op) {
       SCOPED_TRACE(::testing::Message() << "seed " << seed << " op " << op);
       const size_t routes = present6.items.size() + present4.items.size();
-      if (filling && refused > refusedAtFill + 20) filling = false;
+      if (filling && refused4 > 10 && refused6 > 10) filling = false;
       if (!filling && routes < 60) {
          filling = true;
-         refusedAtFill = refused;
+         refused4 = refused6 = 0;
       }
-      const bool v6 = rng() % 2 == 0;
+      // Phases that favour one family, then one IPv6 size, make the partitions and the two
+      // regions trade space back and forth.
+      const uint64_t phase = (op / 700) % 3;
+      const bool v6 = rng() % 100 < (phase ? 70 : 30);
       Present& present = v6 ? present6 : present4;
       const size_t poolSize = v6 ? pool6.size() : pool4.size();
-      if (present.items.empty() || (filling ? rng() % 100 < 85 : rng() % 100 < 15)) {
+      const bool room = present.items.size() < poolSize;
+      if (present.items.empty() || (room && (filling ? rng() % 100 < 85 : rng() % 100 < 15))) {
          size_t i = rng() % poolSize;
+         for (int tries = 0; v6 && tries < 8 && (pool6[i].len() > 64) != (phase == 2); ++tries)
+            i = rng() % poolSize;
          while (present.has(i))
             i = (i + 1) % poolSize;
-         const bool ok = v6 ? h.add6(type, pool6[i]) != 0 : h.add4(pool4[i]).routeId != 0;
-         if (ok)
+         const bool useSwap = rng() % 8 == 0;
+         const bool ok =
+             v6 ? h.add6(pool6[i], useSwap).routeId != 0 : h.add4(pool4[i], useSwap).routeId != 0;
+         if (ok) {
             present.add(i);
-         else
-            ++refused;
+            run.v6Placed += v6;
+         } else {
+            ++run.refused;
+            ++(v6 ? refused6 : refused4);
+         }
       } else {
          size_t i = present.items[rng() % present.items.size()];
          if (v6)
@@ -289,11 +310,19 @@ void runIpv6BesideIpv4(const L3TcamManagerContext::Config& cfg, RouteType type, 
             h.del4(pool4[i], true, op);
          present.remove(i);
       }
-      if (::testing::Test::HasFatalFailure()) return;
+      if (::testing::Test::HasFatalFailure()) return run;
+      run.minBorder = std::min(run.minBorder, h.ctx().v4V6Border());
+      run.maxBorder = std::max(run.maxBorder, h.ctx().v4V6Border());
+      if (op % 997 == 0) h.check(true);
    }
    h.check(true);
-   EXPECT_GT(refused, 0u);
-   EXPECT_EQ(h.ctx().entries(type), present6.items.size());
+   EXPECT_GT(run.refused, 0u);
+   EXPECT_EQ(h.ctx().v6()->keyToEntryIdSize(), present6.items.size());
+   EXPECT_EQ(h.emu().installedRoutes(), present6.items.size() + present4.items.size());
+   const TcamStats& st = *h.ctx().stats();
+   run.moves6 = st.moveRoute(RouteType::v6Half) + st.moveRoute(RouteType::v6Full);
+   run.reallocations = st.reallocation();
+   return run;
 }
 
 TEST(TcamRandom, Ipv6BesideIpv4) {
@@ -302,14 +331,40 @@ TEST(TcamRandom, Ipv6BesideIpv4) {
    const uint64_t seed = envNumber("VEXLO_RANDOM_SEED", 1) + 200;
    auto paired = layout(1024, 2, 8, true);
    paired.supportsDefipPairing = true;
+   auto shared = layout(1024, 2, 8, true);
+   shared.supportsDefipPairing = true;
+   shared.v4V6InterleavingDisabled = false;
+   shared.requestedTableMode = 9;  // no swap area: the regions fill up for real
+   auto moving = paired;
+   moving.dynamicV4V6Boundary = true;
+   moving.pairGap = 32;  // the border moves 128 entries at a time
    try {
       {
          SCOPED_TRACE("double size, fixed pairing border");
-         runIpv6BesideIpv4(paired, RouteType::v6Full, seed, ops);
+         runIpv6BesideIpv4(paired, false, 128, seed, ops);
       }
       {
          SCOPED_TRACE("single size, separate layout");
-         runIpv6BesideIpv4(layout(1024, 2, 8, true), RouteType::v6Half, seed + 1, ops);
+         runIpv6BesideIpv4(layout(1024, 2, 8, true), false, 64, seed + 1, ops);
+      }
+      {
+         SCOPED_TRACE("both sizes, IPv4 in both regions: conversions");
+         Ipv6Run r = runIpv6BesideIpv4(shared, false, 128, seed + 2, ops,
+                                       [](TcamHarness& h) { h.shareRegions(512); });
+         EXPECT_GT(r.moves6, 0u);
+      }
+      for (bool urpf : {false, true}) {
+         SCOPED_TRACE(urpf ? "moving border, uRPF" : "moving border");
+         auto cfg = moving;
+         if (urpf) cfg.tcamSize = 2048;
+         Ipv6Run r = runIpv6BesideIpv4(cfg, urpf, 128, seed + 3 + urpf, ops, [&](TcamHarness& h) {
+            if (urpf) {
+               ASSERT_EQ(h.ctx().effectiveSize(), 1024u);
+            }
+         });
+         // The border moved up and came down again under load.
+         EXPECT_GT(r.reallocations, 1u);
+         EXPECT_GT(r.maxBorder, r.minBorder);
       }
    } catch (const Ulo::AssertionFailure& f) {
       FAIL() << f.what();

@@ -44,6 +44,33 @@ class TcamHarness {
       const uint32_t gap = ctx_->lpmPairGap() < cfg.tcamSize ? ctx_->lpmPairGap() : 0;
       emu_ = std::make_unique<sim::TcamEmulator>(cfg.tcamSize, gap);
       emu_->attach(*move_, *moveStatus_, *merge_, *mergeStatus_);
+      // The writer knows the regions: a route converted to the other size is written so.
+      L3TcamManagerContext* ctx = ctx_.get();
+      emu_->doubleSizeAtIs([ctx](uint32_t pos) { return isDouble(*ctx, pos); });
+   }
+
+   static bool isDouble(const L3TcamManagerContext& ctx, uint32_t pos) {
+      return ctx.supportsDefipPairing() && ctx.v6()->v6RouteTypeFromPos(pos) == RouteType::v6Full;
+   }
+
+   // Reshapes a paired table with interleaving allowed into separate single- and double-size
+   // IPv6 regions split at `border`, the IPv4 block spanning both: IPv4 entries may then stand in
+   // either region and the conversion ladder has work to do. Call on an empty table.
+   void shareRegions(uint32_t border) {
+      L3TcamManagerContext& c = *ctx_;
+      const uint32_t eff = c.effectiveSize();
+      auto half = std::make_shared<TcamBlock>(0, 64);
+      half->startIs(border);
+      half->endIs(eff - 1);
+      half->bitmapIs(0, eff, false);
+      auto full = std::make_shared<TcamBlock>(64, 128);
+      full->startIs(1);
+      full->endIs(border - 1);
+      full->bitmapIs(0, eff / 2, false);
+      c.block(RouteType::v4)->startIs(1);
+      c.blockIs(RouteType::v6Half, half);
+      c.blockIs(RouteType::v6Full, full);
+      c.v6()->tcamBorderIs(border);
    }
 
    L3TcamManagerContext& ctx() { return *ctx_; }
@@ -81,6 +108,14 @@ class TcamHarness {
       }
       check();
       return pos;
+   }
+
+   // Through the conversion ladder, as an agent adds an IPv6 route.
+   RouteReturnCode add6(const Ipv6UcastKey& key, bool useSwapArea = false) {
+      RouteReturnCode rc = ctx_->addRoute6(key, useSwapArea);
+      if (rc.routeId) emu_->writeV6(rc.routeId, key, isDouble(*ctx_, rc.routeId));
+      check();
+      return rc;
    }
 
    RouteReturnCode del6(const Ipv6UcastKey& key) {

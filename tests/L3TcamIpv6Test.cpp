@@ -1,0 +1,306 @@
+// The IPv6 conversion ladder and the moving IPv4/IPv6 border, on the emulator-backed harness:
+// after every operation the model verifies itself and the emulator has checked every move.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "TcamFixture.h"
+#include "platform/Trace.h"
+
+using namespace VexloL3Common;
+using namespace VexloL3Common::testing;
+
+namespace {
+
+// 256 entries, blocks of 32 (so pairs (p, p + 32)), no swap area: every entry can be used.
+L3TcamManagerContext::Config sharedCfg() {
+   auto c = layout(256, 2, 8, false);
+   c.supportsDefipPairing = true;
+   c.v4V6InterleavingDisabled = false;
+   c.requestedTableMode = 9;
+   return c;
+}
+
+// A shared table: double-size region [1, 127], single-size region [128, 255], IPv4 over both.
+struct Shared : TcamHarness {
+   explicit Shared(uint32_t fullMin = 64) : TcamHarness(sharedCfg()) {
+      shareRegions(128);
+      auto full = std::make_shared<TcamBlock>(fullMin, 128);
+      full->startIs(1);
+      full->endIs(127);
+      full->bitmapIs(0, 128, false);
+      ctx().blockIs(RouteType::v6Full, full);
+   }
+
+   // Fills every free entry with IPv4 /24s (one per entry); the keys in entry order.
+   std::vector<Ipv4UcastKey> fillV4() {
+      std::vector<Ipv4UcastKey> keys;
+      for (uint32_t i = 0;; ++i) {
+         Ipv4UcastKey k = k4(1, fmt::format("10.{}.{}.0/24", i / 256, i % 256).c_str());
+         if (add4(k).routeId == 0) break;
+         keys.push_back(k);
+      }
+      return keys;
+   }
+   // Deletes the IPv4 routes whose entries lie in [first, last].
+   void clearV4(const std::vector<Ipv4UcastKey>& keys, uint32_t first, uint32_t last) {
+      for (const Ipv4UcastKey& k : keys) {
+         const uint32_t pos = ctx().v4()->getEntryId(k);
+         if (pos >= first && pos <= last) del4(k);
+      }
+   }
+   uint32_t v4In(uint32_t first, uint32_t last) {
+      return ctx().block(RouteType::v4)->bitmap()->count(first, last);
+   }
+};
+
+Ipv6UcastKey k6n(uint32_t i, uint32_t len) {
+   Ulo::Ip6Prefix::Bytes b{};
+   b[0] = 0x20;
+   b[1] = 0x01;
+   b[4] = uint8_t(i >> 8);
+   b[5] = uint8_t(i);
+   if (len > 64) b[15] = uint8_t(i);  // host part differs too, within the prefix
+   for (uint32_t bit = len; bit < 128; ++bit)
+      b[bit / 8] &= uint8_t(~(0x80u >> (bit % 8)));
+   return Ipv6UcastKey(VrfId(1), Ulo::Ip6Prefix(b, uint8_t(len)));
+}
+
+}  // namespace
+
+TEST(TcamIpv6, ShortRouteWithRoomTakesASingleEntryWithoutConversion) {
+   Shared h;
+   const auto rc = h.add6(k6(1, "2001:db8::/48"));
+   EXPECT_GE(rc.routeId, 128u);
+   EXPECT_EQ(h.moves(), 0u);
+   EXPECT_EQ(h.ctx().v6RouteTypeFromKey(k6(1, "2001:db8::/48")), RouteType::v6Half);
+   EXPECT_EQ(h.ctx().stats()->maskLengthsIpv6(48), 1u);
+   const auto hit = h.emu().lookup6(VrfId(1), Ulo::IpGenAddr::fromString("2001:db8::1").bytes());
+   ASSERT_TRUE(hit);
+   EXPECT_FALSE(hit->doubleSize);
+}
+
+TEST(TcamIpv6, FullSingleRegionMovesOneIpv4EntryIntoTheDoubleRegion) {
+   Shared h;
+   auto keys = h.fillV4();
+   h.clearV4(keys, 1, 127);
+   ASSERT_EQ(h.v4In(1, 127), 0u);
+   const uint32_t above = h.v4In(128, 255);
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 3);
+   const auto rc = h.add6(k6(1, "2001:db8::/48"));
+   ASSERT_NE(rc.routeId, 0u);
+   EXPECT_GE(rc.routeId, 128u);
+   EXPECT_EQ(h.v4In(1, 127), 1u);
+   EXPECT_EQ(h.v4In(128, 255), above - 1);
+   EXPECT_TRUE(cap.contains("Try moving an IPv4 entry to the full size block"));
+   EXPECT_TRUE(cap.contains("convertV4Entry, source: /64 block, destination: /128 block"));
+   EXPECT_TRUE(cap.contains("EntryId IPv4: " + std::to_string(rc.routeId)))
+       << "the freed entry is the one the route takes";
+   EXPECT_EQ(h.ctx().stats()->moveRoute(RouteType::v4), h.emu().moves());
+   h.check(true);
+}
+
+TEST(TcamIpv6, FullDoubleRegionMovesTwoIpv4EntriesOutAndFreesAPair) {
+   Shared h(65);  // no double-size route of /64 or less: IPv4 entries make way
+   auto keys = h.fillV4();
+   h.clearV4(keys, 128, 255);
+   const uint32_t below = h.v4In(1, 127);
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 3);
+   const auto rc = h.add6(k6(1, "2001:db8::1:0/112"));
+   ASSERT_NE(rc.routeId, 0u);
+   EXPECT_LT(rc.routeId, 128u);
+   EXPECT_TRUE(cap.contains("Try moving another IPv4 entry in the half size block"));
+   // Two conversions, and unless they freed partners, one more IPv4 entry made way for the pair.
+   const uint32_t moved = below - h.v4In(1, 127);
+   EXPECT_TRUE(moved == 2 || (moved == 3 && cap.contains("freeV6PairEntry")));
+   const auto hit = h.emu().lookup6(VrfId(1), Ulo::IpGenAddr::fromString("2001:db8::1:5").bytes());
+   ASSERT_TRUE(hit);
+   EXPECT_TRUE(hit->doubleSize);
+   EXPECT_EQ(hit->pos, rc.routeId);
+   h.check(true);
+}
+
+TEST(TcamIpv6, LongestSingleRouteMovesToADoublePairForAShorterOne) {
+   Shared h;
+   for (uint32_t i = 0; h.ctx().entriesFree(RouteType::v6Half) > 0; ++i)
+      ASSERT_NE(h.add6(k6n(i, 64)).routeId, 0u);
+   const uint32_t doubleBefore = h.ctx().entries(RouteType::v6Full);
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 3, 3);
+   const auto rc = h.add6(k6(1, "2001:db8::/48"));
+   ASSERT_NE(rc.routeId, 0u);
+   EXPECT_GE(rc.routeId, 128u);
+   EXPECT_TRUE(cap.contains("Move entry of prefix 64 to full size block"));
+   EXPECT_TRUE(cap.contains("Now insert the new entry in the half size block"));
+   EXPECT_EQ(h.ctx().entries(RouteType::v6Full), doubleBefore + 1);
+   // The conversion and the shift that made the /48 its place, all published.
+   const TcamStats& st = *h.ctx().stats();
+   EXPECT_GE(st.moveRoute(RouteType::v6Half), 1u);
+   EXPECT_EQ(h.emu().moves(), st.moveRoute(RouteType::v6Half) + st.moveRoute(RouteType::v6Full));
+   // The /64 that moved is written double-size where it went.
+   uint32_t doubles = 0;
+   h.emu().forEachEntry([&](uint32_t, const sim::TcamEntry& e) {
+      doubles += e.kind == sim::EntryKind::v6DoubleFirst && e.v6.len() == 64;
+   });
+   EXPECT_EQ(doubles, h.ctx().entries(RouteType::v6Full));
+}
+
+TEST(TcamIpv6, FullDoubleRegionSendsItsShortestRouteToASingleEntry) {
+   Shared h;
+   // Singles until their region is full; the next /64 goes double.
+   uint32_t i = 0;
+   while (h.ctx().entries(RouteType::v6Full) == 0)
+      ASSERT_NE(h.add6(k6n(i++, 64)).routeId, 0u);
+   const Ipv6UcastKey wentDouble = k6n(i - 1, 64);
+   while (h.add6(k6n(1000 + i, 100)).routeId != 0)
+      ++i;
+   for (uint32_t j = 0; j < 8; ++j)
+      h.del6(k6n(j, 64));  // room among the singles
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 3, 3);
+   while (h.add6(k6n(1000 + i, 100)).routeId != 0)
+      ++i;
+   EXPECT_TRUE(cap.contains("Try moving a full size entry in the half size block"));
+   EXPECT_EQ(h.ctx().v6RouteTypeFromKey(wentDouble), RouteType::v6Half);
+   EXPECT_EQ(h.ctx().block(RouteType::v6Full)->lengthRangeGet(64), std::nullopt);
+   EXPECT_EQ(h.ctx().stats()->moveRoute(RouteType::v6Full), 1u);
+   h.check(true);
+}
+
+TEST(TcamIpv6, FailedLadderChangesNothing) {
+   Shared h;
+   h.fillV4();
+   const std::string before = snapshot(h.ctx());
+   EXPECT_EQ(h.add6(k6(1, "2001:db8::/48")).routeId, 0u);
+   EXPECT_EQ(h.add6(k6(1, "2001:db8::1/128")).routeId, 0u);
+   EXPECT_EQ(snapshot(h.ctx()), before);
+}
+
+TEST(TcamIpv6, WithoutPairingAFullSingleBlockEndsTheLadder) {
+   auto c = layout(256, 2, 8, false);
+   c.requestedTableMode = 9;
+   TcamHarness h(c);
+   uint32_t i = 0;
+   while (h.add6(k6n(i, 48)).routeId != 0)
+      ++i;
+   EXPECT_EQ(i, 128u) << "the single-size block [128, 255]";
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 3, 3);
+   const std::string before = snapshot(h.ctx());
+   EXPECT_EQ(h.add6(k6n(999, 32)).routeId, 0u);
+   EXPECT_TRUE(cap.contains(" No space left in /64 block. returning"));
+   EXPECT_EQ(snapshot(h.ctx()), before);
+   EXPECT_EQ(failureOf([&] { h.ctx().addRoute6(k6n(998, 100), false); }), "supportsDefipPairing()");
+}
+
+TEST(TcamIpv6, DuplicateIsFatalUnlessReAddIsAllowed) {
+   Shared h;
+   const auto first = h.add6(k6(1, "2001:db8::/48"));
+   EXPECT_EQ(failureOf([&] { h.ctx().addRoute6(k6(1, "2001:db8::/48"), false); }), "0");
+   auto c = sharedCfg();
+   c.reAddAllowed = true;
+   TcamHarness again(c);
+   const auto rc = again.add6(k6(1, "2001:db8::/48"));
+   EXPECT_EQ(again.ctx().addRoute6(k6(1, "2001:db8::/48"), false).routeId, rc.routeId);
+   EXPECT_EQ(again.ctx().stats()->maskLengthsIpv6(48), 1u);
+   EXPECT_NE(first.routeId, 0u);
+}
+
+// ---- the moving border --------------------------------------------------------------------
+
+namespace {
+
+// 512 entries, pair gap 16: the border moves 64 entries at a time; no swap area.
+L3TcamManagerContext::Config movingCfg() {
+   auto c = layout(512, 2, 8, false);
+   c.supportsDefipPairing = true;
+   c.dynamicV4V6Boundary = true;
+   c.pairGap = 16;
+   c.requestedTableMode = 9;
+   return c;
+}
+
+}  // namespace
+
+TEST(TcamBorder, FirstIpv6RouteGrowsThePartitionOnceAndMovesIpv4EntriesAbove) {
+   TcamHarness h(movingCfg());
+   EXPECT_EQ(h.ctx().v4V6Border(), 0u);
+   EXPECT_FALSE(h.ctx().block(RouteType::v6Full)->isValid());
+   std::vector<Ipv4UcastKey> keys;
+   for (uint32_t i = 0; i < 150; ++i) {
+      keys.push_back(k4(1, fmt::format("10.{}.{}.0/24", i / 256, i % 256).c_str()));
+      ASSERT_NE(h.add4(keys.back()).routeId, 0u);
+      keys.push_back(k4(1, fmt::format("11.{}.{}.1/32", i / 256, i % 256).c_str()));
+      ASSERT_NE(h.add4(keys.back()).routeId, 0u);
+   }
+   const uint32_t inRegion = h.ctx().block(RouteType::v4)->bitmap()->count(1, 63);
+   ASSERT_GT(inRegion, 0u);
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 3, 3);
+   const auto rc = h.add6(k6(1, "2001:db8::/48"));
+   ASSERT_NE(rc.routeId, 0u);
+   EXPECT_LT(rc.routeId, 64u);
+   EXPECT_EQ(h.ctx().v4V6Border(), 64u);
+   EXPECT_EQ(h.ctx().v6()->tcamBorder(), 64u);
+   EXPECT_EQ(h.ctx().block(RouteType::v4)->start(), 64u);
+   EXPECT_EQ(h.ctx().stats()->reallocation(), 1u);
+   uint32_t asked = 0;
+   for (const std::string& t : cap.texts())
+      asked += t == "Route allocation failed, attempting to expand v6 partition";
+   EXPECT_EQ(asked, 1u);
+   EXPECT_GE(h.ctx().stats()->moveRoute(RouteType::v4), inRegion);
+   h.check(true);
+   for (const Ipv4UcastKey& k : keys)
+      EXPECT_EQ(h.ctx().verifyRoute4(k), h.emu().home(k));
+}
+
+TEST(TcamBorder, FullIpv4PartitionLowersTheBorderByMovingPairsDown) {
+   TcamHarness h(movingCfg());
+   for (uint32_t i = 0; i < 20; ++i)
+      ASSERT_NE(h.add6(k6n(i, 100)).routeId, 0u);
+   ASSERT_EQ(h.ctx().v4V6Border(), 64u);
+   ASSERT_TRUE(h.ctx().reallocate(192, false));  // room to give back
+   for (uint32_t i = 20; i < 60; ++i)
+      ASSERT_NE(h.add6(k6n(i, 100)).routeId, 0u);
+   for (uint32_t i = 0; i < 40; ++i)
+      h.del6(k6n(i, 100));
+   uint32_t added = 0;
+   while (h.ctx().v4V6Border() == 192) {
+      ASSERT_NE(
+          h.add4(k4(1, fmt::format("10.{}.{}.0/24", added / 256, added % 256).c_str())).routeId,
+          0u);
+      ++added;
+   }
+   EXPECT_EQ(h.ctx().v4V6Border(), 128u);
+   EXPECT_EQ(h.ctx().stats()->reallocation(), 3u);
+   h.check(true);
+   for (uint32_t i = 40; i < 60; ++i)
+      EXPECT_LT(h.ctx().v6()->getEntryId(k6n(i, 100)), 128u);
+}
+
+TEST(TcamBorder, RefusedReallocationChangesNothing) {
+   TcamHarness h(movingCfg());
+   for (uint32_t i = 0; i < 40; ++i)
+      ASSERT_NE(h.add6(k6n(i, 100)).routeId, 0u);
+   ASSERT_EQ(h.ctx().v4V6Border(), 128u);
+   const std::string before = snapshot(h.ctx());
+   EXPECT_FALSE(h.ctx().reallocate(64, false)) << "40 pairs do not fit below 64";
+   EXPECT_FALSE(h.ctx().reallocate(150, false)) << "not a whole number of double banks";
+   EXPECT_FALSE(h.ctx().reallocate(512, false)) << "no IPv4 block left";
+   EXPECT_FALSE(h.ctx().reallocate(128, false));
+   EXPECT_EQ(snapshot(h.ctx()), before);
+   // A fixed layout has no border to move.
+   auto fixed = layout(512, 2, 8, false);
+   fixed.supportsDefipPairing = true;
+   TcamHarness f(fixed);
+   EXPECT_FALSE(f.ctx().reallocate(128, false));
+}
+
+TEST(TcamBorder, IpsGrowUntilTheTableIsFullThenTheLadderFailsSoftly) {
+   TcamHarness h(movingCfg());
+   uint32_t i = 0;
+   while (h.add6(k6n(i, 100)).routeId != 0)
+      ++i;
+   // Up to the last border below 512 that leaves IPv4 a block: 448, pairs 1..223 minus reserved.
+   EXPECT_EQ(h.ctx().v4V6Border(), 448u);
+   EXPECT_EQ(h.ctx().stats()->reallocation(), 7u);
+   const std::string before = snapshot(h.ctx());
+   EXPECT_EQ(h.add6(k6n(9999, 100)).routeId, 0u);
+   EXPECT_EQ(snapshot(h.ctx()), before);
+}
