@@ -118,7 +118,8 @@ bool L3TcamManagerContext::reallocate(uint32_t newBorder, bool useSwapArea) {
          room = pairFirst - 1 - bitmapPair_->count(1, pairFirst - 1);
          freeEntries = (newBorder - 1) - bitmap_->count(1, newBorder - 1);
       }
-      const uint32_t reserve = useSwapArea ? 0 : swapAreaSize(RouteType::v6Full);
+      // With no partition left there is no reserve to keep in it.
+      const uint32_t reserve = useSwapArea || newBorder == 0 ? 0 : swapAreaSize(RouteType::v6Full);
       TRACE(th, 7, "reallocate: ", routes, " pairs to move, ", room, " free pairs below, ", reserve,
             " reserved");
       if (room < routes || freeEntries - 2 * routes < reserve) {
