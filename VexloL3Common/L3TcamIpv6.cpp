@@ -25,6 +25,12 @@ bool usable(const Ulo::Ptr<TcamBlock>& blk) {
    return blk && blk->isValid();
 }
 
+// A single-size block laid out from index 0 (an interleaved table without pairing) is usable from
+// entry 1: index 0 is always reserved.
+bool usableHalf(const Ulo::Ptr<TcamBlock>& blk) {
+   return blk && blk->end() != 0;
+}
+
 }  // namespace
 
 RouteReturnCode L3TcamManagerContext::addRoute6(const Ipv6UcastKey& key, bool useSwapArea) {
@@ -72,7 +78,7 @@ RouteReturnCode L3TcamManagerContext::addRoute6Internal(const Ipv6UcastKey& key,
    };
 
    bool doubleSize = false;  // skip to the double-size placement for the new route
-   if (usable(half) && len <= half->prefixLenMax() && (fullMin == -1 || fullMin >= len)) {
+   if (usableHalf(half) && len <= half->prefixLenMax() && (fullMin == -1 || fullMin >= len)) {
       // Single size first.
       if (const uint32_t entry = addHalf()) {
          TRACE(th, 7, "EntryId: ", entry);
@@ -122,7 +128,7 @@ RouteReturnCode L3TcamManagerContext::addRoute6Internal(const Ipv6UcastKey& key,
       } else {
          TRACE(th, 3, "Try moving a full size entry in the half size block");
          const uint32_t shortest = uint32_t(fullMin);
-         const bool possible = usable(half) && full->lengthRange(shortest).start() != 0;
+         const bool possible = usableHalf(half) && full->lengthRange(shortest).start() != 0;
          if (!possible || convertV6Entry(RouteType::v6Half, shortest, useSwapArea) == 0) {
             return rc;
          }

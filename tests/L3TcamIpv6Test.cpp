@@ -188,6 +188,10 @@ TEST(TcamIpv6, WithoutPairingAFullSingleBlockEndsTheLadder) {
    EXPECT_TRUE(cap.contains(" No space left in /64 block. returning"));
    EXPECT_EQ(snapshot(h.ctx()), before);
    EXPECT_EQ(failureOf([&] { h.ctx().addRoute6(k6n(998, 100), false); }), "supportsDefipPairing()");
+   // Interleaved, the single-size block is laid out from index 0 and used from entry 1.
+   c.v4V6InterleavingDisabled = false;
+   TcamHarness mixed(c);
+   EXPECT_NE(mixed.add6(k6n(1, 48)).routeId, 0u);
 }
 
 TEST(TcamIpv6, DuplicateIsFatalUnlessReAddIsAllowed) {
