@@ -32,6 +32,16 @@ bool L3TcamManagerContext::swapRegionFull(RouteType t) const {
       }
       return false;
    }
+   if (borderMoves()) {
+      // The two partitions never share an entry: each keeps its own reserve, and a full one
+      // grows by moving the border instead of blocking the other.
+      const uint32_t free = entriesFree(t);
+      const uint32_t swap = swapAreaSize(t);
+      TRACE(th, 7, " free: ", free, "/", swap);
+      if (free > swap) return false;
+      TRACE(th, 7, t == RouteType::v4 ? " v4 no space" : " v6 no space");
+      return true;
+   }
    const uint32_t v4Free = entriesFree(RouteType::v4);
    const size_t v4HalfUsed = v4_ ? v4_->halfFullSize() : 0;
    uint32_t v4Swap = swapAreaSize(RouteType::v4);
@@ -114,11 +124,15 @@ void L3TcamManagerContext::markPair(uint32_t physical) {
       return;
    }
    // Reserved and invalid pairs stay taken whatever their entries hold.
-   if (pair == 0) return;
+   if (!pairReserved(pair)) bitmapPair_->clearBit(pair);
+}
+
+bool L3TcamManagerContext::pairReserved(uint32_t pair) const {
+   if (pair == 0) return true;
    for (const InvalidEntryRange& r : invalidEntryManager_->invalidEntryRangePair()) {
-      if (r.start <= pair && pair <= r.end) return;
+      if (r.start <= pair && pair <= r.end) return true;
    }
-   bitmapPair_->clearBit(pair);
+   return false;
 }
 
 void L3TcamManagerContext::buildHalfFullCache() {

@@ -200,7 +200,10 @@ uint32_t L3TcamManagerContext::addRoute(RouteType t, const Ipv4UcastKey& key4,
                                                 ? bitmap_->findFirstClear(freeEntry + 1, lastEntry)
                                                 : npos) {
          const uint32_t partner = (freeEntry / g) % 2 ? freeEntry - g : freeEntry + g;
-         if (partner < v4Used.size() && v4Used.isBitSet(partner)) break;
+         if (partner < v4Used.size() && v4Used.isBitSet(partner) &&
+             !pairReserved(physicalToPair(freeEntry))) {
+            break;
+         }
       }
       if (freeEntry == npos) {
          TRACE(th, level, "Full tcam table");

@@ -97,6 +97,7 @@ RouteReturnCode L3TcamManagerContext::addRoute6Internal(const Ipv6UcastKey& key,
          // With the swap area open the entry just freed must be usable.
          VEXLO_ASSERT_MSG(!useSwapArea, "entryId", "key: ", key, ", freed: ", freed);
       }
+      // With no single-size route to make way, the new route takes a double-size pair.
       if (halfMax == TcamBlock::none || len >= halfMax) {
          TRACE(th, 3, "Try inserting entry in full size block");
          doubleSize = true;
@@ -223,15 +224,16 @@ bool L3TcamManagerContext::convertV6Range(uint32_t prefixLen, const IndexRange& 
    return true;
 }
 
-void L3TcamManagerContext::freeV6PairEntry(uint32_t entryId, bool useSwapArea) {
+// The IPv4 entry moves within its own block and takes no entry from any reserve, so the swap-area
+// flag has nothing to decide here.
+void L3TcamManagerContext::freeV6PairEntry(uint32_t entryId, bool /*useSwapArea*/) {
    const uint32_t g = lpmPairGap_;
    const uint32_t pairedEntry = (entryId / g) % 2 ? entryId - g : entryId + g;
    VEXLO_ASSERT_MSG(!bitmap_->isBitSet(entryId), "!bitmap()->isBitSet( entryId )",
                     "entryId: ", entryId);
    VEXLO_ASSERT_MSG(bitmap_->isBitSet(pairedEntry), "bitmap()->isBitSet( pairedEntry )",
                     "pairedEntry: ", pairedEntry);
-   TRACE(th, 3, "freeV6PairEntry", ", entryId: ", entryId, ", paired: ", pairedEntry,
-         ", useSwapArea: ", useSwapArea);
+   TRACE(th, 3, "freeV6PairEntry", ", entryId: ", entryId, ", paired: ", pairedEntry);
    const Ipv4Keys k = v4_->keys(pairedEntry);
    const bool nullRight = k.right.isNull(), nullLeft = k.left.isNull();
    VEXLO_ASSERT_MSG(!nullRight || !nullLeft, "!nullRight || !nullLeft",

@@ -311,6 +311,17 @@ bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
    bitmapPair_->setBit(0);
    numReservedEntriesInBitmapPairInc(1);
    invalidEntryManager_->allocateInvalidEntriesPair(urpf, bitmapPair_);
+   // A pair is only as usable as both of its entries: a reserved or invalid entry takes its pair.
+   if (supportsDefipPairing() && lpmPairGap_ != 0) {
+      for (uint32_t b = bitmap_->findFirstSet(0, effective - 1); b != HBitmap::npos;
+           b = b + 1 < effective ? bitmap_->findFirstSet(b + 1, effective - 1) : HBitmap::npos) {
+         const uint32_t pair = physicalToPair(b);
+         if (pair < bitmapPair_->size() && !bitmapPair_->isBitSet(pair)) {
+            bitmapPair_->setBit(pair);
+            numReservedEntriesInBitmapPairInc(1);
+         }
+      }
+   }
 
    VEXLO_ASSERT(v6_, "v6()");
    // Where the border moves, every IPv6 route is double-size and lies below it.

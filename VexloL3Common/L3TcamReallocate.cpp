@@ -122,7 +122,7 @@ bool L3TcamManagerContext::reallocate(uint32_t newBorder, bool useSwapArea) {
       const uint32_t reserve = useSwapArea || newBorder == 0 ? 0 : swapAreaSize(RouteType::v6Full);
       TRACE(th, 7, "reallocate: ", routes, " pairs to move, ", room, " free pairs below, ", reserve,
             " reserved");
-      if (room < routes || freeEntries - 2 * routes < reserve) {
+      if (room < routes || freeEntries < 2 * routes || freeEntries - 2 * routes < reserve) {
          TRACE(th, 2, "reallocate: no room for the IPv6 pairs");
          return false;
       }

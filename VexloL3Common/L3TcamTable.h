@@ -321,6 +321,8 @@ class L3TcamManagerContext {
    // Sets or clears the pair bit of a physical entry of the double-size region from the
    // occupancy of the pair's two entries.
    void markPair(uint32_t physical);
+   // Pair 0 and the pairs the invalid-entry manager set aside.
+   bool pairReserved(uint32_t pair) const;
    // Publishes an IPv6 route's move to another block (counted by the caller under sourceType).
    void publishMove(RouteType sourceType, uint32_t oldPos, uint32_t newPos);
 

@@ -73,6 +73,14 @@ void L3TcamManagerContext::verify() const {
             expectedPair.setBit(i);
          }
       }
+      // A reserved or invalid entry takes its pair.
+      if (supportsDefipPairing() && g != 0) {
+         for (uint32_t b = expected.findFirstSet(0, expected.size() - 1); b != HBitmap::npos;
+              b = b + 1 < expected.size() ? expected.findFirstSet(b + 1, expected.size() - 1)
+                                          : HBitmap::npos) {
+            if (physicalToPair(b) < expectedPair.size()) expectedPair.setBit(physicalToPair(b));
+         }
+      }
    }
 
    for (RouteType t : allRouteTypes) {

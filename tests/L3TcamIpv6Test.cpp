@@ -308,3 +308,90 @@ TEST(TcamBorder, IpsGrowUntilTheTableIsFullThenTheLadderFailsSoftly) {
    EXPECT_EQ(h.add6(k6n(9999, 100)).routeId, 0u);
    EXPECT_EQ(snapshot(h.ctx()), before);
 }
+
+// A reserve kept by one partition never blocks the other: the two share no entry. (A full IPv6
+// partition used to turn IPv4 away with hundreds of IPv4 entries free, and a border grown for an
+// IPv6 route could leave the route refused.)
+TEST(TcamBorder, EachPartitionKeepsOnlyItsOwnReserve) {
+   auto c = movingCfg();
+   c.requestedTableMode = c.currentTableMode;  // swap area of 32 on every region
+   TcamHarness h(c);
+   ASSERT_NE(h.add4(k4(1, "10.0.0.0/24")).routeId, 0u);
+   for (uint32_t i = 0; i < 15; ++i)
+      ASSERT_NE(h.add6(k6n(i, 100)).routeId, 0u);
+   ASSERT_EQ(h.ctx().entriesFree(RouteType::v6Full), h.ctx().swapAreaSize(RouteType::v6Full));
+   EXPECT_NE(h.add4(k4(1, "10.0.1.0/24")).routeId, 0u);
+
+   TcamHarness g(c);
+   for (uint32_t i = 0; i < 100; ++i)
+      ASSERT_NE(g.add4(k4(1, fmt::format("11.0.{}.1/32", i).c_str())).routeId, 0u);
+   for (uint32_t i = 0; i < 314; ++i)
+      ASSERT_NE(g.add4(k4(1, fmt::format("10.{}.{}.0/24", i / 256, i % 256).c_str())).routeId, 0u);
+   EXPECT_NE(g.add6(k6n(1, 100)).routeId, 0u) << "the border grew for it";
+   EXPECT_EQ(g.ctx().stats()->reallocation(), 1u);
+}
+
+namespace {
+
+// Invalid entries or invalid pairs, as a platform declares them.
+struct Invalid : LpmInvalidEntryManager {
+   uint32_t entry = 0, pair = 0;
+   void allocateInvalidEntries(bool, const Ulo::Ptr<HBitmap>& bm) override {
+      if (!entry) return;
+      bm->setBit(entry);
+      invalidEntryRangeIs({entry, entry});
+      numInvalidEntriesBitmapInc(1);
+   }
+   void allocateInvalidEntriesPair(bool, const Ulo::Ptr<HBitmap>& bm) override {
+      if (!pair) return;
+      bm->setBit(pair);
+      invalidEntryRangePairIs({pair, pair});
+      numInvalidEntriesBitmapPairInc(1);
+   }
+};
+
+std::function<void(L3TcamManagerContext&)> invalid(uint32_t entry, uint32_t pair) {
+   return [=](L3TcamManagerContext& ctx) {
+      auto m = std::make_shared<Invalid>();
+      m->entry = entry;
+      m->pair = pair;
+      ctx.invalidEntryManagerIs(m);
+   };
+}
+
+}  // namespace
+
+TEST(TcamIpv6, InvalidEntriesAndPairsNeverHoldADoubleSizeRoute) {
+   // An invalid pair whose free entry has an IPv4 partner is passed over; another pair is freed.
+   auto c = sharedCfg();
+   c.invalidEntryManagerType = 1;
+   TcamHarness h(c, false, invalid(0, 5));
+   h.shareRegions(128);
+   std::vector<Ipv4UcastKey> keys;
+   for (uint32_t i = 0;; ++i) {
+      keys.push_back(k4(1, fmt::format("10.{}.{}.0/24", i / 256, i % 256).c_str()));
+      if (h.add4(keys.back()).routeId == 0) break;
+   }
+   for (const Ipv4UcastKey& k : keys) {
+      const uint32_t pos = h.ctx().v4()->getEntryId(k);
+      if (pos == 5 || pos == 100 || (pos >= 200 && pos < 204)) h.del4(k);
+   }
+   const uint32_t pos = h.add6(k6n(7, 100)).routeId;
+   EXPECT_NE(pos, 0u);
+   EXPECT_NE(h.ctx().physicalToPair(pos), 5u);
+
+   // An invalid entry takes its pair, on every pairing layout.
+   auto fixed = layout(512, 2, 8, false);
+   fixed.supportsDefipPairing = true;
+   fixed.requestedTableMode = 9;
+   fixed.invalidEntryManagerType = 1;
+   auto moving = movingCfg();
+   moving.invalidEntryManagerType = 1;
+   for (const auto& cfg : {fixed, moving}) {
+      TcamHarness t(cfg, false, invalid(5, 0));
+      EXPECT_TRUE(t.ctx().bitmapPair()->isBitSet(5));
+      for (uint32_t i = 0; i < 300; ++i)
+         t.add6(k6n(i, 100));  // verified after each
+      EXPECT_GT(t.ctx().entries(RouteType::v6Full), 100u);
+   }
+}

@@ -301,6 +301,14 @@ Ipv6Run runIpv6BesideIpv4(const L3TcamManagerContext::Config& cfg, bool urpf, ui
          } else {
             ++run.refused;
             ++(v6 ? refused6 : refused4);
+            // Where the border moves, a route is refused only when its own partition is at its
+            // reserve and could not grow (wholly full for IPv6 with the reserve open to it; a free
+            // left half of IPv4 is refused at the reserve whatever the caller allows).
+            if (h.ctx().borderMoves()) {
+               const RouteType t = v6 ? RouteType::v6Full : RouteType::v4;
+               EXPECT_LE(h.ctx().entriesFree(t), v6 && useSwap ? 0u : h.ctx().swapAreaSize(t))
+                   << (v6 ? "IPv6" : "IPv4") << " refused with room in its partition";
+            }
          }
       } else {
          size_t i = present.items[rng() % present.items.size()];

@@ -26,7 +26,10 @@ inline L3TcamManagerContext::Config layout(uint32_t size, uint32_t mode, uint8_t
 
 class TcamHarness {
  public:
-   explicit TcamHarness(L3TcamManagerContext::Config cfg, bool urpf = false)
+   // beforeInit runs between construction and initialisation (a platform installing its own
+   // invalid-entry manager).
+   explicit TcamHarness(L3TcamManagerContext::Config cfg, bool urpf = false,
+                        const std::function<void(L3TcamManagerContext&)>& beforeInit = {})
        : move_(routeMoveFactory()),
          moveStatus_(routeMoveFactory()),
          merge_(routeMergeFactory()),
@@ -39,6 +42,7 @@ class TcamHarness {
       cfg.routeMerge = merge_;
       cfg.routeMergeStatus = mergeStatus_;
       ctx_ = l3TcamManagerContextFactory(cfg);
+      if (beforeInit) beforeInit(*ctx_);
       ctx_->handleInitialized(true);
       // A gap that reaches past the table pairs nothing.
       const uint32_t gap = ctx_->lpmPairGap() < cfg.tcamSize ? ctx_->lpmPairGap() : 0;
