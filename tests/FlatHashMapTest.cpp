@@ -60,10 +60,7 @@ TEST(FlatHashMapTest, RandomOperationsMatchUnorderedMap) {
          } else {
             const std::string* v = map.find(key);
             auto it = ref.find(key);
-            ASSERT_EQ(v != nullptr, it != ref.end());
-            if (v) {
-               ASSERT_EQ(*v, it->second);
-            }
+            ASSERT_EQ(v ? *v : "absent", it != ref.end() ? it->second : "absent");
          }
          ASSERT_EQ(map.size(), ref.size());
          if (step % 97 == 0) {
@@ -80,9 +77,8 @@ TEST(FlatHashMapTest, RandomOperationsMatchUnorderedMap) {
 std::vector<uint64_t> keysWithHome(const FlatHashMap<uint64_t, int>& map, size_t home, size_t n,
                                    uint64_t& next) {
    std::vector<uint64_t> out;
-   while (out.size() < n) {
+   for (; out.size() < n; ++next) {
       if (map.homeSlot(next) == home) out.push_back(next);
-      ++next;
    }
    return out;
 }
@@ -97,38 +93,35 @@ TEST(FlatHashMapTest, BackwardShiftCrossesTheWrapAround) {
    uint64_t next = 1;
    const auto at14 = keysWithHome(map, 14, 2, next);
    const auto at15 = keysWithHome(map, 15, 2, next);
-   const auto at0 = keysWithHome(map, 0, 1, next);
+   const uint64_t a = at14[0], b = at14[1], c = at15[0], d = at15[1];
+   const uint64_t e = keysWithHome(map, 0, 1, next)[0];
+   const auto slots = [&](std::vector<uint64_t> keys) {
+      std::vector<size_t> out;
+      for (uint64_t k : keys)
+         out.push_back(map.slotOf(k));
+      return out;
+   };
+   using Slots = std::vector<size_t>;
    // Slots: 14:a 15:b 0:c 1:d 2:e (a, b home 14; c, d home 15; e home 0).
-   for (uint64_t k : {at14[0], at14[1], at15[0], at15[1], at0[0]})
+   for (uint64_t k : {a, b, c, d, e})
       map.tryEmplace(k, int(k));
-   ASSERT_EQ(map.slotOf(at14[1]), 15u);
-   ASSERT_EQ(map.slotOf(at15[0]), 0u);
-   ASSERT_EQ(map.slotOf(at15[1]), 1u);
-   ASSERT_EQ(map.slotOf(at0[0]), 2u);
-
-   ASSERT_TRUE(map.erase(at14[0]));
+   ASSERT_EQ(slots({b, c, d, e}), (Slots{15, 0, 1, 2}));
+   ASSERT_TRUE(map.erase(a));
    EXPECT_TRUE(map.valid());
-   EXPECT_EQ(map.slotOf(at14[1]), 14u);
-   EXPECT_EQ(map.slotOf(at15[0]), 15u);  // back across the end
-   EXPECT_EQ(map.slotOf(at15[1]), 0u);
-   EXPECT_EQ(map.slotOf(at0[0]), 1u);
-
+   EXPECT_EQ(slots({b, c, d, e}), (Slots{14, 15, 0, 1})) << "c back across the end";
    // Erasing the entry at slot 15 pulls d (home 15) back to 15; e (home 0) may move to 0 only.
-   ASSERT_TRUE(map.erase(at15[0]));
+   ASSERT_TRUE(map.erase(c));
    EXPECT_TRUE(map.valid());
-   EXPECT_EQ(map.slotOf(at15[1]), 15u);
-   EXPECT_EQ(map.slotOf(at0[0]), 0u);
-
+   EXPECT_EQ(slots({d, e}), (Slots{15, 0}));
    // Erasing slot 14 may not pull d or e in front of their homes.
-   ASSERT_TRUE(map.erase(at14[1]));
+   ASSERT_TRUE(map.erase(b));
    EXPECT_TRUE(map.valid());
-   EXPECT_EQ(map.slotOf(at15[1]), 15u);
-   EXPECT_EQ(map.slotOf(at0[0]), 0u);
-   for (uint64_t k : {at15[1], at0[0]}) {
+   EXPECT_EQ(slots({d, e}), (Slots{15, 0}));
+   for (uint64_t k : {d, e}) {
       ASSERT_NE(map.find(k), nullptr);
       EXPECT_EQ(*map.find(k), int(k));
    }
-   EXPECT_EQ(map.find(at14[0]), nullptr);
+   EXPECT_EQ(map.find(a), nullptr);
    EXPECT_EQ(map.size(), 2u);
 }
 

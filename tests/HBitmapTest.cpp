@@ -43,15 +43,6 @@ struct FlatBitmap {
    }
 };
 
-TEST(HBitmapTest, EmptyMapFindsNothingAndCountsZero) {
-   for (const HBitmap& bm : {HBitmap(), HBitmap(0, true)}) {
-      EXPECT_EQ(bm.count() + bm.count(0, npos), 0u);
-      EXPECT_EQ((std::vector{bm.findFirstSet(0, npos), bm.findLastSet(0, npos),
-                             bm.findFirstClear(0, npos), bm.findLastClear(0, npos)}),
-                std::vector<uint32_t>(4, npos));
-   }
-}
-
 // In a map where every bit has its initial state, flip the first and the last bit and find
 // them from both directions; the searches for the initial state must stay inside the map.
 // Sizes at the word (64), level-1 (4096) and level-2 (262144) edges.
@@ -93,28 +84,29 @@ TEST(HBitmapTest, InitialStateAndSearchesAtTheVeryEnds) {
 
 TEST(HBitmapTest, RangesAreInclusiveClampedAndEmptyWhenInverted) {
    HBitmap bm(100);
-   for (uint32_t pos : {10u, 50u, 99u, 99u}) {
+   for (uint32_t pos : {10u, 50u, 99u, 99u})
       bm.setBit(pos);  // setting a set bit changes nothing
-   }
    bm.clearBit(11);
    EXPECT_EQ(bm.count(), 3u);
-   EXPECT_EQ(bm.findFirstSet(10, 10), 10u);
-   EXPECT_EQ(bm.findFirstSet(11, 50), 50u);
-   EXPECT_EQ(bm.findLastSet(11, 49), npos);
-   EXPECT_EQ(bm.findFirstSet(51, 1000), 99u);
-   EXPECT_EQ(bm.findFirstClear(99, npos), npos);
-   EXPECT_EQ(bm.findLastClear(11, 50), 49u);
-   EXPECT_EQ(bm.count(10, 50), 2u);
-   EXPECT_EQ(bm.count(11, 49), 0u);
-   EXPECT_EQ(bm.count(99, 99), 1u);
-   // start > end, before and after clamping
-   EXPECT_EQ(bm.findFirstSet(50, 10), npos);
-   EXPECT_EQ(bm.findLastSet(50, 10), npos);
-   EXPECT_EQ(bm.findFirstClear(50, 49), npos);
-   EXPECT_EQ(bm.findLastClear(50, 49), npos);
-   EXPECT_EQ(bm.count(50, 10), 0u);
-   EXPECT_EQ(bm.findLastSet(100, npos), npos);
-   EXPECT_EQ(bm.count(100, npos), 0u);
+   // findFirstSet, findLastSet, findFirstClear, findLastClear and count over each range; the
+   // ranges past the end are clamped, the inverted ones (before and after clamping) are empty.
+   const struct {
+      uint32_t start, end, firstSet, lastSet, firstClear, lastClear, count;
+   } cases[] = {
+       {10, 10, 10, 10, npos, npos, 1},        {11, 50, 50, 50, 11, 49, 1},
+       {11, 49, npos, npos, 11, 49, 0},        {51, 1000, 99, 99, 51, 98, 1},
+       {99, npos, 99, 99, npos, npos, 1},      {10, 50, 10, 50, 11, 49, 2},
+       {50, 10, npos, npos, npos, npos, 0},    {50, 49, npos, npos, npos, npos, 0},
+       {100, npos, npos, npos, npos, npos, 0},
+   };
+   for (const auto& c : cases) {
+      SCOPED_TRACE(fmt::format("range {}..{}", c.start, c.end));
+      EXPECT_EQ(bm.findFirstSet(c.start, c.end), c.firstSet);
+      EXPECT_EQ(bm.findLastSet(c.start, c.end), c.lastSet);
+      EXPECT_EQ(bm.findFirstClear(c.start, c.end), c.firstClear);
+      EXPECT_EQ(bm.findLastClear(c.start, c.end), c.lastClear);
+      EXPECT_EQ(bm.count(c.start, c.end), c.count);
+   }
 }
 
 // A single free entry deep inside a long used run (and the reverse) is found from both
@@ -147,11 +139,9 @@ TEST(HBitmapTest, LoneBitInsideALongRunIsFoundFromBothSides) {
 }
 
 TEST(HBitmapTest, EqualityComparesSizeAndBitsOnly) {
-   HBitmap cleared(4097, true);
-   HBitmap set(4097, false);
-   for (uint32_t pos = 0; pos < 4097; ++pos) {
+   HBitmap cleared(4097, true), set(4097, false);
+   for (uint32_t pos = 0; pos < 4097; ++pos)
       pos % 3 == 0 ? cleared.clearBit(pos) : set.setBit(pos);
-   }
    EXPECT_TRUE(cleared == set);
    set.clearBit(4096);
    EXPECT_FALSE(cleared == set);
@@ -159,7 +149,15 @@ TEST(HBitmapTest, EqualityComparesSizeAndBitsOnly) {
    EXPECT_TRUE(HBitmap(0) == HBitmap(0, true));
 }
 
-TEST(HBitmapTest, PositionOutsideTheMapIsFatalAndChangesNothing) {
+// An empty map finds nothing and counts zero; a position outside any map is fatal and changes
+// nothing.
+TEST(HBitmapTest, EmptyMapFindsNothingAndPositionOutsideTheMapIsFatal) {
+   for (const HBitmap& bm : {HBitmap(), HBitmap(0, true)}) {
+      EXPECT_EQ(bm.count() + bm.count(0, npos), 0u);
+      EXPECT_EQ((std::vector{bm.findFirstSet(0, npos), bm.findLastSet(0, npos),
+                             bm.findFirstClear(0, npos), bm.findLastClear(0, npos)}),
+                std::vector<uint32_t>(4, npos));
+   }
    Ulo::ScopedThrowingAssertHandler guard;
    const auto failure = [](auto&& op) -> std::string {
       try {

@@ -1,6 +1,5 @@
 // The TCAM mappings: IPv4 half-full pairing, moves and merges with their publication handshake,
-// IPv6 and multicast bookkeeping, and a seeded random IPv4 sequence checked against a reference
-// model after every step. Placement through the context, end to end, is tested by the
+// and IPv6 and multicast bookkeeping. Placement through the context, end to end, is tested by the
 // L3TcamInsert, L3TcamDelete and L3TcamRandom tests.
 
 #include "VexloL3Common/L3TcamMapping.h"
@@ -75,6 +74,11 @@ class PublishFixture : public ::testing::Test {
 
 class MappingV4Test : public PublishFixture {
  protected:
+   // Entry 5 full: a right, b left.
+   void fill5() {
+      m.insertFirstEntry(a, 5);
+      m.insertSecondEntry(b, 0, true, false);
+   }
    MappingV4 m{true, stats, move, moveStatus, merge, mergeStatus};
    const Ipv4UcastKey a = k4(1, "10.1.0.0/24");
    const Ipv4UcastKey b = k4(2, "10.2.0.0/24");
@@ -144,8 +148,7 @@ TEST_F(MappingV4Test, InsertEntryNamesTheHalfAndTracksOnlyWhenAsked) {
 // ---- removal -----------------------------------------------------------------------------
 
 TEST_F(MappingV4Test, DeletingRightOfFullEntryMakesItTheTrackedHalfFull) {
-   m.insertFirstEntry(a, 5);
-   m.insertSecondEntry(b, 0, true, false);
+   fill5();
    m.insertFirstEntry(c, 9);  // tracked
    {
       Ulo::ScopedTraceCapture cap(kTrace, 4, 4);
@@ -162,8 +165,7 @@ TEST_F(MappingV4Test, DeletingRightOfFullEntryMakesItTheTrackedHalfFull) {
 }
 
 TEST_F(MappingV4Test, DeletingLastRouteEmptiesEntryAndTracking) {
-   m.insertFirstEntry(a, 5);
-   m.insertSecondEntry(b, 0, true, false);
+   fill5();
    expectAssertion([&] { m.deleteEntry(a, 5, false); }, "k.left() == key",
                    "k.left(): 10.2.0.0/24(vrf2), key: 10.1.0.0/24(vrf1)");
    expectAssertion([&] { m.deleteEntry(c, 5, true); }, "k.right() == key");
@@ -177,11 +179,10 @@ TEST_F(MappingV4Test, DeletingLastRouteEmptiesEntryAndTracking) {
    EXPECT_EQ(m.keys(5), Ipv4Keys());
    EXPECT_EQ(m.keysSize() + m.keyToEntryIdSize() + m.halfFullSize(), 0u);
    // deleteEntries gives up a whole entry and its tracking.
-   m.insertFirstEntry(a, 5);
-   m.insertSecondEntry(b, 0, true, false);
+   fill5();
    m.insertFirstEntry(c, 9);
-   m.deleteEntries(5);
-   m.deleteEntries(9);
+   for (uint32_t pos : {5u, 9u})
+      m.deleteEntries(pos);
    EXPECT_EQ(m.keysSize() + m.keyToEntryIdSize() + m.halfFullSize(), 0u);
 }
 
@@ -215,8 +216,7 @@ TEST_F(MappingV4Test, KeyRecordsCountPerPositionAndAllowTwoPositions) {
 // ---- moves and merges --------------------------------------------------------------------
 
 TEST_F(MappingV4Test, MovePublishesWhichHalvesMovedAndAWriterMustAcknowledge) {
-   m.insertFirstEntry(a, 5);
-   m.insertSecondEntry(b, 0, true, false);
+   fill5();
    m.moveEntry(24, 20, 5, true);
    EXPECT_EQ(moves.back(), (RoutePosition{1, 5, 20, true, EntryType::v4Both}));
    EXPECT_EQ(m.keys(20), Ipv4Keys(b, a));
@@ -234,8 +234,7 @@ TEST_F(MappingV4Test, MovePublishesWhichHalvesMovedAndAWriterMustAcknowledge) {
 // from its right half, and 9 (no longer tracked) holds c in its right half. The writer does not
 // acknowledge, which fails the merge once its records are done.
 TEST_F(MappingV4Test, MergeFillsTheFreeHalfAndPublishesBothHalves) {
-   m.insertFirstEntry(a, 5);
-   m.insertSecondEntry(b, 0, true, false);
+   fill5();
    m.insertEntry(c, 9, true, true);  // tracked for now
    m.deleteEntry(a, 5, true);        // 5 takes the tracking over
    writerCopies = false;

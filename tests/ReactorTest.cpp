@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -7,7 +8,7 @@
 
 using namespace Ulo;
 
-TEST(Notifier, CallsSubscribersInOrderUntilTheyUnsubscribe) {
+TEST(Notifier, CallsSubscribersInOrderUntilTheyUnsubscribeOrTheNotifierGoes) {
    Notifier<int, std::string> changed;
    std::vector<std::string> calls;
    Subscription a = changed.subscribe(
@@ -23,6 +24,15 @@ TEST(Notifier, CallsSubscribersInOrderUntilTheyUnsubscribe) {
    changed.notify(3, "z");
    EXPECT_EQ(calls.size(), 3u);
    EXPECT_EQ(changed.subscribers(), 0u);
+
+   Subscription s;  // outliving its notifier is harmless
+   {
+      Notifier<int> n;
+      s = n.subscribe([](int) {});
+      EXPECT_TRUE(s.active());
+   }
+   EXPECT_FALSE(s.active());
+   s.reset();
 }
 
 TEST(Notifier, SubscribersMayChangeTheListWhileNotified) {
@@ -40,15 +50,18 @@ TEST(Notifier, SubscribersMayChangeTheListWhileNotified) {
    EXPECT_EQ(seen, (std::vector<int>{1, 11, 12, 102}));
 }
 
-TEST(Notifier, SubscriptionOutlivingTheNotifierIsHarmless) {
-   Subscription s;
-   {
-      Notifier<int> n;
-      s = n.subscribe([](int) {});
-      EXPECT_TRUE(s.active());
-   }
-   EXPECT_FALSE(s.active());
-   s.reset();
+TEST(Notifier, AThrowingSubscriberLeavesTheListUsable) {
+   Notifier<int> n;
+   Subscription thrower = n.subscribe([](int v) {
+      if (v == 1) throw std::runtime_error("boom");
+   });
+   int calls = 0;
+   Subscription counter = n.subscribe([&](int) { ++calls; });
+   EXPECT_THROW(n.notify(1), std::runtime_error);
+   thrower.reset();
+   EXPECT_EQ(n.subscribers(), 1u);
+   n.notify(2);
+   EXPECT_EQ(calls, 1);
 }
 
 namespace {
@@ -72,18 +85,4 @@ TEST(Reactor, NotificationSwitchAndLifetime) {
       EXPECT_EQ(c.sum, 9);
    }
    EXPECT_EQ(n.subscribers(), 0u);  // the reactor's subscriptions ended with it
-}
-
-TEST(Notifier, AThrowingSubscriberLeavesTheListUsable) {
-   Notifier<int> n;
-   Subscription thrower = n.subscribe([](int v) {
-      if (v == 1) throw std::runtime_error("boom");
-   });
-   int calls = 0;
-   Subscription counter = n.subscribe([&](int) { ++calls; });
-   EXPECT_THROW(n.notify(1), std::runtime_error);
-   thrower.reset();
-   EXPECT_EQ(n.subscribers(), 1u);
-   n.notify(2);
-   EXPECT_EQ(calls, 1);
 }

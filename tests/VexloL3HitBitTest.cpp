@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/Assert.h"
@@ -16,6 +17,7 @@ namespace VexloL3Common {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 using Ulo::HitBitConfig;
 using Ulo::HitBitConfigDir;
@@ -34,6 +36,7 @@ class RecordingHitBitManager : public L3CommonHitBitManager {
               ->request();
       hitBitStatusDir()->hitBitStatusIs({dirName, key}, Ulo::HitBitStatus{request, true});
    }
+   Calls take() { return std::exchange(calls, {}); }
 
    Calls calls;
 };
@@ -50,10 +53,10 @@ class HitBitManagerTest : public ::testing::Test {
       manager = std::make_unique<RecordingHitBitManager>(root, status);
       manager->initializedIs(initialized);
    }
-   Ulo::Ptr<HitBitConfigDir> addDir(const std::string& name) {
-      auto d = std::make_shared<HitBitConfigDir>(name);
-      root->entryIs(name, d);
-      return d;
+   // Request directory "client1" in the root, holding request k1 = c1.
+   void addClient() {
+      root->entryIs("client1", dir);
+      dir->hitBitConfigIs(k1, c1);
    }
 
    const HitBitRequestKey k1{"l3Route", 1};
@@ -61,13 +64,14 @@ class HitBitManagerTest : public ::testing::Test {
    const HitBitRequestKey k3{"l3Host", 3};
    Ulo::Ptr<Ulo::HitBitConfigRootDir> root = std::make_shared<Ulo::HitBitConfigRootDir>();
    Ulo::Ptr<Ulo::HitBitStatusDir> status = std::make_shared<Ulo::HitBitStatusDir>();
+   Ulo::Ptr<HitBitConfigDir> dir = std::make_shared<HitBitConfigDir>("client1");
+   Ulo::Ptr<HitBitConfig> c1 = config(1);
    std::unique_ptr<RecordingHitBitManager> manager;
 };
 
 TEST_F(HitBitManagerTest, AddedChildServesEachOutstandingExistingRequest) {
    makeManager();
-   auto dir = std::make_shared<HitBitConfigDir>("client1");
-   dir->hitBitConfigIs(k1, config(1));
+   dir->hitBitConfigIs(k1, c1);
    dir->hitBitConfigIs(k2, config(0));  // nothing asked
    dir->hitBitConfigIs(k3, config(5));
    Ulo::ScopedTraceCapture cap("VexloL3HitBit");
@@ -77,82 +81,72 @@ TEST_F(HitBitManagerTest, AddedChildServesEachOutstandingExistingRequest) {
    EXPECT_EQ((status->hitBitStatus({"client1", k3})), (Ulo::HitBitStatus{5, true}));
 }
 
+// Every change of a request is served except to zero; a replaced entry's new config is watched
+// and the old one forgotten.
 TEST_F(HitBitManagerTest, RequestChangesAndNewEntriesAreServedButZeroIsNot) {
    makeManager();
-   auto dir = addDir("client1");
-   auto c1 = config(1);
-   dir->hitBitConfigIs(k1, c1);
+   addClient();
    c1->requestIs(2);
    c1->requestIs(0);
    c1->requestIs(3);
    dir->hitBitConfigIs(k2, config(0));
-   EXPECT_THAT(manager->calls,
+   EXPECT_THAT(manager->take(),
                ElementsAre("client1 l3Route/1", "client1 l3Route/1", "client1 l3Route/1"));
    EXPECT_EQ(status->hitBitStatus({"client1", k1}).request, 3u);
-}
-
-TEST_F(HitBitManagerTest, ReplacedEntryIsWatchedAndTheOldConfigForgotten) {
-   makeManager();
-   auto dir = addDir("client1");
-   auto oldConfig = config(1);
-   dir->hitBitConfigIs(k1, oldConfig);
    auto newConfig = config(4);
    dir->hitBitConfigIs(k1, newConfig);
-   EXPECT_EQ(oldConfig->requestChanged().subscribers(), 0u);
-   oldConfig->requestIs(9);
+   EXPECT_EQ(c1->requestChanged().subscribers(), 0u);
+   c1->requestIs(9);
    newConfig->requestIs(5);
-   EXPECT_EQ(manager->calls.size(), 3u);
+   EXPECT_EQ(manager->calls.size(), 2u);
    EXPECT_EQ(status->hitBitStatus({"client1", k1}).request, 5u);
 }
 
-TEST_F(HitBitManagerTest, DeletedRequestGivesNoCallAndDropsItsWatcher) {
+// A deleted request, a null handle and a removed child give no call and drop their watchers.
+TEST_F(HitBitManagerTest, DeletedRequestsAndRemovedChildrenDropTheirWatchers) {
    makeManager();
-   auto dir = addDir("client1");
-   auto c1 = config(1);
-   dir->hitBitConfigIs(k1, c1);
-   manager->calls.clear();
+   addClient();
+   auto c2 = config(1);
+   dir->hitBitConfigIs(k2, c2);
+   manager->take();
    dir->hitBitConfigDel(k1);
    c1->requestIs(7);
-   EXPECT_TRUE(manager->calls.empty());
    EXPECT_EQ(c1->requestChanged().subscribers(), 0u);
-   // A null handle is a request that is not there.
-   dir->hitBitConfigIs(k2, nullptr);
-   EXPECT_TRUE(manager->calls.empty());
-}
-
-TEST_F(HitBitManagerTest, RemovedChildDropsAllItsWatchers) {
-   makeManager();
-   auto dir = addDir("client1");
-   auto c1 = config(1);
-   dir->hitBitConfigIs(k1, c1);
-   manager->calls.clear();
+   dir->hitBitConfigIs(k3, nullptr);  // a request that is not there
+   EXPECT_THAT(manager->calls, IsEmpty());
    root->entryDel("client1");
    EXPECT_EQ(dir->hitBitConfigChanged().subscribers(), 0u);
-   EXPECT_EQ(c1->requestChanged().subscribers(), 0u);
-   c1->requestIs(2);
-   dir->hitBitConfigIs(k2, config(1));
-   EXPECT_TRUE(manager->calls.empty());
+   EXPECT_EQ(c2->requestChanged().subscribers(), 0u);
+   c2->requestIs(2);
+   dir->hitBitConfigIs(k1, config(1));
+   EXPECT_THAT(manager->calls, IsEmpty());
+}
+
+TEST_F(HitBitManagerTest, DestroyedManagerLeavesNoWatchers) {
+   makeManager();
+   addClient();
+   manager.reset();
+   EXPECT_EQ(root->entryChanged().subscribers() + dir->hitBitConfigChanged().subscribers() +
+                 c1->requestChanged().subscribers(),
+             0u);
+   c1->requestIs(2);  // nobody left to call
 }
 
 TEST_F(HitBitManagerTest, RequestBeforeInitializedIsTracedAndNotRemembered) {
    makeManager(false);
-   auto dir = addDir("client1");
-   auto c1 = config(1);
    Ulo::ScopedTraceCapture cap("VexloL3HitBit");
-   dir->hitBitConfigIs(k1, c1);
+   addClient();
    EXPECT_EQ(cap.texts(), (Calls{"dirName client1 requestKey l3Route/1", "SM not inited"}));
    manager->initializedIs(true);
-   EXPECT_TRUE(manager->calls.empty());
+   EXPECT_THAT(manager->calls, IsEmpty());
    c1->requestIs(2);
    EXPECT_THAT(manager->calls, ElementsAre("client1 l3Route/1"));
 }
 
 TEST_F(HitBitManagerTest, ChildrenPresentAtConstructionAreWatched) {
-   auto dir = addDir("client1");
-   auto c1 = config(1);
-   dir->hitBitConfigIs(k1, c1);
+   addClient();
    makeManager();
-   EXPECT_TRUE(manager->calls.empty());  // walked before initialized
+   EXPECT_THAT(manager->calls, IsEmpty());  // walked before initialized
    c1->requestIs(2);
    dir->hitBitConfigIs(k3, config(1));
    EXPECT_THAT(manager->calls, ElementsAre("client1 l3Route/1", "client1 l3Host/3"));
@@ -160,14 +154,12 @@ TEST_F(HitBitManagerTest, ChildrenPresentAtConstructionAreWatched) {
 
 TEST_F(HitBitManagerTest, NotificationsSwitchedOffAreIgnored) {
    makeManager();
-   auto dir = addDir("client1");
-   auto c1 = config(1);
-   dir->hitBitConfigIs(k1, c1);
-   manager->calls.clear();
+   addClient();
+   manager->take();
    manager->hasNotificationActiveIs(false);
    c1->requestIs(2);
    dir->hitBitConfigIs(k2, config(1));
-   EXPECT_TRUE(manager->calls.empty());
+   EXPECT_THAT(manager->calls, IsEmpty());
    manager->hasNotificationActiveIs(true);
    c1->requestIs(3);
    EXPECT_THAT(manager->calls, ElementsAre("client1 l3Route/1"));
@@ -180,25 +172,13 @@ TEST_F(HitBitManagerTest, UnknownDirNameIsFatal) {
    for (const char* name : {"nope", "other"}) {
       try {
          manager->handleHitBitRequestUpdate(name, k1);
-         FAIL() << "no assertion for " << name;
+         ADD_FAILURE() << "no assertion for " << name;
       } catch (const Ulo::AssertionFailure& e) {
          EXPECT_EQ(e.text, "hitBitRootConfig is null for dirName {}");
          EXPECT_EQ(e.message, std::string("hitBitRootConfig is null for dirName ") + name);
       }
    }
-   EXPECT_TRUE(manager->calls.empty());
-}
-
-TEST_F(HitBitManagerTest, DestroyedManagerLeavesNoWatchers) {
-   makeManager();
-   auto dir = addDir("client1");
-   auto c1 = config(1);
-   dir->hitBitConfigIs(k1, c1);
-   manager.reset();
-   EXPECT_EQ(root->entryChanged().subscribers(), 0u);
-   EXPECT_EQ(dir->hitBitConfigChanged().subscribers(), 0u);
-   EXPECT_EQ(c1->requestChanged().subscribers(), 0u);
-   c1->requestIs(2);  // nobody left to call
+   EXPECT_THAT(manager->calls, IsEmpty());
 }
 
 }  // namespace

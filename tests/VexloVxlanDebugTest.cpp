@@ -28,7 +28,7 @@ TEST(TransientStatusTest, AgeIsClockTimeBelowAWeekAndDaysAbove) {
    EXPECT_EQ(formatAge(-4s), "0:00:00");
 }
 
-TEST(TransientStatusTest, LinesLineUpWithTheHeader) {
+TEST(TransientStatusTest, LinesLineUpWithTheHeaderAndLongNamesAreKeptWhole) {
    const auto now = StatusClock::now();
    const std::string header = transientStatusHeader();
    const std::string line =
@@ -41,12 +41,10 @@ TEST(TransientStatusTest, LinesLineUpWithTheHeader) {
    EXPECT_EQ(line.rfind("12") + 2, header.find("Count") + 5);
    EXPECT_NE(formatTransientStatus({"boot", "idle", std::nullopt, 0}, now).find("never"),
              std::string::npos);
-}
-
-TEST(TransientStatusTest, LongNamesAreKeptWhole) {
    const std::string name(40, 'n');
-   const std::string line = formatTransientStatus({name, "waiting", std::nullopt, 1}, {});
-   EXPECT_EQ(line.rfind(name + " waiting", 0), 0u);
+   EXPECT_EQ(
+       formatTransientStatus({name, "waiting", std::nullopt, 1}, {}).rfind(name + " waiting", 0),
+       0u);
 }
 
 TEST(TransientStatusTest, PrintsToACallersDescriptor) {
@@ -72,39 +70,34 @@ TEST(VxlanDebugCommandTest, TextFormRoundTripsWithFiltersInEitherOrder) {
    EXPECT_EQ(fmt::format("{}", VxlanDebugCommand(VxlanDebugTable::vtep)), "show vxlan vtep");
    EXPECT_NE(std::hash<VxlanDebugCommand>()(c),
              std::hash<VxlanDebugCommand>()(VxlanDebugCommand(VxlanDebugTable::floodList)));
+   // A filter that is not set matches everything.
+   const VxlanDebugCommand all(VxlanDebugTable::floodList);
+   EXPECT_TRUE(all.matchesVlan(VlanId(5)) && all.matchesVtep(ip("10.0.0.9")));
+   EXPECT_TRUE(c.matchesVlan(VlanId(10)));
+   EXPECT_FALSE(c.matchesVlan(VlanId(11)));
+   EXPECT_FALSE(c.matchesVtep(ip("10.0.0.2")));
 }
 
-TEST(VxlanDebugCommandTest, FiltersMatchEverythingUntilSet) {
-   const VxlanDebugCommand all(VxlanDebugTable::floodList);
-   EXPECT_TRUE(all.matchesVlan(VlanId(5)));
-   EXPECT_TRUE(all.matchesVtep(ip("10.0.0.9")));
-   const VxlanDebugCommand some(VxlanDebugTable::floodList, VlanId(10), ip("10.0.0.1"));
-   EXPECT_TRUE(some.matchesVlan(VlanId(10)));
-   EXPECT_FALSE(some.matchesVlan(VlanId(11)));
-   EXPECT_FALSE(some.matchesVtep(ip("10.0.0.2")));
+// The what() of the range error f raises, or "accepted".
+template <class F>
+std::string rangeError(F&& f) {
+   try {
+      f();
+   } catch (const std::range_error& e) {
+      return e.what();
+   }
+   return "accepted";
 }
 
 TEST(VxlanDebugCommandTest, BadTextIsARangeErrorNamingTheText) {
-   try {
-      VxlanDebugCommand::fromString("show vxlan tunnels");
-      FAIL() << "no range error";
-   } catch (const std::range_error& e) {
-      EXPECT_STREQ(e.what(),
-                   "invalid VXLAN debug command \"show vxlan tunnels\": unknown table tunnels");
-   }
+   EXPECT_EQ(rangeError([] { VxlanDebugCommand::fromString("show vxlan tunnels"); }),
+             "invalid VXLAN debug command \"show vxlan tunnels\": unknown table tunnels");
    for (const char* bad : {"", "show", "show ip decap", "show vxlan decap vlan",
                            "show vxlan decap vlan 4096", "show vxlan decap vlan 1 vlan 2",
                            "show vxlan decap port 1", "show vxlan decap vtep 10.0.0.1",
                            "show vxlan vtep vlan 10", "show vxlan vtep vtep 10.0.0.300"}) {
-      try {
-         VxlanDebugCommand::fromString(bad);
-         ADD_FAILURE() << "accepted: " << bad;
-      } catch (const std::range_error& e) {
-         EXPECT_EQ(
-             std::string(e.what()).rfind(fmt::format("invalid VXLAN debug command \"{}\"", bad), 0),
-             0u)
-             << e.what();
-      }
+      const std::string what = rangeError([=] { VxlanDebugCommand::fromString(bad); });
+      EXPECT_EQ(what.rfind(fmt::format("invalid VXLAN debug command \"{}\"", bad), 0), 0u) << what;
    }
    EXPECT_THROW(VxlanDebugCommand(VxlanDebugTable::decap, std::nullopt, ip("10.0.0.1")),
                 std::range_error);
@@ -118,13 +111,12 @@ TEST(VxlanShowTest, FloodListHonoursVlanAndVtepFilters) {
    b.vtepIpListIs(ip("10.0.0.2"));
    dir.floodUnderlayVlanToVtepListIs(VlanId(20), b);
    dir.floodUnderlayVlanToVtepListIs(VlanId(10), a);
-   EXPECT_EQ(showFloodList(VxlanDebugCommand::fromString("show vxlan flood-list"), dir),
-             "vlan 10: {10.0.0.1, 10.0.0.2}\nvlan 20: {10.0.0.2}\n");
-   EXPECT_EQ(showFloodList(VxlanDebugCommand::fromString("show vxlan flood-list vlan 20"), dir),
-             "vlan 20: {10.0.0.2}\n");
-   EXPECT_EQ(
-       showFloodList(VxlanDebugCommand::fromString("show vxlan flood-list vtep 10.0.0.1"), dir),
-       "vlan 10: {10.0.0.1, 10.0.0.2}\n");
+   const auto show = [&](const char* cmd) {
+      return showFloodList(VxlanDebugCommand::fromString(cmd), dir);
+   };
+   EXPECT_EQ(show("show vxlan flood-list"), "vlan 10: {10.0.0.1, 10.0.0.2}\nvlan 20: {10.0.0.2}\n");
+   EXPECT_EQ(show("show vxlan flood-list vlan 20"), "vlan 20: {10.0.0.2}\n");
+   EXPECT_EQ(show("show vxlan flood-list vtep 10.0.0.1"), "vlan 10: {10.0.0.1, 10.0.0.2}\n");
 }
 
 TEST(VxlanShowTest, DecapTableListsIpv4ThenIpv6AndFiltersByVlan) {
@@ -132,8 +124,7 @@ TEST(VxlanShowTest, DecapTableListsIpv4ThenIpv6AndFiltersByVlan) {
    v4.entryIs(Ulo::IpGenRouteKey::fromString("239.1.1.2/32,10.0.0.0/8"), VlanId(20));
    v4.entryIs(Ulo::IpGenRouteKey::fromString("239.1.1.1/32,10.0.0.0/8"), VlanId(10));
    v6.entryIs(Ulo::IpGenRouteKey::fromString("ff0e::1/128,2001:db8::/32"), VlanId(10));
-   const auto all = VxlanDebugCommand(VxlanDebugTable::decap);
-   EXPECT_EQ(showDecapTable(all, &v4, &v6),
+   EXPECT_EQ(showDecapTable(VxlanDebugCommand(VxlanDebugTable::decap), &v4, &v6),
              "239.1.1.1/32,10.0.0.0/8 vlan 10\n239.1.1.2/32,10.0.0.0/8 vlan 20\n"
              "ff0e::1/128,2001:db8::/32 vlan 10\n");
    EXPECT_EQ(showDecapTable(VxlanDebugCommand(VxlanDebugTable::decap, VlanId(10)), nullptr, &v6),
@@ -147,17 +138,16 @@ TEST(VxlanShowTest, VtepTableShowsNextHopsAndRefusesOtherCommands) {
    c->nextHopsIs(Ulo::IntfId::vlan(10), ip("10.1.1.2"),
                  Ulo::EthAddr::fromString("00:00:00:00:00:01"));
    dir.bumVtepConfigIs(ip("10.0.0.2"), EncapId(6));
+   const std::string first =
+       "vtep 10.0.0.1 encapId 5 version 2\n   Vlan10 nexthop 10.1.1.2 mac 00:00:00:00:00:01\n";
    EXPECT_EQ(showVtepTable(VxlanDebugCommand::fromString("show vxlan vtep vtep 10.0.0.1"), dir),
-             "vtep 10.0.0.1 encapId 5 version 2\n"
-             "   Vlan10 nexthop 10.1.1.2 mac 00:00:00:00:00:01\n");
+             first);
    EXPECT_EQ(showVtepTable(VxlanDebugCommand(VxlanDebugTable::vtep), dir),
-             "vtep 10.0.0.1 encapId 5 version 2\n"
-             "   Vlan10 nexthop 10.1.1.2 mac 00:00:00:00:00:01\n"
-             "vtep 10.0.0.2 encapId 6 version 0\n");
+             first + "vtep 10.0.0.2 encapId 6 version 0\n");
    Ulo::ScopedThrowingAssertHandler guard;
    try {
       showVtepTable(VxlanDebugCommand(VxlanDebugTable::decap), dir);
-      FAIL() << "no assertion";
+      ADD_FAILURE() << "no assertion";
    } catch (const Ulo::AssertionFailure& f) {
       EXPECT_EQ(f.text, "command for another table");
    }

@@ -80,7 +80,7 @@ TEST(VexloVxlanStateTest, LocalVtepIsKeptPerFamilyAndWritersNotifyOnlyOnChange) 
    EXPECT_EQ(log.names, (std::vector<std::string>{"ttl", "localVtep", "egrL3TunnelIndex"}));
 }
 
-TEST(VxlanTunnelKeyTest, TextFormParsesBackAndBadTextOrTtlIsARangeError) {
+TEST(VxlanTunnelKeyTest, TextFormParsesBackHashesEveryFieldAndBadTextOrTtlIsARangeError) {
    const VxlanTunnelKey k(IntfId::fromString("Vxlan1"), ip("2001:db8::1"), 4790, true, 5000, 32);
    EXPECT_EQ(fmt::format("{}", k),
              "vti: Vxlan1, sip: 2001:db8::1, dstPort: 4790, srcPortValid: true, srcPort: 5000, "
@@ -89,6 +89,15 @@ TEST(VxlanTunnelKeyTest, TextFormParsesBackAndBadTextOrTtlIsARangeError) {
    // Any order; missing attributes take the defaults.
    const auto p = VxlanTunnelKey::fromString("ttl: 8, sip: 10.0.0.1");
    EXPECT_EQ(p, VxlanTunnelKey(IntfId(), ip("10.0.0.1"), 4789, false, 0, 8));
+   // Keys differing from the default one in one field at a time: all unequal to it, and an equal
+   // key hashes alike.
+   std::unordered_set<VxlanTunnelKey> set = {VxlanTunnelKey(), VxlanTunnelKey::fromString("")};
+   for (const char* text : {"vti: Vxlan2", "sip: 10.0.0.2", "dstPort: 4790", "srcPortValid: true",
+                            "srcPort: 1", "ttl: 63"}) {
+      EXPECT_NE(VxlanTunnelKey::fromString(text), VxlanTunnelKey()) << text;
+      set.insert(VxlanTunnelKey::fromString(text));
+   }
+   EXPECT_EQ(set.size(), 7u);
    for (const char* bad : {"mtu: 9000", "ttl: 8, ttl: 9", "srcPortValid: yes", "dstPort: 70000",
                            "dstPort 1", "sip: 10.0.0.300", "srcPort: -1"}) {
       EXPECT_THROW(VxlanTunnelKey::fromString(bad), std::range_error) << bad;
@@ -101,16 +110,6 @@ TEST(VxlanTunnelKeyTest, TextFormParsesBackAndBadTextOrTtlIsARangeError) {
                 "range error: VexloL3Common::VxlanTunnelKey::ttl < 1 or > 64 not allowed")
           << ttl;
    }
-}
-
-// A key differing from the default one in one field at a time: all unequal, and an equal key
-// hashes alike.
-TEST(VxlanTunnelKeyTest, EqualKeysHashAlikeAndEveryFieldCounts) {
-   std::unordered_set<VxlanTunnelKey> set = {VxlanTunnelKey()};
-   for (const char* text : {"", "vti: Vxlan2", "sip: 10.0.0.2", "dstPort: 4790",
-                            "srcPortValid: true", "srcPort: 1", "ttl: 63"})
-      set.insert(VxlanTunnelKey::fromString(text));
-   EXPECT_EQ(set.size(), 7u);
 }
 
 TEST(VxlanTableConstantsTest, TextNamesTheHardwareTables) {
