@@ -218,7 +218,8 @@ void BM_ChurnRotate(benchmark::State& state) {
       if (m.ctx->addRoute4(r[next], false).routeId) present.push_back(next);
       ++next;
    }
-   for (; next < r.size(); ++next) withdrawn.push_back(next);
+   for (; next < r.size(); ++next)
+      withdrawn.push_back(next);
    std::mt19937_64 rng(9);
    const uint64_t movesBefore = m.moves();
    uint64_t adds = 0, refused = 0;
