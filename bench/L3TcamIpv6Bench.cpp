@@ -16,6 +16,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "TcamBenchSupport.h"
 #include "VexloL3Common/L3TcamTable.h"
 
 using namespace VexloL3Common;
@@ -25,30 +26,14 @@ namespace {
 constexpr uint32_t kTableSize = 16384;
 constexpr uint32_t kBatch = 256;
 
-struct Model {
-   Ulo::Ptr<RouteMove> move = routeMoveFactory(), moveStatus = routeMoveFactory();
-   Ulo::Ptr<RouteMerge> merge = routeMergeFactory(), mergeStatus = routeMergeFactory();
-   Ulo::Subscription s1, s2;
-   Ulo::Ptr<L3TcamManagerContext> ctx;
-   explicit Model(bool pairing, bool moving = false) {
-      s1 = move->changed().subscribe([this](const RoutePosition& p) { moveStatus->posIs(p); });
-      s2 = merge->changed().subscribe([this](const RouteMergeInfo& m) { mergeStatus->mergeIs(m); });
-      L3TcamManagerContext::Config c;
-      c.tcamSize = kTableSize;
-      c.tcamMode = 2;
-      c.numUcastDefipBlocks = 8;
-      c.twoV4RoutesPerEntry = true;
-      c.supportsDefipPairing = pairing;
-      c.dynamicV4V6Boundary = moving;
-      c.pairGap = 1024;
-      c.routeMove = move;
-      c.routeMoveStatus = moveStatus;
-      c.routeMerge = merge;
-      c.routeMergeStatus = mergeStatus;
-      ctx = l3TcamManagerContextFactory(c);
-      ctx->handleInitialized(true);
-   }
-};
+// A 16 K table, paired or not; a border that moves goes four blocks of 1 024 at a time.
+bench::AckedContext model(bool pairing, bool moving = false) {
+   auto c = bench::benchConfig();
+   c.supportsDefipPairing = pairing;
+   c.dynamicV4V6Boundary = moving;
+   c.pairGap = 1024;
+   return bench::AckedContext(c);
+}
 
 std::vector<Ipv6UcastKey> ipv6Routes(size_t n, bool longMix, uint64_t seed) {
    std::mt19937_64 rng(seed);
@@ -75,7 +60,7 @@ std::vector<Ipv6UcastKey> ipv6Routes(size_t n, bool longMix, uint64_t seed) {
 void addRoute6At(benchmark::State& state, bool emptyRegion) {
    const uint32_t percent = uint32_t(state.range(0));
    const bool longMix = state.range(1) == 128;
-   Model m(longMix);
+   bench::AckedContext m = model(longMix);
    const RouteType t = longMix ? RouteType::v6Full : RouteType::v6Half;
    // Region capacity in routes: 8192 single entries, or 4095 pairs.
    const uint32_t capacity = longMix ? 4095 : 8192;
@@ -135,7 +120,7 @@ std::vector<Ipv4UcastKey> ipv4Routes(size_t n, uint64_t seed) {
 
 // The IPv4 routes standing below `border`, after filling 60 % of the table.
 struct BorderSetup {
-   Model m{true, true};
+   bench::AckedContext m = model(true, true);
    std::vector<Ipv4UcastKey> below;
    uint32_t step = 0;
    BorderSetup() {

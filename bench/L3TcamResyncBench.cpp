@@ -15,6 +15,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "TcamBenchSupport.h"
 #include "VexloL3Common/L3TcamTable.h"
 
 using namespace VexloL3Common;
@@ -23,55 +24,8 @@ namespace {
 
 constexpr uint32_t kTableSize = 16384;
 
-std::vector<Ipv4UcastKey> internetLike(size_t n, uint64_t seed) {
-   std::mt19937_64 rng(seed);
-   std::vector<Ipv4UcastKey> out;
-   std::unordered_set<Ipv4UcastKey> seen;
-   auto pickLen = [&]() -> uint32_t {
-      const uint32_t r = uint32_t(rng() % 1000);
-      if (r < 600) return 24;
-      if (r < 720) return 22;
-      if (r < 820) return 23;
-      if (r < 880) return 21;
-      if (r < 930) return 20;
-      if (r < 990) return 8 + uint32_t(rng() % 12);
-      return 25 + uint32_t(rng() % 8);
-   };
-   while (out.size() < n) {
-      const uint32_t len = pickLen();
-      uint32_t addr = uint32_t(rng());
-      if (!out.empty() && rng() % 3 == 0) {
-         const Ipv4UcastKey& base = out[rng() % out.size()];
-         if (base.len() < len) addr = base.prefix.addr() | (addr & ~(~0u << (32 - base.len())));
-      }
-      Ipv4UcastKey key(VrfId(0), Ulo::Prefix(addr & (~0u << (32 - len)), uint8_t(len)));
-      if (seen.insert(key).second) out.push_back(key);
-   }
-   return out;
-}
-
-// A context whose writer acknowledges every move and merge, as the hardware writer does.
-struct Model {
-   Ulo::Ptr<RouteMove> move = routeMoveFactory(), moveStatus = routeMoveFactory();
-   Ulo::Ptr<RouteMerge> merge = routeMergeFactory(), mergeStatus = routeMergeFactory();
-   Ulo::Subscription s1, s2;
-   Ulo::Ptr<L3TcamManagerContext> ctx;
-   Model() {
-      s1 = move->changed().subscribe([this](const RoutePosition& p) { moveStatus->posIs(p); });
-      s2 = merge->changed().subscribe([this](const RouteMergeInfo& m) { mergeStatus->mergeIs(m); });
-      L3TcamManagerContext::Config c;
-      c.tcamSize = kTableSize;
-      c.tcamMode = 2;
-      c.numUcastDefipBlocks = 8;
-      c.twoV4RoutesPerEntry = true;
-      c.routeMove = move;
-      c.routeMoveStatus = moveStatus;
-      c.routeMerge = merge;
-      c.routeMergeStatus = mergeStatus;
-      ctx = l3TcamManagerContextFactory(c);
-      ctx->handleInitialized(true);
-   }
-};
+using Model = bench::AckedContext;
+using bench::internetLike;
 
 // The routes that filled the table, in the order they were added, and the image they left.
 struct Full {
