@@ -1,5 +1,7 @@
 #include "VexloL3Common/L3Stats.h"
 
+#include "platform/Assert.h"
+
 namespace VexloL3Common {
 
 std::string RoutePosition::toString() const {
@@ -15,6 +17,13 @@ std::string RouteMergeInfo::toString() const {
 void throwRouteTypeIndexError(unsigned index, unsigned size) {
    throw std::range_error(
        fmt::format("cannot access index {} of an array with size {}", index, size));
+}
+
+void publishMove(RouteMove& move, const RouteMove& status, const RoutePosition& p,
+                 const char* text) {
+   move.posIs(p);
+   VEXLO_ASSERT_MSG(move.pos() == status.pos(), text, " move pos ", move.pos(), " moveStatus pos ",
+                    status.pos());
 }
 
 }  // namespace VexloL3Common

@@ -64,6 +64,11 @@ class RouteMove {
    Ulo::Notifier<RoutePosition> changed_;
 };
 
+// Publishes a move and checks that the writer acknowledged it inside the publication: the status
+// twin must already hold the value. `text` is the publisher's assertion text.
+void publishMove(RouteMove& move, const RouteMove& status, const RoutePosition& p,
+                 const char* text = "routeMove()->pos() == routeMoveStatus()->pos()");
+
 class RouteMerge {
  public:
    const RouteMergeInfo& merge() const { return merge_; }

@@ -58,10 +58,6 @@ bool L3TcamManagerContext::swapRegionFull(RouteType t) const {
       return true;
    }
    if (v6HalfFree > v6HalfSwap || v6FullFree > v6FullSwap) return false;
-   // A layout with no IPv6 region yet (a moving border still at 0) has no IPv6 reserve to keep.
-   const TcamBlock* half = blocks_[RouteType::v6Half].get();
-   const TcamBlock* full = blocks_[RouteType::v6Full].get();
-   if (!(half && half->isValid()) && !(full && full->isValid())) return false;
    TRACE(th, 7, " v6 no space");
    return true;
 }

@@ -321,11 +321,7 @@ uint32_t L3TcamManagerContext::shiftDownAndInsert(RouteType t, const Ipv4UcastKe
                                                   const IpMcastPrefixKey& keyMcast,
                                                   uint32_t freeEntry) {
    traceKey(6, "shiftDownAndInsert", t, key4, key6, keyMcast, ", entry: ", freeEntry);
-   const uint32_t len = prefixLength(t, key4, key6, keyMcast);
-   IndexRange ir;
-   freeEntry = openHoleDown(t, len, freeEntry, ir);
-   updateBitmaps(t, freeEntry, 0);
-   return placeNewRoute(t, key4, key6, keyMcast, len, ir, freeEntry);
+   return shiftAndInsert(t, key4, key6, keyMcast, freeEntry, true);
 }
 
 uint32_t L3TcamManagerContext::shiftUpAndInsert(RouteType t, const Ipv4UcastKey& key4,
@@ -333,9 +329,16 @@ uint32_t L3TcamManagerContext::shiftUpAndInsert(RouteType t, const Ipv4UcastKey&
                                                 const IpMcastPrefixKey& keyMcast,
                                                 uint32_t freeEntry) {
    traceKey(6, "shiftUpAndInsert", t, key4, key6, keyMcast, ", entry: ", freeEntry);
+   return shiftAndInsert(t, key4, key6, keyMcast, freeEntry, false);
+}
+
+uint32_t L3TcamManagerContext::shiftAndInsert(RouteType t, const Ipv4UcastKey& key4,
+                                              const Ipv6UcastKey& key6,
+                                              const IpMcastPrefixKey& keyMcast, uint32_t freeEntry,
+                                              bool down) {
    const uint32_t len = prefixLength(t, key4, key6, keyMcast);
    IndexRange ir;
-   freeEntry = openHoleUp(t, len, freeEntry, ir);
+   freeEntry = down ? openHoleDown(t, len, freeEntry, ir) : openHoleUp(t, len, freeEntry, ir);
    updateBitmaps(t, freeEntry, 0);
    return placeNewRoute(t, key4, key6, keyMcast, len, ir, freeEntry);
 }

@@ -202,8 +202,13 @@ uint32_t L3TcamManagerContext::convertV6Entry(RouteType routeType, uint32_t pref
    const uint32_t newPos =
        addRoute(routeType, Ipv4UcastKey(), key, IpMcastPrefixKey(), useSwapArea);
    if (newPos == 0) return 0;
+   // The route changes size: published as a move from its old entry, counted under its old size.
    stats_->moveRouteInc(sourceType, 1);
-   publishMove(sourceType, oldPos, newPos);
+   if (notifyMoves()) {
+      publishMove(
+          *routeMove(), *routeMoveStatus(),
+          RoutePosition{stats_->moveRoute(sourceType), oldPos, newPos, false, EntryType::v6});
+   }
    v6_->clearEntryId(key, oldPos);
    deleteRoute(sourceType, oldPos, prefixLen);
    return oldPos;
@@ -258,20 +263,6 @@ void L3TcamManagerContext::freeV6PairEntry(uint32_t entryId, bool /*useSwapArea*
    // A tracked half-full entry is still tracked where it went.
    VEXLO_ASSERT_MSG(!tracked || v4_->halfFull(len) == newPos, "v4()->halfFull( len ) == newPos",
                     "len: ", len, ", newPos: ", newPos);
-}
-
-void L3TcamManagerContext::publishMove(RouteType sourceType, uint32_t oldPos, uint32_t newPos) {
-   if (!notifyMoves()) return;
-   RoutePosition p;
-   p.count = stats_->moveRoute(sourceType);
-   p.oldRouteId = oldPos;
-   p.newRouteId = newPos;
-   p.v4 = false;
-   p.type = EntryType::v6;
-   routeMove()->posIs(p);
-   VEXLO_ASSERT_MSG(routeMove()->pos() == routeMoveStatus()->pos(),
-                    "routeMove()->pos() == routeMoveStatus()->pos()", " move pos ",
-                    routeMove()->pos(), " moveStatus pos ", routeMoveStatus()->pos());
 }
 
 }  // namespace VexloL3Common

@@ -478,17 +478,8 @@ void MappingV4::moveEntry(uint32_t len, uint32_t newPos, uint32_t oldPos, bool n
    if (halfFull(len) == oldPos) halfFullIs(len, newPos);
    tcamStats_->moveRouteInc(RouteType::v4, 1);
    if (notify) {
-      RoutePosition p;
-      p.count = tcamStats_->moveRoute(RouteType::v4);
-      p.oldRouteId = oldPos;
-      p.newRouteId = newPos;
-      p.v4 = true;
-      p.type = type;
-      routeMove_->posIs(p);
-      // The writer acknowledges inside the publication.
-      VEXLO_ASSERT_MSG(routeMove_->pos() == routeMoveStatus_->pos(),
-                       "routeMove()->pos() == routeMoveStatus()->pos()", " move pos ",
-                       routeMove_->pos(), " moveStatus pos ", routeMoveStatus_->pos());
+      publishMove(*routeMove_, *routeMoveStatus_,
+                  RoutePosition{tcamStats_->moveRoute(RouteType::v4), oldPos, newPos, true, type});
    }
 }
 

@@ -177,16 +177,8 @@ void MappingV6::moveEntry(uint32_t, uint32_t newPos, uint32_t oldPos, uint32_t, 
    const RouteType type = v6RouteTypeFromPos(oldPos);
    tcamStats_->moveRouteInc(type, 1);
    if (notify) {
-      RoutePosition p;
-      p.count = tcamStats_->moveRoute(type);
-      p.oldRouteId = oldPos;
-      p.newRouteId = newPos;
-      p.v4 = false;
-      p.type = EntryType::v6;
-      routeMove_->posIs(p);
-      VEXLO_ASSERT_MSG(routeMove_->pos() == routeMoveStatus_->pos(),
-                       "routeMove()->pos() == routeMoveStatus()->pos()", " move pos ",
-                       routeMove_->pos(), " moveStatus pos ", routeMoveStatus_->pos());
+      publishMove(*routeMove_, *routeMoveStatus_,
+                  RoutePosition{tcamStats_->moveRoute(type), oldPos, newPos, false, EntryType::v6});
    }
 }
 
@@ -263,19 +255,11 @@ void MappingMcastV4::moveEntry(uint32_t, uint32_t newPos, uint32_t oldPos, bool 
    TcamStats& stats = *ctx_->tcamStats();
    stats.moveRouteInc(RouteType::v4Mcast, 1);
    if (notify) {
-      RoutePosition p;
-      p.count = stats.moveRoute(RouteType::v4Mcast);
-      p.oldRouteId = oldPos;
-      p.newRouteId = newPos;
-      p.v4 = false;
-      p.type = EntryType::mcastV4;
-      const Ulo::Ptr<RouteMove>& move = ctx_->routeMove();
-      const Ulo::Ptr<const RouteMove>& status = ctx_->routeMoveStatus();
-      move->posIs(p);
-      VEXLO_ASSERT_MSG(
-          move->pos() == status->pos(),
-          "tcamManagerCtx()->routeMove()->pos() == tcamManagerCtx()->routeMoveStatus()->pos()",
-          " move pos ", move->pos(), " moveStatus pos ", status->pos());
+      publishMove(
+          *ctx_->routeMove(), *ctx_->routeMoveStatus(),
+          RoutePosition{stats.moveRoute(RouteType::v4Mcast), oldPos, newPos, false,
+                        EntryType::mcastV4},
+          "tcamManagerCtx()->routeMove()->pos() == tcamManagerCtx()->routeMoveStatus()->pos()");
    }
 }
 

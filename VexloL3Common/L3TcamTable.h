@@ -312,6 +312,9 @@ class L3TcamManagerContext {
    // with the hole included. Bitmaps are not updated for the hole itself.
    uint32_t openHoleDown(RouteType t, uint32_t len, uint32_t freeEntry, IndexRange& ir);
    uint32_t openHoleUp(RouteType t, uint32_t len, uint32_t freeEntry, IndexRange& ir);
+   // Both shifts: open the hole toward the end of the block (down) or its start, then place.
+   uint32_t shiftAndInsert(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
+                           const IpMcastPrefixKey& keyMcast, uint32_t freeEntry, bool down);
    // Moves the entry at oldPos (logical for v6Full) of length len, which stays in its block, to a
    // new place in its length's order reached from freeEntry; the new position.
    uint32_t relocateEntry(RouteType t, uint32_t len, uint32_t oldPos, uint32_t freeEntry);
@@ -323,8 +326,6 @@ class L3TcamManagerContext {
    void markPair(uint32_t physical);
    // Pair 0 and the pairs the invalid-entry manager set aside.
    bool pairReserved(uint32_t pair) const;
-   // Publishes an IPv6 route's move to another block (counted by the caller under sourceType).
-   void publishMove(RouteType sourceType, uint32_t oldPos, uint32_t newPos);
 
    Config config_;
    Ulo::Ptr<LpmInvalidEntryManager> invalidEntryManager_;
