@@ -10,17 +10,13 @@
 #include <random>
 #include <unordered_map>
 
+#include "RandomRuns.h"
 #include "TcamFixture.h"
 
 using namespace VexloL3Common;
 using namespace VexloL3Common::testing;
 
 namespace {
-
-uint64_t envNumber(const char* name, uint64_t fallback) {
-   const char* v = std::getenv(name);
-   return v && *v ? std::strtoull(v, nullptr, 10) : fallback;
-}
 
 // Prefixes the way routing tables nest them: covering prefixes, more-specifics inside them, and
 // the same prefix again in another VRF.
@@ -58,23 +54,6 @@ std::vector<Ipv4UcastKey> makePool(std::mt19937_64& rng, size_t n) {
    }
    return pool;
 }
-
-struct Present {
-   std::vector<size_t> items;
-   std::unordered_map<size_t, size_t> where;
-   void add(size_t i) {
-      where[i] = items.size();
-      items.push_back(i);
-   }
-   void remove(size_t i) {
-      size_t at = where[i];
-      where[items.back()] = at;
-      items[at] = items.back();
-      items.pop_back();
-      where.erase(i);
-   }
-   bool has(size_t i) const { return where.count(i) != 0; }
-};
 
 struct RunStats {
    uint64_t ops = 0, placed = 0, refused = 0, moves = 0, peakRoutes = 0;

@@ -10,6 +10,7 @@
 #include <set>
 #include <sstream>
 
+#include "RandomRuns.h"
 #include "TcamFixture.h"
 #include "sim/TcamImage.h"
 
@@ -18,12 +19,6 @@ using namespace VexloL3Common::testing;
 using Kind = TcamHardwareEntry::Kind;
 
 namespace {
-
-// VEXLO_RANDOM_OPS sets the operations per random run, VEXLO_RANDOM_SEED the first seed.
-uint64_t envNumber(const char* name, uint64_t fallback) {
-   const char* v = std::getenv(name);
-   return v && *v ? std::strtoull(v, nullptr, 10) : fallback;
-}
 
 // The model as snapshot() prints it, without the move and merge counts, which a rebuild starts
 // again from zero.
@@ -139,42 +134,16 @@ std::vector<IpMcastPrefixKey> poolMcast(std::mt19937_64& rng, size_t n) {
    });
 }
 
-// Installed members of a pool, pickable at random.
-struct Present {
-   std::vector<size_t> items;
-   std::vector<int64_t> where;
-   explicit Present(size_t n) : where(n, -1) {}
-   bool has(size_t i) const { return where[i] >= 0; }
-   void add(size_t i) {
-      where[i] = int64_t(items.size());
-      items.push_back(i);
-   }
-   void remove(size_t i) {
-      const size_t at = size_t(where[i]);
-      where[items.back()] = int64_t(at);
-      items[at] = items.back();
-      items.pop_back();
-      where[i] = -1;
-   }
-};
-
 // A seeded run of adds and deletes that fills the table until it refuses routes, drains it, and
 // again; restart() rebuilds the context from the hardware image and goes on with it.
 class Churn {
  public:
    Churn(const Layout& l, uint64_t seed)
-       : l_(l),
-         rng_(seed),
-         p4_(pool4(rng_, 1500)),
-         pm_(poolMcast(rng_, 1200)),
-         in4_(p4_.size()),
-         in6_(0),
-         inM_(pm_.size()) {
+       : l_(l), rng_(seed), p4_(pool4(rng_, 1500)), pm_(poolMcast(rng_, 1200)) {
       h_ = harness();
       const TcamBlock* half = h_->ctx().block(RouteType::v6Half).get();
       // Without pairing only single-size entries exist.
       p6_ = pool6(rng_, 500, l.cfg.supportsDefipPairing || !half ? 128 : half->prefixLenMax());
-      in6_ = Present(p6_.size());
    }
 
    TcamHarness& h() { return *h_; }
