@@ -1,6 +1,7 @@
 # Front door. Each target installs what is missing (scripts/install-deps), configures its CMake
 # preset and builds in build/<preset>/.
 #
+#   make demo            Release build of vexlo-tcam, run on the bundled default table
 #   make test            Debug build with -Werror, every test through CTest
 #   make test-sanitize   the same under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make bench           Release build, runs every benchmark program (BENCH_ARGS passed on)
@@ -17,17 +18,28 @@ CTEST_ARGS = --output-on-failure --parallel 2
 SOURCE_DIRS = platform VexloL3Common sim tools tests bench fuzz
 FORMAT_FILES = $(shell find $(SOURCE_DIRS) -type f \( -name '*.h' -o -name '*.cpp' \) 2>/dev/null | sort)
 
-.PHONY: deps test test-sanitize bench install format format-check clean
+.PHONY: deps test-deps demo test test-sanitize bench install format format-check clean
 
 deps:
 	bash scripts/install-deps
 
-test: deps
+test-deps:
+	bash scripts/install-deps --test
+
+DEMO_REPORT = build/demo-report.html
+
+demo: deps
+	cmake --preset release
+	cmake --build --preset release --target vexlo-tcam
+	build/release/vexlo-tcam simulate --churn 20000 --report $(DEMO_REPORT)
+	@echo "HTML report: $(DEMO_REPORT)"
+
+test: test-deps
 	cmake --preset dev -DVEXLO_WERROR=ON
 	cmake --build --preset dev
 	ctest --preset dev $(CTEST_ARGS)
 
-test-sanitize: deps
+test-sanitize: test-deps
 	cmake --preset sanitize -DVEXLO_WERROR=ON
 	cmake --build --preset sanitize
 	ctest --preset sanitize $(CTEST_ARGS)

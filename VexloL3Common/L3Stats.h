@@ -136,6 +136,11 @@ class TcamStats {
    void mergeRouteDel(RouteType t) { mergeRoute_[t] = 0; }
    void mergeRouteDelAll() { mergeRoute_.fill(0); }
 
+   // Entries that changed region to make room for an IPv6 route, per route type they left: an
+   // IPv4 entry moved across the IPv6 border, an IPv6 route moved to the other entry size.
+   uint64_t conversion(RouteType t) const { return conversion_[t]; }
+   void conversionInc(RouteType t, uint64_t n = 1) { conversion_[t] += n; }
+
    uint32_t reallocation() const { return reallocation_; }
    void reallocationInc(uint32_t n = 1) { reallocation_ += n; }
    void reallocationDec(uint32_t n = 1) { reallocation_ -= n; }
@@ -186,6 +191,7 @@ class TcamStats {
 
    RouteTypeArray<uint64_t> moveRoute_;
    RouteTypeArray<uint64_t> mergeRoute_;
+   RouteTypeArray<uint64_t> conversion_;
    uint32_t reallocation_ = 0;
    uint64_t lastActivityTime_ = 0;
    std::vector<uint32_t> maskLengthsIpv4_;

@@ -177,6 +177,7 @@ uint32_t L3TcamManagerContext::convertV4Entry(bool toHalf) {
    const uint32_t len = nullRight ? k.left.len() : k.right.len();
    // The whole entry (both halves) travels; the move is published and counted as one.
    relocateEntry(RouteType::v4, len, source, destination);
+   stats_->conversionInc(RouteType::v4);
    return source;
 }
 
@@ -204,6 +205,7 @@ uint32_t L3TcamManagerContext::convertV6Entry(RouteType routeType, uint32_t pref
    if (newPos == 0) return 0;
    // The route changes size: published as a move from its old entry, counted under its old size.
    stats_->moveRouteInc(sourceType, 1);
+   stats_->conversionInc(sourceType);
    if (notifyMoves()) {
       publishMove(
           *routeMove(), *routeMoveStatus(),

@@ -97,6 +97,7 @@ TEST(TcamIpv6, FullSingleRegionMovesOneIpv4EntryIntoTheDoubleRegion) {
    EXPECT_TRUE(cap.contains("EntryId IPv4: " + std::to_string(rc.routeId)))
        << "the freed entry is the one the route takes";
    EXPECT_EQ(h.ctx().stats()->moveRoute(RouteType::v4), h.emu().moves());
+   EXPECT_EQ(h.ctx().stats()->conversion(RouteType::v4), 1u);
    h.check(true);
 }
 
@@ -113,6 +114,7 @@ TEST(TcamIpv6, FullDoubleRegionMovesTwoIpv4EntriesOutAndFreesAPair) {
    // Two conversions, and unless they freed partners, one more IPv4 entry made way for the pair.
    const uint32_t moved = below - h.v4In(1, 127);
    EXPECT_TRUE(moved == 2 || (moved == 3 && cap.contains("freeV6PairEntry")));
+   EXPECT_EQ(h.ctx().stats()->conversion(RouteType::v4), 2u) << "a freed partner is no conversion";
    const auto hit = h.emu().lookup6(VrfId(1), Ulo::IpGenAddr::fromString("2001:db8::1:5").bytes());
    ASSERT_TRUE(hit);
    EXPECT_TRUE(hit->doubleSize);
@@ -136,6 +138,8 @@ TEST(TcamIpv6, LongestSingleRouteMovesToADoublePairForAShorterOne) {
    const TcamStats& st = *h.ctx().stats();
    EXPECT_GE(st.moveRoute(RouteType::v6Half), 1u);
    EXPECT_EQ(h.emu().moves(), st.moveRoute(RouteType::v6Half) + st.moveRoute(RouteType::v6Full));
+   EXPECT_EQ(st.conversion(RouteType::v6Half), 1u);
+   EXPECT_EQ(st.conversion(RouteType::v6Full) + st.conversion(RouteType::v4), 0u);
    // The /64 that moved is written double-size where it went.
    uint32_t doubles = 0;
    h.emu().forEachEntry([&](uint32_t, const sim::TcamEntry& e) {

@@ -1,0 +1,200 @@
+// Capacity per region, as an operator must be able to trust it.
+//
+// "Free" is not a count of empty entries: an empty entry may be kept in reserve for moves, an
+// IPv4 half can only take a route of the length of the other half, and a region may grow into
+// its neighbour by converting entries or moving the IPv4/IPv6 border. So free is measured: a
+// scratch copy of the context is rebuilt from the emulated table's image (which publishes
+// nothing) and takes probe routes until it refuses one. The probes follow the region's own
+// prefix-length mix (or a typical length when the region is empty), are added the way an agent
+// adds routes (no swap reserve) and live in VRFs the table does not use, so they collide with
+// nothing. Max is then used + free. Regions share space when entries convert or the border
+// moves, so each region's free counts what it could take alone.
+#include <algorithm>
+#include <array>
+#include <optional>
+
+#include "sim/Simulation.h"
+#include "sim/TcamImage.h"
+
+namespace VexloL3Common::sim {
+
+namespace {
+
+// Smooth weighted round robin over prefix lengths: every length appears in proportion to its
+// weight, spread evenly, deterministically.
+class LengthMix {
+ public:
+   void add(uint32_t len, uint64_t weight) {
+      if (weight) items_.push_back({len, int64_t(weight), 0});
+   }
+   bool empty() const { return items_.empty(); }
+   uint32_t next() {
+      int64_t total = 0;
+      Item* best = nullptr;
+      for (Item& it : items_) {
+         it.current += it.weight;
+         total += it.weight;
+         if (!best || it.current > best->current) best = &it;
+      }
+      best->current -= total;
+      return best->len;
+   }
+
+ private:
+   struct Item {
+      uint32_t len;
+      int64_t weight;
+      int64_t current;
+   };
+   std::vector<Item> items_;
+};
+
+// Sets the low `width` bits of `value` as the bits [len - width, len) of a big-endian bit string.
+template <size_t N>
+void placeBits(std::array<uint8_t, N>& bytes, uint32_t len, uint32_t width, uint64_t value) {
+   for (uint32_t i = 0; i < width; ++i) {
+      const uint32_t bit = len - 1 - i;  // bit 0 is the most significant
+      if ((value >> i) & 1) bytes[bit / 8] |= uint8_t(0x80u >> (bit % 8));
+   }
+}
+
+// The k-th probe of length len: the low bits of k go just above the length, the rest into the VRF
+// offset, so that probes are distinct for any k.
+struct ProbeKey {
+   uint64_t vrfOffset;
+   uint64_t bits;
+   uint32_t width;
+};
+ProbeKey probeKey(uint64_t k, uint32_t len) {
+   const uint32_t width = std::min<uint32_t>(len, 20);
+   return {k >> width, k & ((uint64_t(1) << width) - 1), width};
+}
+
+Route probeRoute(Region region, uint32_t len, uint64_t k, uint32_t vrfBase) {
+   const ProbeKey p = probeKey(k, len);
+   switch (region) {
+      case Region::v4: {
+         std::array<uint8_t, 4> b{};
+         placeBits(b, len, p.width, p.bits);
+         const uint32_t addr =
+             uint32_t(b[0]) << 24 | uint32_t(b[1]) << 16 | uint32_t(b[2]) << 8 | b[3];
+         return Route::of(
+             Ipv4UcastKey(VrfId(uint32_t(vrfBase + p.vrfOffset)), Ulo::Prefix(addr, uint8_t(len))));
+      }
+      case Region::v6Single:
+      case Region::v6Double: {
+         Ulo::Ip6Prefix::Bytes b{};
+         placeBits(b, len, p.width, p.bits);
+         return Route::of(
+             Ipv6UcastKey(VrfId(uint32_t(vrfBase + p.vrfOffset)), Ulo::Ip6Prefix(b, uint8_t(len))));
+      }
+      case Region::mcast: {
+         // Group then source, 64 bits; lengths past 64 leave the extra bits out of the key.
+         std::array<uint8_t, 8> b{};
+         placeBits(b, std::min<uint32_t>(len, 64), std::min<uint32_t>(p.width, 64), p.bits);
+         const uint32_t g =
+             uint32_t(b[0]) << 24 | uint32_t(b[1]) << 16 | uint32_t(b[2]) << 8 | b[3];
+         const uint32_t s =
+             uint32_t(b[4]) << 24 | uint32_t(b[5]) << 16 | uint32_t(b[6]) << 8 | b[7];
+         return Route::of(IpMcastPrefixKey(uint16_t(vrfBase + p.vrfOffset), 0,
+                                           Ulo::IpGenAddr::v4(g), Ulo::IpGenAddr::v4(s),
+                                           uint8_t(len)));
+      }
+   }
+   return Route();
+}
+
+LengthMix mixOf(const L3TcamManagerContext& c, Region region) {
+   LengthMix mix;
+   const TcamStats& st = *c.stats();
+   switch (region) {
+      case Region::v4:
+         for (uint32_t l = 0; l <= 32; ++l)
+            mix.add(l, st.maskLengthsIpv4(l));
+         if (mix.empty()) mix.add(24, 1);
+         break;
+      case Region::v6Single:
+         for (uint32_t l = 0; l <= 64; ++l)
+            mix.add(l, st.maskLengthsIpv6(l));
+         if (mix.empty()) mix.add(48, 1);
+         break;
+      case Region::v6Double:
+         for (uint32_t l = 65; l <= 128; ++l)
+            mix.add(l, st.maskLengthsIpv6(l));
+         if (mix.empty()) mix.add(128, 1);
+         break;
+      case Region::mcast:
+         for (uint32_t l = 0; l <= 90; ++l)
+            mix.add(l, st.maskLengthsMcastIpv4(l));
+         if (mix.empty()) mix.add(64, 1);
+         break;
+   }
+   return mix;
+}
+
+// The first VRF (multicast: VRF index) above every one the table uses.
+uint32_t unusedVrfBase(const L3TcamManagerContext& c) {
+   uint32_t top = 0;
+   if (c.v4())
+      c.v4()->forEachKeys([&](uint32_t, const Ipv4Keys& k) {
+         top = std::max({top, k.left.vrfId.value(), k.right.vrfId.value()});
+      });
+   if (c.v6())
+      c.v6()->forEachEntryIdToKey(
+          [&](uint32_t, const Ipv6UcastKey& k) { top = std::max(top, k.vrfId.value()); });
+   if (c.mcastV4())
+      c.mcastV4()->forEachKey(
+          [&](uint32_t, const IpMcastPrefixKey& k) { top = std::max<uint32_t>(top, k.vrfIndex); });
+   return top + 1;
+}
+
+uint64_t probeFree(const EmulatedTable& t, Region region, bool urpf) {
+   const L3TcamManagerContext& c = t.ctx();
+   EmulatedTable scratch(c.config(), urpf, false);
+   std::optional<uint32_t> border;
+   if (c.borderMoves()) border = c.v4V6Border();
+   scratch.ctx().rebuildFromHardware(imageOf(*t.emu()), border);
+   LengthMix mix = mixOf(c, region);
+   const uint32_t vrfBase = unusedVrfBase(c);
+   uint64_t placed = 0;
+   while (scratch.add(probeRoute(region, mix.next(), placed, vrfBase)))
+      ++placed;
+   return placed;
+}
+
+}  // namespace
+
+std::vector<ReportData::CapacityRow> Simulation::capacity(double warnPercent,
+                                                          double criticalPercent) const {
+   std::vector<ReportData::CapacityRow> rows;
+   auto row = [&](Region region, const EmulatedTable& t) {
+      ReportData::CapacityRow r;
+      r.region = std::string(regionName(region));
+      const uint64_t used = stats_.routes[size_t(region)];
+      r.used = used;
+      r.free = probeFree(t, region, &t == unicast_.get() && cfg_.urpf);
+      r.max = r.used + r.free;
+      r.highWatermark = std::max(stats_.highWatermark[size_t(region)], used);
+      r.percentUsed = r.max ? 100.0 * double(r.used) / double(r.max) : 0.0;
+      if (r.max && r.percentUsed >= criticalPercent) {
+         r.warning = fmt::format("critical: {:.1f} % used (threshold {:g} %)", r.percentUsed,
+                                 criticalPercent);
+      } else if (r.max && r.percentUsed >= warnPercent) {
+         r.warning =
+             fmt::format("warning: {:.1f} % used (threshold {:g} %)", r.percentUsed, warnPercent);
+      }
+      rows.push_back(std::move(r));
+   };
+   if (unicast_) {
+      const L3TcamManagerContext& c = unicast_->ctx();
+      row(Region::v4, *unicast_);
+      if (c.block(RouteType::v6Half) || c.block(RouteType::v6Full)) {
+         row(Region::v6Single, *unicast_);
+         row(Region::v6Double, *unicast_);
+      }
+   }
+   if (mcast_) row(Region::mcast, *mcast_);
+   return rows;
+}
+
+}  // namespace VexloL3Common::sim

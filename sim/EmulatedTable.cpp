@@ -1,0 +1,147 @@
+#include "sim/EmulatedTable.h"
+
+#include <string>
+
+#include "platform/Assert.h"
+#include "platform/RoutingStatus.h"
+
+namespace VexloL3Common::sim {
+
+EmulatedTable::EmulatedTable(L3TcamManagerContext::Config cfg, bool urpf, bool emulate)
+    : move_(routeMoveFactory()),
+      moveStatus_(routeMoveFactory()),
+      merge_(routeMergeFactory()),
+      mergeStatus_(routeMergeFactory()),
+      routing_(std::make_shared<Ulo::RoutingStatus>()) {
+   routing_->urpfEnabledIs(urpf);
+   cfg.globalRoutingStatus = routing_;
+   cfg.routeMove = move_;
+   cfg.routeMoveStatus = moveStatus_;
+   cfg.routeMerge = merge_;
+   cfg.routeMergeStatus = mergeStatus_;
+   {
+      // A layout the context cannot serve is a configuration error here, not a broken model:
+      // the simulator reports it and exits instead of aborting.
+      Ulo::ScopedThrowingAssertHandler guard;
+      try {
+         ctx_ = l3TcamManagerContextFactory(cfg);
+         ctx_->handleInitialized(true);
+      } catch (const Ulo::AssertionFailure& e) {
+         throw std::range_error("the layout refuses this configuration: " + e.text +
+                                (e.message.empty() ? "" : " (" + e.message + ")"));
+      } catch (const std::range_error& e) {
+         throw std::range_error(std::string("the layout refuses this configuration: ") + e.what());
+      }
+   }
+   if (emulate) {
+      // A gap that reaches past the table pairs nothing.
+      const uint32_t gap = ctx_->lpmPairGap() < cfg.tcamSize ? ctx_->lpmPairGap() : 0;
+      emu_ = std::make_unique<TcamEmulator>(cfg.tcamSize, gap);
+      emu_->attach(*move_, *moveStatus_, *merge_, *mergeStatus_);
+      emu_->checkEveryMoveIs(false);
+      emu_->doubleSizeAtIs([this](uint32_t pos) { return doubleSizeAt(pos); });
+   } else {
+      ackMove_ =
+          move_->changed().subscribe([this](const RoutePosition& p) { moveStatus_->posIs(p); });
+      ackMerge_ = merge_->changed().subscribe(
+          [this](const RouteMergeInfo& m) { mergeStatus_->mergeIs(m); });
+   }
+}
+
+EmulatedTable::~EmulatedTable() {
+   if (emu_) emu_->detach();
+}
+
+bool EmulatedTable::doubleSizeAt(uint32_t pos) const {
+   return ctx_->supportsDefipPairing() && ctx_->v6() &&
+          ctx_->v6()->v6RouteTypeFromPos(pos) == RouteType::v6Full;
+}
+
+bool EmulatedTable::v6Placeable(uint32_t len) const {
+   if (ctx_->supportsDefipPairing()) return true;
+   const Ulo::Ptr<TcamBlock>& half = ctx_->block(RouteType::v6Half);
+   return half && half->end() != 0 && len <= half->prefixLenMax();
+}
+
+bool EmulatedTable::add(const Route& r) {
+   switch (r.family) {
+      case Route::Family::v4: {
+         const uint32_t pos = ctx_->addRoute4(r.v4, false).routeId;
+         if (pos && emu_) emu_->writeV4(pos, ctx_->v4()->keys(pos));
+         return pos != 0;
+      }
+      case Route::Family::v6: {
+         if (!v6Placeable(r.v6.len())) return false;
+         const uint32_t pos = ctx_->addRoute6(r.v6, false).routeId;
+         if (pos && emu_) emu_->writeV6(pos, r.v6, doubleSizeAt(pos));
+         return pos != 0;
+      }
+      case Route::Family::mcast: {
+         const uint32_t pos = ctx_->addMroute4(r.mcast, false).routeId;
+         if (pos && emu_) emu_->writeMcast(pos, r.mcast);
+         return pos != 0;
+      }
+   }
+   return false;
+}
+
+void EmulatedTable::del(const Route& r) {
+   switch (r.family) {
+      case Route::Family::v4:
+         // Merged at once, as an agent that is not batching does; then the entry the delete
+         // names is rewritten with what it still holds.
+         rewrite4(ctx_->deleteRoute4(r.v4, /*merge*/ true, ++sequence_).routeId);
+         return;
+      case Route::Family::v6: {
+         const uint32_t pos = ctx_->deleteRoute6(r.v6).routeId;
+         if (emu_) emu_->clear(pos);
+         return;
+      }
+      case Route::Family::mcast: {
+         const uint32_t pos = ctx_->deleteMroute4(r.mcast).routeId;
+         if (emu_) emu_->clear(pos);
+         return;
+      }
+   }
+}
+
+bool EmulatedTable::installed(const Route& r) const {
+   switch (r.family) {
+      case Route::Family::v4:
+         return ctx_->v4() && ctx_->getKeyV4ToEntryId(r.v4) != 0;
+      case Route::Family::v6:
+         return ctx_->v6() && ctx_->v6()->getEntryId(r.v6) != 0;
+      case Route::Family::mcast:
+         return ctx_->mcastV4() && ctx_->mcastV4()->entryId(r.mcast) != 0;
+   }
+   return false;
+}
+
+void EmulatedTable::rewrite4(uint32_t pos) {
+   if (!emu_ || pos == 0) return;
+   if (ctx_->v4()->keysHas(pos)) {
+      emu_->writeV4(pos, ctx_->v4()->keys(pos));
+   } else {
+      emu_->clear(pos);
+   }
+}
+
+uint64_t EmulatedTable::moves() const {
+   uint64_t n = 0;
+   for (RouteType t : allRouteTypes)
+      n += ctx_->stats()->moveRoute(t);
+   return n;
+}
+
+uint64_t EmulatedTable::merges() const {
+   return ctx_->stats()->mergeRoute(RouteType::v4);
+}
+
+uint32_t EmulatedTable::usedEntries() const {
+   const L3TcamManagerContext& c = *ctx_;
+   if (c.v4Mcast()) return c.entries(RouteType::v4Mcast);
+   return c.entries(RouteType::v4) + c.entries(RouteType::v6Half) +
+          2 * c.entries(RouteType::v6Full);
+}
+
+}  // namespace VexloL3Common::sim

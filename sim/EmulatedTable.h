@@ -1,0 +1,73 @@
+// One TCAM context as an agent drives it: the model decides, the agent writes the entries it is
+// told about (a new route, the entry a delete or merge left behind), and a writer carries out the
+// moves and merges the model publishes. With an emulator the writer is `TcamEmulator`; without
+// one it is a writer that acknowledges at once and writes nothing, which is how the simulator
+// times the model (and its publication) on its own.
+//
+// Synopsis
+//   EmulatedTable t(cfg, /*urpf*/ false, /*emulate*/ true);   std::range_error if refused
+//   bool placed = t.add(route);           false: no room, or no entry of the size the route
+//                                         needs (the model is unchanged)
+//   t.del(route);                         the route must be installed
+//   t.ctx(), t.emu()                      the context; the emulator (null when software-only)
+//   t.installed(route)
+//
+// A multicast table is a context of its own: route families must match the table (unicast
+// routes to a unicast context, multicast to a multicast one).
+//
+// Single event-loop thread: nothing here is locked.
+#pragma once
+
+#include <memory>
+
+#include "VexloL3Common/L3TcamTable.h"
+#include "sim/Route.h"
+#include "sim/TcamEmulator.h"
+
+namespace VexloL3Common::sim {
+
+class EmulatedTable {
+ public:
+   // The writer handles and routing status of cfg are replaced by the table's own. A
+   // configuration the context cannot lay out raises std::range_error with the reason (the
+   // layout's own refusal, or the check it failed), and nothing is left behind.
+   EmulatedTable(L3TcamManagerContext::Config cfg, bool urpf, bool emulate);
+   ~EmulatedTable();
+   EmulatedTable(const EmulatedTable&) = delete;
+   EmulatedTable& operator=(const EmulatedTable&) = delete;
+
+   L3TcamManagerContext& ctx() { return *ctx_; }
+   const L3TcamManagerContext& ctx() const { return *ctx_; }
+   TcamEmulator* emu() { return emu_.get(); }
+   const TcamEmulator* emu() const { return emu_.get(); }
+
+   bool add(const Route& r);
+   void del(const Route& r);
+   bool installed(const Route& r) const;
+
+   // Moves and merges made so far, over every route type.
+   uint64_t moves() const;
+   uint64_t merges() const;
+   // Entries in use: IPv4 entries, single-size IPv6 entries, both entries of each double-size
+   // pair, multicast entries.
+   uint32_t usedEntries() const;
+   // Whether an IPv6 entry at pos is double-size (what the writer must know).
+   bool doubleSizeAt(uint32_t pos) const;
+   // Whether the layout has entries for an IPv6 route of this length at all. Without pairing
+   // there are no double-size entries, and an agent never offers a route longer than the
+   // single-size entries take (the model treats that as a broken caller): add() refuses it.
+   bool v6Placeable(uint32_t len) const;
+
+ private:
+   void rewrite4(uint32_t pos);
+
+   Ulo::Ptr<RouteMove> move_, moveStatus_;
+   Ulo::Ptr<RouteMerge> merge_, mergeStatus_;
+   Ulo::Ptr<Ulo::RoutingStatus> routing_;
+   Ulo::Ptr<L3TcamManagerContext> ctx_;
+   std::unique_ptr<TcamEmulator> emu_;
+   Ulo::Subscription ackMove_, ackMerge_;
+   uint64_t sequence_ = 0;
+};
+
+}  // namespace VexloL3Common::sim

@@ -1,0 +1,417 @@
+#include "sim/Simulation.h"
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <random>
+#include <stdexcept>
+#include <unordered_set>
+
+#include "platform/Assert.h"
+#include "sim/TcamImage.h"
+
+namespace VexloL3Common::sim {
+
+namespace {
+
+constexpr uint32_t notInstalled = std::numeric_limits<uint32_t>::max();
+// Occupancy samples kept: between this many and twice as many, whatever the run's length.
+constexpr size_t minSamples = 256;
+
+uint64_t nowNs() {
+   return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                       std::chrono::steady_clock::now().time_since_epoch())
+                       .count());
+}
+
+const char* familyWord(Route::Family f) {
+   return f == Route::Family::mcast ? "multicast" : "unicast";
+}
+
+L3TcamManagerContext::Config multicastConfig(uint32_t size) {
+   L3TcamManagerContext::Config c;
+   c.tcamSize = size;
+   c.v4Mcast = true;
+   return c;
+}
+
+}  // namespace
+
+std::string_view regionName(Region r) {
+   switch (r) {
+      case Region::v4:
+         return "IPv4";
+      case Region::v6Single:
+         return "IPv6 <= /64 (single size)";
+      case Region::v6Double:
+         return "IPv6 > /64 (double size)";
+      case Region::mcast:
+         return "IPv4 multicast";
+   }
+   return "?";
+}
+
+Region regionOf(const Route& r) {
+   switch (r.family) {
+      case Route::Family::v4:
+         return Region::v4;
+      case Route::Family::v6:
+         return r.len() <= 64 ? Region::v6Single : Region::v6Double;
+      case Route::Family::mcast:
+         return Region::mcast;
+   }
+   return Region::v4;
+}
+
+// ---- MoveHistogram ---------------------------------------------------------------------------
+
+void MoveHistogram::add(uint64_t moves) {
+   if (moves >= counts_.size()) counts_.resize(moves + 1, 0);
+   ++counts_[moves];
+   ++operations_;
+   total_ += moves;
+}
+
+uint64_t MoveHistogram::percentile(double p) const {
+   if (operations_ == 0) return 0;
+   // The rank of the operation that p percent of them do not exceed, rounded up.
+   const double want = p / 100.0 * double(operations_);
+   uint64_t seen = 0;
+   for (size_t m = 0; m < counts_.size(); ++m) {
+      seen += counts_[m];
+      if (double(seen) >= want) return m;
+   }
+   return max();
+}
+
+// ---- Statistics ------------------------------------------------------------------------------
+
+uint64_t Statistics::placed() const {
+   uint64_t n = 0;
+   for (const Family& f : family)
+      n += f.placed;
+   return n;
+}
+
+uint64_t Statistics::refused() const {
+   uint64_t n = 0;
+   for (const Family& f : family)
+      n += f.refused;
+   return n;
+}
+
+uint64_t Statistics::installed() const {
+   uint64_t n = 0;
+   for (uint64_t r : routes)
+      n += r;
+   return n;
+}
+
+// ---- Simulation ------------------------------------------------------------------------------
+
+Simulation::Simulation(const SimulationConfig& cfg) : cfg_(cfg) {
+   if (cfg.unicast.tcamSize) {
+      L3TcamManagerContext::Config u = cfg.unicast;
+      u.v4Mcast = false;
+      unicast_ = std::make_unique<EmulatedTable>(u, cfg.urpf, true);
+      unicast_->emu()->checkEveryMoveIs(cfg.check);
+   }
+   if (cfg.mcastSize) {
+      mcast_ = std::make_unique<EmulatedTable>(multicastConfig(cfg.mcastSize), false, true);
+      mcast_->emu()->checkEveryMoveIs(cfg.check);
+   }
+   if (!unicast_ && !mcast_)
+      throw std::range_error("no table: the unicast and multicast sizes are 0");
+   samples_.push_back(currentSample());
+}
+
+Simulation::~Simulation() = default;
+
+EmulatedTable* Simulation::tableOf(Route::Family f) const {
+   return f == Route::Family::mcast ? mcast_.get() : unicast_.get();
+}
+
+uint32_t Simulation::intern(const Route& r) {
+   auto [it, added] = poolIndex_.try_emplace(r, uint32_t(pool_.size()));
+   if (added) {
+      pool_.push_back(r);
+      installedAt_.push_back(notInstalled);
+      offered_.push_back(0);
+   }
+   return it->second;
+}
+
+void Simulation::beginPhase(const char* name) {
+   VEXLO_ASSERT(!finished_, "!finished_");
+   phaseStart_.push_back(ops_.size());
+   stats_.phases.push_back(Statistics::Phase{name, 0, 0});
+}
+
+ReportData::Sample Simulation::currentSample() const {
+   ReportData::Sample s;
+   s.op = stats_.operations;
+   s.usedEntries = (unicast_ ? unicast_->usedEntries() : 0) + (mcast_ ? mcast_->usedEntries() : 0);
+   s.routes.assign(stats_.routes.begin(), stats_.routes.end());
+   return s;
+}
+
+void Simulation::sample() {
+   samples_.push_back(currentSample());
+   if (samples_.size() >= 2 * minSamples) {
+      // Keep every other sample and sample half as often from now on.
+      size_t j = 0;
+      // The first sample is operation 0, so the even ones are the multiples of the new interval.
+      for (size_t i = 0; i < samples_.size(); i += 2)
+         samples_[j++] = std::move(samples_[i]);
+      samples_.resize(j);
+      sampleEvery_ *= 2;
+   }
+}
+
+void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
+   const Route& r = pool_[route];
+   EmulatedTable& t = *tableOf(r.family);
+   Statistics::Family& fam = stats_.family[size_t(r.family)];
+   const uint64_t movesBefore = t.moves();
+   const uint64_t mergesBefore = t.merges();
+   const uint32_t reallocBefore = t.ctx().stats()->reallocation();
+   uint64_t& regionRoutes = stats_.routes[size_t(regionOf(r))];
+   uint8_t placed = 0;
+   offered_[route] = kind == RouteOp::Kind::add;
+   if (kind == RouteOp::Kind::add) {
+      if (t.add(r)) {
+         placed = 1;
+         ++fam.placed;
+         ++regionRoutes;
+         installedAt_[route] = uint32_t(installed_.size());
+         installed_.push_back(route);
+      } else {
+         ++fam.refused;
+      }
+   } else if (installedAt_[route] == notInstalled) {
+      // Its add was refused: there is nothing to delete.
+      ++fam.skipped;
+   } else {
+      t.del(r);
+      ++fam.deleted;
+      --regionRoutes;
+      const uint32_t at = installedAt_[route];
+      installed_[at] = installed_.back();
+      installedAt_[installed_[at]] = at;
+      installed_.pop_back();
+      installedAt_[route] = notInstalled;
+   }
+   ops_.push_back(Op{route, kind});
+   placedOutcome_.push_back(placed);
+
+   const uint64_t moves = t.moves() - movesBefore;
+   stats_.movesPerUpdate.add(moves);
+   if (placed) stats_.movesPerInsert.add(moves);
+   stats_.moves += moves;
+   stats_.merges += t.merges() - mergesBefore;
+   stats_.reallocations += t.ctx().stats()->reallocation() - reallocBefore;
+   ++stats_.operations;
+   ++stats_.phases.back().operations;
+
+   for (unsigned i = 0; i < numRegions; ++i)
+      stats_.highWatermark[i] = std::max(stats_.highWatermark[i], stats_.routes[i]);
+   if (stats_.operations % sampleEvery_ == 0) sample();
+}
+
+void Simulation::load(const std::vector<Route>& routes, const Progress& progress) {
+   for (const Route& r : routes) {
+      if (!tableOf(r.family)) {
+         throw std::invalid_argument(fmt::format("route {} needs a {} table, and there is none",
+                                                 r.toString(), familyWord(r.family)));
+      }
+   }
+   beginPhase("load");
+   const uint64_t start = nowNs();
+   for (size_t i = 0; i < routes.size(); ++i) {
+      apply(intern(routes[i]), RouteOp::Kind::add);
+      if (progress && (i & 1023) == 0) progress(i, routes.size());
+   }
+   stats_.emulatedNs += nowNs() - start;
+   if (progress) progress(routes.size(), routes.size());
+}
+
+void Simulation::replay(const std::vector<RouteOp>& ops, std::string_view name,
+                        const Progress& progress) {
+   // The whole trace is checked against what is announced before any of it runs.
+   {
+      std::unordered_set<Route> present;
+      for (uint32_t idx = 0; idx < pool_.size(); ++idx) {
+         if (offered_[idx]) present.insert(pool_[idx]);
+      }
+      for (const RouteOp& op : ops) {
+         if (!tableOf(op.route.family)) {
+            throw InputError(name, op.line,
+                             fmt::format("{} route, and there is no {} table",
+                                         familyWord(op.route.family), familyWord(op.route.family)));
+         }
+         if (op.kind == RouteOp::Kind::add) {
+            if (!present.insert(op.route).second)
+               throw InputError(name, op.line, "add of a route that is already in the table");
+         } else if (present.erase(op.route) == 0) {
+            throw InputError(name, op.line, "del of a route that is not in the table");
+         }
+      }
+   }
+   beginPhase("replay");
+   const uint64_t start = nowNs();
+   for (size_t i = 0; i < ops.size(); ++i) {
+      apply(intern(ops[i].route), ops[i].kind);
+      if (progress && (i & 1023) == 0) progress(i, ops.size());
+   }
+   stats_.emulatedNs += nowNs() - start;
+   if (progress) progress(ops.size(), ops.size());
+}
+
+void Simulation::churn(uint64_t updates, uint64_t seed, const Progress& progress) {
+   if (installed_.empty()) throw std::invalid_argument("churn needs routes in the table");
+   beginPhase("churn");
+   std::mt19937_64 rng(seed);
+   std::vector<uint32_t> withdrawn;
+   const uint64_t start = nowNs();
+   for (uint64_t i = 0; i < updates; ++i) {
+      if (i % 2 == 0 && !installed_.empty()) {
+         const uint32_t route = installed_[rng() % installed_.size()];
+         apply(route, RouteOp::Kind::del);
+         withdrawn.push_back(route);
+      } else if (!withdrawn.empty()) {
+         const size_t k = rng() % withdrawn.size();
+         const uint32_t route = withdrawn[k];
+         apply(route, RouteOp::Kind::add);
+         if (placedOutcome_.back()) {
+            withdrawn[k] = withdrawn.back();
+            withdrawn.pop_back();
+         }
+      }
+      if (progress && (i & 1023) == 0) progress(i, updates);
+   }
+   stats_.emulatedNs += nowNs() - start;
+   if (progress) progress(updates, updates);
+}
+
+void Simulation::finish() {
+   VEXLO_ASSERT(!finished_, "!finished_");
+   finished_ = true;
+   const int64_t heapBefore = cfg_.heapBytes ? cfg_.heapBytes() : 0;
+   std::unique_ptr<EmulatedTable> twinU, twinM;
+   if (unicast_)
+      twinU = std::make_unique<EmulatedTable>(unicast_->ctx().config(), cfg_.urpf, false);
+   if (mcast_) twinM = std::make_unique<EmulatedTable>(mcast_->ctx().config(), false, false);
+   phaseStart_.push_back(ops_.size());
+   for (size_t p = 0; p + 1 < phaseStart_.size(); ++p) {
+      const size_t first = phaseStart_[p], last = phaseStart_[p + 1];
+      uint64_t divergence = 0;
+      const uint64_t start = nowNs();
+      for (size_t i = first; i < last; ++i) {
+         const Op& op = ops_[i];
+         const Route& r = pool_[op.route];
+         EmulatedTable& t = r.family == Route::Family::mcast ? *twinM : *twinU;
+         if (op.kind == RouteOp::Kind::add) {
+            divergence += uint8_t(t.add(r)) != placedOutcome_[i];
+         } else if (t.installed(r)) {
+            t.del(r);
+         }
+      }
+      stats_.phases[p].modelNs = nowNs() - start;
+      VEXLO_ASSERT_MSG(divergence == 0, "divergence == 0", divergence,
+                       " operations placed differently on the twin context");
+   }
+   phaseStart_.pop_back();
+   if (cfg_.heapBytes) stats_.modelBytes = cfg_.heapBytes() - heapBefore;
+   for (const EmulatedTable* t : {unicast_.get(), mcast_.get()}) {
+      if (!t) continue;
+      for (RouteType rt : allRouteTypes)
+         stats_.conversions += t->ctx().stats()->conversion(rt);
+   }
+}
+
+std::vector<std::string> Simulation::checkTables() const {
+   std::vector<std::string> out;
+   for (const EmulatedTable* t : {unicast_.get(), mcast_.get()}) {
+      if (!t) continue;
+      t->ctx().verify();
+      for (const Violation& v : t->emu()->checkAll())
+         out.push_back(v.message);
+      for (const std::string& e : t->emu()->errors())
+         out.push_back(e);
+   }
+   return out;
+}
+
+// ---- report figures --------------------------------------------------------------------------
+
+namespace {
+
+ReportData::TableMap mapOf(const EmulatedTable& t, std::string name) {
+   ReportData::TableMap m;
+   m.name = std::move(name);
+   const TcamEmulator& emu = *t.emu();
+   m.entries.resize(emu.size());
+   const L3TcamManagerContext& c = t.ctx();
+   // Entries the layout keeps out of use (index 0, the invalid-entry manager's) show as reserved
+   // unless something sits there.
+   if (!m.entries.empty()) m.entries[0].cell = ReportData::Cell::reserved;
+   if (c.invalidEntryManager()) {
+      for (uint32_t i = 1; i < emu.size(); ++i) {
+         if (c.invalidEntryManager()->isEntryInvalid(i))
+            m.entries[i].cell = ReportData::Cell::reserved;
+      }
+   }
+   emu.forEachEntry([&](uint32_t pos, const TcamEntry& e) {
+      ReportData::MapEntry& me = m.entries[pos];
+      switch (e.kind) {
+         case EntryKind::empty:
+            break;
+         case EntryKind::v4: {
+            me.cell = ReportData::Cell::v4;
+            const uint32_t l = e.v4.left.isNull() ? 0 : e.v4.left.len();
+            const uint32_t r = e.v4.right.isNull() ? 0 : e.v4.right.len();
+            me.len = uint8_t(std::max(l, r));
+            break;
+         }
+         case EntryKind::v6Single:
+            me = {ReportData::Cell::v6Single, uint8_t(e.v6.len())};
+            break;
+         case EntryKind::v6DoubleFirst:
+            me = {ReportData::Cell::v6Double, uint8_t(e.v6.len())};
+            break;
+         case EntryKind::v6DoubleSecond:
+            me = {ReportData::Cell::v6DoubleSecond, uint8_t(e.v6.len())};
+            break;
+         case EntryKind::mcast:
+            me = {ReportData::Cell::mcast, e.mcast.len};
+            break;
+      }
+   });
+   if (c.borderMoves() || (c.supportsDefipPairing() && c.v4V6Border()))
+      m.v4V6Border = c.v4V6Border();
+   return m;
+}
+
+}  // namespace
+
+ReportData Simulation::reportData() const {
+   ReportData d;
+   if (unicast_) d.maps.push_back(mapOf(*unicast_, "unicast table"));
+   if (mcast_ && stats_.routes[size_t(Region::mcast)] + stats_.family[2].refused > 0)
+      d.maps.push_back(mapOf(*mcast_, "multicast table"));
+   // Bars for 0 .. 31 moves and one for 32 or more.
+   constexpr size_t bars = 33;
+   const std::vector<uint64_t>& c = stats_.movesPerUpdate.counts();
+   d.movesPerUpdate.assign(std::min(bars, std::max<size_t>(c.size(), 1)), 0);
+   for (size_t m = 0; m < c.size(); ++m)
+      d.movesPerUpdate[std::min(m, bars - 1)] += c[m];
+   d.tableEntries = (unicast_ ? unicast_->ctx().tcamSize() : 0) + (mcast_ ? cfg_.mcastSize : 0);
+   for (unsigned i = 0; i < numRegions; ++i)
+      d.occupancyRegions.emplace_back(regionName(Region(i)));
+   d.occupancy = samples_;
+   if (d.occupancy.empty() || d.occupancy.back().op != stats_.operations)
+      d.occupancy.push_back(currentSample());
+   return d;
+}
+
+}  // namespace VexloL3Common::sim

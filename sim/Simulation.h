@@ -1,0 +1,183 @@
+// The simulation driver behind `vexlo-tcam`: a unicast and an optional multicast TCAM context,
+// each wired to the emulator, driven through a load, a replayed trace or seeded churn, with the
+// statistics an operator asks for.
+//
+// Synopsis
+//   SimulationConfig cfg;  cfg.unicast = ...;  cfg.mcastSize = 4096;
+//   Simulation sim(cfg);                            std::range_error if a layout refuses it
+//   sim.load(routes);                               adds every route, in order
+//   sim.replay(ops, "churn.trace");                 InputError naming the line, nothing applied
+//   sim.churn(100000, /*seed*/ 7);                  withdraw / re-announce
+//   sim.finish();                                   timing and memory of the model alone
+//   const Statistics& st = sim.statistics();
+//   std::vector<CapacityRow> rows = sim.capacity(70, 85);
+//
+// Two passes. Every operation first runs on the emulated tables: the emulator carries out each
+// published move and merge (and with `check` verifies the table after each one), and the moves
+// per operation, refusals, occupancy and high watermarks are counted there. The operations are
+// recorded, and finish() replays them on twin contexts whose writer only acknowledges, timing
+// each phase as one loop and counting the twins' heap: the model's own cost, as the benchmarks
+// measure it, without the emulator's. The twins must decide exactly as the emulated contexts did;
+// a difference is a broken model and fatal.
+//
+// Refusals are soft: an add with no room leaves the route out and counts it; a later delete of
+// such a route (in a trace) is skipped and counted.
+//
+// Single event-loop thread: nothing here is locked.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "VexloL3Common/L3TcamTable.h"
+#include "sim/EmulatedTable.h"
+#include "sim/HtmlReport.h"
+#include "sim/Route.h"
+
+namespace VexloL3Common::sim {
+
+struct SimulationConfig {
+   L3TcamManagerContext::Config unicast;  // the writer handles are the simulation's own
+   bool urpf = false;
+   uint32_t mcastSize = 0;  // 0: no multicast table (multicast routes are then an input error)
+   bool check = false;      // the emulator checks the table after every move and merge
+   // Live heap bytes of the process, when the program counts them; null: memory is not reported.
+   std::function<int64_t()> heapBytes;
+};
+
+// What operators size a table by, in report order: IPv4 routes, IPv6 routes that fit a
+// single-size entry (/64 or shorter), longer IPv6 routes (double-size entries on a paired table),
+// multicast routes. The model may place an IPv6 route in either size of entry; the region is the
+// route's, not the entry's.
+enum class Region : uint8_t { v4, v6Single, v6Double, mcast };
+inline constexpr unsigned numRegions = 4;
+std::string_view regionName(Region r);
+Region regionOf(const Route& r);
+
+// Moves per operation, exact: counts()[i] operations took i moves.
+class MoveHistogram {
+ public:
+   void add(uint64_t moves);
+   uint64_t operations() const { return operations_; }
+   uint64_t total() const { return total_; }
+   double mean() const { return operations_ ? double(total_) / double(operations_) : 0.0; }
+   // The smallest m such that at least p percent of the operations took m moves or fewer.
+   uint64_t percentile(double p) const;
+   uint64_t max() const { return counts_.empty() ? 0 : counts_.size() - 1; }
+   const std::vector<uint64_t>& counts() const { return counts_; }
+
+ private:
+   std::vector<uint64_t> counts_;
+   uint64_t operations_ = 0;
+   uint64_t total_ = 0;
+};
+
+struct Statistics {
+   struct Family {
+      uint64_t placed = 0, refused = 0, deleted = 0, skipped = 0;
+   };
+   // One loop of the run on the twin contexts: its operations and the model's time for them.
+   struct Phase {
+      std::string name;  // "load", "replay", "churn"
+      uint64_t operations = 0;
+      uint64_t modelNs = 0;
+   };
+   std::array<Family, 3> family;  // by Route::Family
+   MoveHistogram movesPerInsert;  // placed adds
+   MoveHistogram movesPerUpdate;  // every add and delete
+   uint64_t moves = 0, merges = 0, conversions = 0, reallocations = 0;
+   std::vector<Phase> phases;
+   // Live heap bytes of the twin contexts after the run; -1 when not counted.
+   int64_t modelBytes = -1;
+   // Routes per region, now and at their highest.
+   std::array<uint64_t, numRegions> routes{};
+   std::array<uint64_t, numRegions> highWatermark{};
+   uint64_t operations = 0;
+   uint64_t emulatedNs = 0;  // wall time of the emulated pass (model, emulator and checks)
+
+   uint64_t placed() const;
+   uint64_t refused() const;
+   uint64_t installed() const;
+};
+
+class Simulation {
+ public:
+   using Progress = std::function<void(uint64_t done, uint64_t total)>;
+
+   explicit Simulation(const SimulationConfig& cfg);
+   ~Simulation();
+   Simulation(const Simulation&) = delete;
+   Simulation& operator=(const Simulation&) = delete;
+
+   // Adds every route in order. A route whose table does not exist is a std::invalid_argument
+   // before anything is applied.
+   void load(const std::vector<Route>& routes, const Progress& progress = {});
+   // Checks the whole trace first, against the announced routes as the trace changes them
+   // (announced: added and not deleted since, whether the table placed it or not): adding a
+   // route that is announced, deleting one that is not, or a route whose table does not exist
+   // is an InputError naming the line, and nothing is applied.
+   void replay(const std::vector<RouteOp>& ops, std::string_view name,
+               const Progress& progress = {});
+   // `updates` updates, alternately withdrawing a random installed route and announcing a random
+   // route among those withdrawn so far (which may be the one just withdrawn): routes that flap.
+   // std::invalid_argument when no route is installed.
+   void churn(uint64_t updates, uint64_t seed, const Progress& progress = {});
+   // Replays every recorded operation on the twins, timing each phase. Call once, after the
+   // last phase; statistics() has no timing or memory before it.
+   void finish();
+
+   const Statistics& statistics() const { return stats_; }
+   const SimulationConfig& config() const { return cfg_; }
+   EmulatedTable* unicast() { return unicast_.get(); }
+   const EmulatedTable* unicast() const { return unicast_.get(); }
+   EmulatedTable* multicast() { return mcast_.get(); }
+   const EmulatedTable* multicast() const { return mcast_.get(); }
+
+   // One row per region the layout has (see Capacity.cpp for what "free" means).
+   std::vector<ReportData::CapacityRow> capacity(double warnPercent, double criticalPercent) const;
+
+   // The context's verification (fatal) and the emulators' full check: the violations found.
+   std::vector<std::string> checkTables() const;
+
+   // The figures of the HTML report (maps, histogram, occupancy); the caller adds title, facts
+   // and capacity.
+   ReportData reportData() const;
+
+ private:
+   struct Op {
+      uint32_t route;  // index into pool_
+      RouteOp::Kind kind;
+   };
+   EmulatedTable* tableOf(Route::Family f) const;
+   uint32_t intern(const Route& r);
+   // Applies one operation to the emulated table and records it.
+   void apply(uint32_t route, RouteOp::Kind kind);
+   void beginPhase(const char* name);
+   ReportData::Sample currentSample() const;
+   void sample();
+
+   SimulationConfig cfg_;
+   std::unique_ptr<EmulatedTable> unicast_, mcast_;
+   std::vector<Route> pool_;
+   std::unordered_map<Route, uint32_t> poolIndex_;
+   std::vector<Op> ops_;
+   std::vector<size_t> phaseStart_;  // first op of each phase
+   // Installed routes (pool indices) with O(1) removal, for churn.
+   std::vector<uint32_t> installed_;
+   std::vector<uint32_t> installedAt_;   // by pool index; npos when not installed
+   std::vector<uint8_t> placedOutcome_;  // per op: 1 when an add placed its route
+   // By pool index: 1 while the route is announced, placed or not (what the agent believes).
+   std::vector<uint8_t> offered_;
+   std::vector<ReportData::Sample> samples_;
+   uint64_t sampleEvery_ = 1;
+   Statistics stats_;
+   bool finished_ = false;
+};
+
+}  // namespace VexloL3Common::sim

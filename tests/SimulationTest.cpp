@@ -1,0 +1,211 @@
+// The simulation driver: capacity that matches what really fits, traces checked whole before
+// anything is applied, churn that keeps its books, the twin pass that times the model, and the
+// report figures taken from the emulated table.
+
+#include "sim/Simulation.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "TcamFixture.h"
+#include "sim/SyntheticTable.h"
+
+namespace VexloL3Common::sim {
+namespace {
+
+using testing::layout;
+
+SimulationConfig small(uint32_t mcastSize = 0) {
+   SimulationConfig c;
+   c.unicast = layout(1024, 2, 8);
+   c.mcastSize = mcastSize;
+   c.check = true;
+   return c;
+}
+
+std::vector<Route> v4Routes(uint32_t n, uint32_t len, uint32_t first = 0) {
+   std::vector<Route> out;
+   for (uint32_t i = first; i < first + n; ++i)
+      out.push_back(Route::of(Ipv4UcastKey(VrfId(1), Ulo::Prefix(i << (32 - len), uint8_t(len)))));
+   return out;
+}
+
+const ReportData::CapacityRow& rowOf(const std::vector<ReportData::CapacityRow>& rows, Region r) {
+   for (const auto& row : rows) {
+      if (row.region == regionName(r)) return row;
+   }
+   throw std::runtime_error("no row");
+}
+
+// What the probe calls free must be exactly what the table then takes, for IPv4 sharing entries
+// and for IPv6 on a paired table whose border moves (the probe grows the IPv6 partition too).
+TEST(Simulation, FreeCapacityIsWhatTheTableStillTakes) {
+   struct Case {
+      const char* name;
+      SimulationConfig cfg;
+      std::vector<Route> load;
+      std::function<Route(uint32_t)> more;
+      Region region;
+   };
+   SimulationConfig paired = small();
+   paired.unicast.supportsDefipPairing = true;
+   paired.unicast.dynamicV4V6Boundary = true;
+   std::vector<Route> mixed = v4Routes(300, 24);
+   for (uint32_t i = 0; i < 40; ++i) {
+      Ulo::Ip6Prefix::Bytes b{0x20, 0x01, 0x0d, 0xb8, uint8_t(i)};
+      mixed.push_back(Route::of(Ipv6UcastKey(VrfId(1), Ulo::Ip6Prefix(b, 128))));
+   }
+   std::vector<Case> cases;
+   cases.push_back({"ipv4", small(), v4Routes(700, 24),
+                    [](uint32_t i) { return v4Routes(1, 24, 5000 + i)[0]; }, Region::v4});
+   cases.push_back({"ipv6 double, moving border", paired, mixed,
+                    [](uint32_t i) {
+                       Ulo::Ip6Prefix::Bytes b{0x20, 0x01, 0x0d, 0xb9, uint8_t(i >> 8), uint8_t(i)};
+                       return Route::of(Ipv6UcastKey(VrfId(1), Ulo::Ip6Prefix(b, 128)));
+                    },
+                    Region::v6Double});
+   for (const Case& c : cases) {
+      SCOPED_TRACE(c.name);
+      Simulation sim(c.cfg);
+      sim.load(c.load);
+      const auto row = rowOf(sim.capacity(70, 85), c.region);
+      EXPECT_EQ(row.used, c.load.size() - (c.region == Region::v6Double ? 300 : 0));
+      ASSERT_GT(row.free, 0u);
+      std::vector<Route> extra;
+      for (uint32_t i = 0; i <= row.free; ++i)
+         extra.push_back(c.more(i));
+      sim.load(extra);
+      EXPECT_EQ(sim.statistics().refused(), 1u) << "free " << row.free;
+      EXPECT_TRUE(sim.checkTables().empty());
+      const auto full = rowOf(sim.capacity(70, 85), c.region);
+      EXPECT_EQ(full.free, 0u);
+      EXPECT_EQ(full.percentUsed, 100.0);
+      EXPECT_THAT(full.warning, ::testing::StartsWith("critical: 100.0 % used"));
+   }
+}
+
+TEST(Simulation, TraceIsCheckedWholeBeforeAnythingIsApplied) {
+   Simulation sim(small());
+   sim.load(v4Routes(10, 24));
+   std::istringstream ok("add vrf 1 10.0.0.0/8\nadd 10.1.0.0/16\ndel vrf 1 0.0.1.0/24\n");
+   sim.replay(readTrace(ok, "ok"), "ok");
+   EXPECT_EQ(sim.statistics().family[0].placed, 12u);
+   EXPECT_EQ(sim.statistics().family[0].deleted, 1u);
+
+   const uint64_t ops = sim.statistics().operations;
+   for (const char* bad :
+        {"add 10.2.0.0/16\ndel 10.2.0.0/16\ndel 10.2.0.0/16\n", "del 10.3.0.0/16\n",
+         "add 10.4.0.0/16\nadd vrf 1 10.0.0.0/8\n", "add 10.4.0.0/16\nadd mcast 239.0.0.0/8\n"}) {
+      std::istringstream in(bad);
+      const auto trace = readTrace(in, "t");
+      try {
+         sim.replay(trace, "t");
+         ADD_FAILURE() << bad;
+      } catch (const InputError& e) {
+         EXPECT_EQ(e.line(), trace.back().line) << e.what();
+      }
+      EXPECT_EQ(sim.statistics().operations, ops) << "nothing applied from " << bad;
+   }
+}
+
+TEST(Simulation, RefusedRoutesAreCountedAndTheirDeletesSkipped) {
+   SimulationConfig cfg = small();
+   Simulation sim(cfg);
+   std::vector<Route> routes = v4Routes(2500, 24);  // more than 1 024 entries hold
+   sim.load(routes);
+   const Statistics& st = sim.statistics();
+   ASSERT_GT(st.family[0].refused, 0u);
+   EXPECT_EQ(st.family[0].placed + st.family[0].refused, routes.size());
+   std::ostringstream trace;
+   trace << "del " << routes.back().toString() << "\n";
+   std::istringstream in(trace.str());
+   sim.replay(readTrace(in, "t"), "t");
+   EXPECT_EQ(st.family[0].skipped, 1u);
+   EXPECT_EQ(st.installed(), st.family[0].placed);
+   EXPECT_EQ(st.highWatermark[0], st.family[0].placed);
+}
+
+TEST(Simulation, ChurnKeepsTheTableAndTheTwinAgrees) {
+   SimulationConfig cfg = small(256);
+   int64_t heap = 0;
+   cfg.heapBytes = [&heap] { return heap += 1000; };  // each call "allocates" 1000 bytes
+   Simulation sim(cfg);
+   SyntheticMix mix;
+   mix.v4 = 900;
+   mix.mcast = 100;
+   sim.load(syntheticTable(mix));
+   const uint64_t loaded = sim.statistics().installed();
+   sim.churn(3001, 5);
+   const Statistics& st = sim.statistics();
+   // Every withdraw is followed by an announce of a withdrawn route, and the last one is a
+   // withdraw: one route short, unless some announce was refused.
+   EXPECT_EQ(st.installed() + 1, loaded);
+   EXPECT_EQ(st.operations, loaded + 3001);
+   EXPECT_EQ(st.movesPerUpdate.operations(), st.operations);
+   EXPECT_EQ(st.movesPerUpdate.total(), st.moves);
+   sim.finish();  // fatal if the twin placed anything differently
+   ASSERT_EQ(st.phases.size(), 2u);
+   EXPECT_EQ(st.phases[0].name, "load");
+   EXPECT_EQ(st.phases[1].operations, 3001u);
+   EXPECT_GT(st.phases[1].modelNs, 0u);
+   EXPECT_EQ(st.modelBytes, 1000);
+   EXPECT_TRUE(sim.checkTables().empty());
+}
+
+TEST(Simulation, MoveHistogramPercentilesAreExact) {
+   MoveHistogram h;
+   for (int i = 0; i < 98; ++i)
+      h.add(1);
+   h.add(7);
+   h.add(40);
+   EXPECT_EQ(h.percentile(98), 1u);
+   EXPECT_EQ(h.percentile(99), 7u);
+   EXPECT_EQ(h.percentile(100), 40u);
+   EXPECT_EQ(h.max(), 40u);
+   EXPECT_DOUBLE_EQ(h.mean(), (98 + 7 + 40) / 100.0);
+   EXPECT_EQ(MoveHistogram().percentile(99), 0u);
+}
+
+TEST(Simulation, ReportFiguresFollowTheEmulatedTable) {
+   Simulation sim(small());
+   sim.load(v4Routes(600, 24));
+   sim.load(v4Routes(3, 16, 1));
+   const ReportData d = sim.reportData();
+   ASSERT_EQ(d.maps.size(), 1u);
+   const auto& entries = d.maps[0].entries;
+   ASSERT_EQ(entries.size(), 1024u);
+   size_t v4 = 0, at16 = 0;
+   for (const auto& e : entries) {
+      v4 += e.cell == ReportData::Cell::v4;
+      at16 += e.cell == ReportData::Cell::v4 && e.len == 16;
+   }
+   EXPECT_EQ(v4, sim.unicast()->ctx().entries(RouteType::v4));
+   EXPECT_EQ(at16, 2u) << "three /16 routes, two to an entry";
+   EXPECT_EQ(entries[0].cell, ReportData::Cell::reserved);
+   uint64_t updates = 0;
+   for (uint64_t c : d.movesPerUpdate)
+      updates += c;
+   EXPECT_EQ(updates, 603u);
+   ASSERT_FALSE(d.occupancy.empty());
+   EXPECT_EQ(d.occupancy.front().op, 0u);
+   EXPECT_EQ(d.occupancy.back().op, 603u);
+   EXPECT_EQ(d.occupancy.back().routes[0], 603u);
+   EXPECT_EQ(d.occupancy.back().usedEntries, sim.unicast()->usedEntries());
+}
+
+TEST(Simulation, LayoutThatCannotBeServedIsARangeError) {
+   SimulationConfig cfg = small();
+   cfg.unicast.tcamMode = 1;
+   cfg.urpf = true;  // uRPF needs mode 2 or 4
+   EXPECT_THROW(Simulation{cfg}, std::range_error);
+   cfg = small();
+   std::vector<Route> mc{
+       Route::of(IpMcastPrefixKey(0, 0, Ulo::IpGenAddr::v4(0xe0000000), Ulo::IpGenAddr::v4(0), 8))};
+   Simulation sim(cfg);
+   EXPECT_THROW(sim.load(mc), std::invalid_argument) << "no multicast table";
+}
+
+}  // namespace
+}  // namespace VexloL3Common::sim

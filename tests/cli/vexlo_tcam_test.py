@@ -1,0 +1,206 @@
+#!/usr/bin/env python3
+"""vexlo-tcam as an operator runs it: the demo, route-file errors, JSON against the show summary,
+bad input, replay from stdin, the generator, and the HTML report in a headless browser.
+
+Usage: vexlo_tcam_test.py PATH/TO/vexlo-tcam [TestCase.test_name ...]
+Exit status 77 means skipped (CTest's SKIP_RETURN_CODE).
+"""
+import json
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+
+TOOL = None
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+SKIP = 77
+
+
+def run(*args, stdin=None, cwd=None):
+    p = subprocess.run([TOOL, *args], input=stdin, capture_output=True, text=True, cwd=cwd,
+                       timeout=600)
+    return p.returncode, p.stdout, p.stderr
+
+
+def summary_of(text):
+    """The figures of the show summary, as printed."""
+    m = re.search(r"^LPM table mode: (\d+), table usage: (\d+)/(\d+)$", text, re.M)
+    v4 = re.search(r"^IPv4 entries: (\d+) \(full: (\d+), half full: (\d+)\), routes: (\d+)$",
+                   text, re.M)
+    half = re.search(r"^IPv6 half size entries: (\d+), routes: (\d+)$", text, re.M)
+    full = re.search(r"^IPv6 full size entries: (\d+), routes: (\d+)$", text, re.M)
+    moved = re.search(r"^Entries moved IPv4: (\d+), IPv6 Half: (\d+), Full: (\d+)$", text, re.M)
+    assert m and v4 and half and full and moved, "summary lines missing:\n" + text
+    n = lambda g: [int(x) for x in g.groups()]
+    return {"mode": n(m)[0], "used": n(m)[1], "usable": n(m)[2], "v4": n(v4), "half": n(half),
+            "full": n(full), "moved": n(moved)}
+
+
+class Cli(unittest.TestCase):
+    def setUp(self):
+        self.tmp = tempfile.TemporaryDirectory()
+        self.dir = self.tmp.name
+
+    def tearDown(self):
+        self.tmp.cleanup()
+
+    def path(self, name):
+        return os.path.join(self.dir, name)
+
+    def write(self, name, text):
+        with open(self.path(name), "w") as f:
+            f.write(text)
+        return self.path(name)
+
+    def assertFailsCleanly(self, code, out, err, files=()):
+        self.assertEqual(code, 2, err)
+        self.assertEqual(out, "")
+        lines = err.splitlines()
+        self.assertEqual(len(lines), 1, err)
+        self.assertTrue(lines[0].startswith("vexlo-tcam: "), err)
+        for f in files:
+            self.assertFalse(os.path.exists(f), f + " was written")
+        self.assertFalse([n for n in os.listdir(self.dir) if ".tmp." in n], "temporary left")
+
+    # ---- the demo: what `make demo` runs
+    def test_demo_runs_and_its_summary_parses(self):
+        report = self.path("demo.html")
+        code, out, err = run("simulate", "--churn", "20000", "--report", report,
+                             "--progress", "never")
+        self.assertEqual(code, 0, err)
+        head = re.search(r"^Placed (\d+) of (\d+) routes added \((\d+) refused\); unicast table "
+                         r"([\d.]+) % used \((\d+) of (\d+) entries\)$", out, re.M)
+        self.assertTrue(head, out)
+        placed, added, refused, percent, used, usable = head.groups()
+        self.assertEqual(refused, "0")
+        self.assertEqual(placed, added)
+        self.assertTrue(80 <= float(percent) <= 90, percent)
+        s = summary_of(out)
+        self.assertEqual((s["mode"], s["used"], s["usable"]), (2, int(used), int(usable)))
+        table = int(re.search(r"^Input: bundled default table .*, (\d+) routes$", out, re.M)[1])
+        self.assertEqual(s["v4"][3], table, "every bundled route is installed after churn")
+        moves = re.search(r"^Moves per insert: mean ([\d.]+), p99 (\d+), max (\d+);", out, re.M)
+        self.assertTrue(moves and 0 < float(moves[1]) <= int(moves[2]) <= int(moves[3]), out)
+        self.assertRegex(out, r"(?m)^  time, churn +\d+ ns per operation \(20000 operations")
+        self.assertRegex(out, r"(?m)^  IPv4 +\d+ +\d+ +\d+ +[\d.]+% +\d+")
+        self.assertGreater(os.path.getsize(report), 1000)
+
+    # ---- route files
+    def test_route_file_error_on_line_7_reports_line_7_and_applies_nothing(self):
+        routes = self.write("t.routes", "# a table\n\n10.0.0.0/8\nvrf 2 10.1.0.0/16  # ok\n"
+                            "2001:db8::/32\n\n10.2.0.0/33\n10.3.0.0/16\n")
+        outs = [self.path("out.json"), self.path("out.html")]
+        code, out, err = run("simulate", "--routes", routes, "--json", outs[0],
+                             "--report", outs[1])
+        self.assertFailsCleanly(code, out, err, outs)
+        self.assertIn(routes + ":7: ", err)
+
+    def test_json_counts_match_the_show_summary(self):
+        out_json = self.path("out.json")
+        code, out, err = run("simulate", "--synthetic", "3000", "--synthetic-v6", "600",
+                             "--pairing", "--churn", "2000", "--json", out_json,
+                             "--progress", "never")
+        self.assertEqual(code, 0, err)
+        with open(out_json) as f:
+            j = json.load(f)
+        s = summary_of(out)
+        js = j["summary"]
+        self.assertEqual((js["tableMode"], js["usedEntries"], js["usableEntries"]),
+                         (s["mode"], s["used"], s["usable"]))
+        self.assertEqual([js["ipv4Entries"], js["ipv4FullEntries"], js["ipv4HalfFullEntries"],
+                          js["ipv4Routes"]], s["v4"])
+        self.assertEqual([js["ipv6SingleEntries"], js["ipv6DoubleEntries"],
+                          js["ipv6DoubleRoutes"]], [s["half"][0], *s["full"]])
+        self.assertEqual([js["movedIpv4"], js["movedIpv6Half"], js["movedIpv6Full"]], s["moved"])
+        r = j["routes"]
+        self.assertEqual(r["installed"], s["v4"][3] + s["half"][1] + s["full"][1])
+        self.assertEqual(r["ipv4"]["placed"] - r["ipv4"]["deleted"], s["v4"][3])
+        self.assertEqual(j["moves"]["total"], sum(s["moved"]))
+        self.assertEqual(sum(j["moves"]["perUpdate"]["counts"]), j["operations"])
+        self.assertEqual(j["violations"], 0)
+        self.assertEqual([p["name"] for p in j["timing"]["phases"]], ["load", "churn"])
+
+    # ---- bad input: one line, exit 2, no files
+    def test_bad_input_fails_cleanly(self):
+        outs = [self.path("out.json"), self.path("out.html")]
+        files = ["--json", outs[0], "--report", outs[1]]
+        cases = [
+            (["simulate", "--routes", self.path("missing")], None, "cannot open"),
+            (["simulate", "--mode", "7"], None, "--mode"),
+            (["simulate", "--urpf", "--mode", "1"], None, "--urpf"),
+            (["simulate", "--size", "1000", "--blocks", "3"], None, "multiple"),
+            (["simulate", "--pairing", "--pair-gap", "3"], None, "layout refuses"),
+            (["capacity", "--routes", "-"], "10.0.0.0/8\n10.0.0.1/8\n", "<stdin>:2: "),
+            (["simulate", "--report", self.path("no/such/dir/r.html")], None, "no directory"),
+            (["simulate", "--trace", "VexloL3CommonTcamTable=x"], None, ""),
+            (["replay", "--synthetic", "10"], None, "trace"),
+            (["simulate", "--synthetic", "5", "--routes", "x"], None, "excludes"),
+        ]
+        for args, stdin, text in cases:
+            with self.subTest(args=args):
+                extra = files if "--report" not in args else files[:2]
+                code, out, err = run(*args, *extra, stdin=stdin)
+                self.assertFailsCleanly(code, out, err, outs)
+                self.assertIn(text, err)
+
+    # ---- replay, stdin, multicast
+    def test_replay_from_stdin_with_multicast(self):
+        trace = self.write("t.trace", "add 10.9.0.0/16\nadd mcast 232.1.1.1 10.0.0.1\n"
+                           "del 10.0.0.0/8\nadd mcast vrf 3 239.0.0.0/8\ndel 10.9.0.0/16\n")
+        code, out, err = run("replay", trace, "--routes", "-", "--json", "-",
+                             stdin="10.0.0.0/8\n10.1.0.0/16\nvrf 2 10.0.0.0/8\n")
+        self.assertEqual(code, 0, err)
+        j = json.loads(out)
+        self.assertEqual((j["routes"]["ipv4"]["placed"], j["routes"]["ipv4"]["deleted"]), (4, 2))
+        self.assertEqual(j["routes"]["multicast"]["placed"], 2)
+        self.assertEqual(j["config"]["mcastSize"], 4096, "a multicast table appears on demand")
+        self.assertEqual(j["routes"]["installed"], 4)
+        bad = self.write("bad.trace", "add 10.9.0.0/16\ndel 10.9.0.0/16\ndel 10.9.0.0/16\n")
+        code, out, err = run("replay", bad, "--routes", "-", stdin="10.0.0.0/8\n")
+        self.assertFailsCleanly(code, out, err)
+        self.assertIn(bad + ":3: ", err)
+
+    # ---- the generator: a written table loads exactly as the same synthetic table
+    def test_generated_file_simulates_like_the_synthetic_table(self):
+        table = self.path("g.routes")
+        code, _, err = run("generate", "--synthetic", "2000", "--synthetic-v6", "300",
+                           "--seed", "9", "-o", table)
+        self.assertEqual(code, 0, err)
+        common = ["--pairing", "--dynamic-border", "--json", "-"]
+        a = json.loads(run("simulate", "--routes", table, *common)[1])
+        b = json.loads(run("simulate", "--synthetic", "2000", "--synthetic-v6", "300",
+                           "--seed", "9", *common)[1])
+        for key in ("summary", "moves", "capacity"):
+            self.assertEqual(a[key], b[key], key)
+        self.assertEqual(a["routes"]["installed"], 2300)
+
+    def test_trace_levels_write_trace_lines(self):
+        code, out, err = run("simulate", "--synthetic", "50", "--trace",
+                             "VexloL3CommonTcamTable=2", "--progress", "never")
+        self.assertEqual(code, 0, err)
+        self.assertIn("addRoute4", err)
+
+    # ---- the report in a real browser
+    def test_report_renders_in_headless_chromium(self):
+        report = self.path("r.html")
+        code, _, err = run("simulate", "--synthetic", "4000", "--synthetic-v6", "500",
+                           "--pairing", "--dynamic-border", "--churn", "3000", "--report", report)
+        self.assertEqual(code, 0, err)
+        check = subprocess.run([os.path.join(ROOT, "scripts", "check-report-render"), report, "3"],
+                               capture_output=True, text=True, timeout=300)
+        if check.returncode == SKIP:
+            raise unittest.SkipTest(check.stdout + check.stderr)
+        self.assertEqual(check.returncode, 0, check.stdout + check.stderr)
+
+
+if __name__ == "__main__":
+    TOOL = os.path.abspath(sys.argv[1])
+    names = sys.argv[2:]
+    suite = (unittest.defaultTestLoader.loadTestsFromNames(names, sys.modules[__name__])
+             if names else unittest.defaultTestLoader.loadTestsFromTestCase(Cli))
+    result = unittest.TextTestRunner(verbosity=2).run(suite)
+    if not result.wasSuccessful():
+        sys.exit(1)
+    sys.exit(SKIP if result.skipped and result.testsRun == len(result.skipped) else 0)

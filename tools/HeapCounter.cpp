@@ -1,0 +1,52 @@
+// Live heap bytes of the program, for the model's memory figure: every allocation through
+// operator new carries its size in a header. The program is single-threaded, but the counter is
+// atomic so that a library thread could never corrupt it.
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+#include "tools/Tool.h"
+
+namespace {
+std::atomic<int64_t> liveBytes{0};
+constexpr size_t header = alignof(std::max_align_t);
+}  // namespace
+
+void* operator new(size_t n) {
+   void* p = std::malloc(n + header);
+   if (!p) throw std::bad_alloc();
+   *static_cast<size_t*>(p) = n;
+   liveBytes.fetch_add(int64_t(n), std::memory_order_relaxed);
+   return static_cast<char*>(p) + header;
+}
+
+void* operator new[](size_t n) {
+   return operator new(n);
+}
+
+void operator delete(void* p) noexcept {
+   if (!p) return;
+   char* base = static_cast<char*>(p) - header;
+   liveBytes.fetch_sub(int64_t(*reinterpret_cast<size_t*>(base)), std::memory_order_relaxed);
+   std::free(base);
+}
+
+void operator delete[](void* p) noexcept {
+   operator delete(p);
+}
+
+void operator delete(void* p, size_t) noexcept {
+   operator delete(p);
+}
+
+void operator delete[](void* p, size_t) noexcept {
+   operator delete(p);
+}
+
+namespace VexloL3Common::tool {
+
+int64_t liveHeapBytes() {
+   return liveBytes.load(std::memory_order_relaxed);
+}
+
+}  // namespace VexloL3Common::tool

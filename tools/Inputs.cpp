@@ -1,0 +1,68 @@
+// Where a run's routes come from: a route file, stdin, the generator, or the bundled table.
+#include <fstream>
+#include <iostream>
+
+#include "sim/SyntheticTable.h"
+#include "tools/Tool.h"
+
+namespace VexloL3Common::tool {
+
+namespace {
+
+std::ifstream openOrFail(const std::string& path) {
+   std::ifstream f(path);
+   if (!f) throw UsageError("cannot open '" + path + "'");
+   return f;
+}
+
+}  // namespace
+
+std::string defaultTablePath() {
+   // The source tree's copy when run from a build, the installed one otherwise.
+   for (const char* p :
+        {VEXLO_SOURCE_DATA_DIR "/default.routes", VEXLO_INSTALL_DATA_DIR "/default.routes"}) {
+      if (std::ifstream(p)) return p;
+   }
+   return "";
+}
+
+Input readInput(const Options& o) {
+   Input in;
+   if (o.synthetic + o.syntheticV6 + o.syntheticMcast > 0) {
+      sim::SyntheticMix mix;
+      mix.v4 = o.synthetic;
+      mix.v6 = o.syntheticV6;
+      mix.mcast = o.syntheticMcast;
+      mix.seed = o.seed;
+      in.routes = sim::syntheticTable(mix);
+      in.description = "synthetic table (" + std::to_string(mix.v4) + " IPv4, " +
+                       std::to_string(mix.v6) + " IPv6, " + std::to_string(mix.mcast) +
+                       " multicast, seed " + std::to_string(mix.seed) + ")";
+      return in;
+   }
+   if (o.routes == "-") {
+      in.routes = sim::readRouteTable(std::cin, "<stdin>");
+      in.description = "routes from stdin";
+      return in;
+   }
+   std::string path = o.routes;
+   if (path.empty()) {
+      path = defaultTablePath();
+      if (path.empty())
+         throw UsageError("the bundled default table is not installed; give --routes");
+      in.description = "bundled default table (" + path + ")";
+   } else {
+      in.description = "route file " + path;
+   }
+   std::ifstream f = openOrFail(path);
+   in.routes = sim::readRouteTable(f, path);
+   return in;
+}
+
+std::vector<sim::RouteOp> readTraceFile(const std::string& path) {
+   if (path == "-") return sim::readTrace(std::cin, "<stdin>");
+   std::ifstream f = openOrFail(path);
+   return sim::readTrace(f, path);
+}
+
+}  // namespace VexloL3Common::tool

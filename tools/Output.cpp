@@ -1,0 +1,385 @@
+// What vexlo-tcam prints and writes: the headline, statistics and capacity table an operator
+// reads, the same figures as JSON for scripts, and output files that appear whole or not at all.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "tools/Tool.h"
+
+namespace VexloL3Common::tool {
+
+namespace {
+
+double nsPerOp(const sim::Statistics::Phase& p) {
+   return p.operations ? double(p.modelNs) / double(p.operations) : 0.0;
+}
+
+uint64_t modelNs(const sim::Statistics& st) {
+   uint64_t ns = 0;
+   for (const auto& p : st.phases)
+      ns += p.modelNs;
+   return ns;
+}
+
+// The show summary's figures, computed as the summary computes them.
+struct Summary {
+   uint32_t mode = 0, used = 0, usable = 0, e4 = 0, halfFull = 0, e6h = 0, e6f = 0;
+   uint64_t movedV4 = 0, movedV6Half = 0, movedV6Full = 0;
+};
+Summary summaryOf(const L3TcamManagerContext& c) {
+   Summary s;
+   s.mode = c.tcamMode();
+   s.e4 = c.entries(RouteType::v4);
+   s.e6h = c.entries(RouteType::v6Half);
+   s.e6f = c.entries(RouteType::v6Full);
+   s.halfFull = uint32_t(c.v4()->halfFullSize());
+   s.used = s.e4 + s.e6h + 2 * s.e6f;
+   s.usable = c.effectiveSize() - 2;
+   s.movedV4 = c.stats()->moveRoute(RouteType::v4);
+   s.movedV6Half = c.stats()->moveRoute(RouteType::v6Half);
+   s.movedV6Full = c.stats()->moveRoute(RouteType::v6Full);
+   return s;
+}
+
+// A minimal JSON writer: objects, arrays, numbers, strings and null, with commas placed.
+class Json {
+ public:
+   std::string str() const { return out_ + "\n"; }
+   Json& open(const char* key, char bracket) {
+      this->key(key);
+      out_ += bracket;
+      first_ = true;
+      return *this;
+   }
+   Json& close(char bracket) {
+      out_ += bracket;
+      first_ = false;
+      return *this;
+   }
+   template <class T>
+   Json& num(const char* key, T v) {
+      this->key(key);
+      if constexpr (std::is_floating_point_v<T>) {
+         out_ += fmt::format("{:.6g}", v);
+      } else {
+         out_ += fmt::format("{}", v);
+      }
+      return *this;
+   }
+   Json& boolean(const char* key, bool v) {
+      this->key(key);
+      out_ += v ? "true" : "false";
+      return *this;
+   }
+   Json& null(const char* key) {
+      this->key(key);
+      out_ += "null";
+      return *this;
+   }
+   Json& string(const char* key, std::string_view v) {
+      this->key(key);
+      out_ += '"';
+      for (char ch : v) {
+         const unsigned char c = static_cast<unsigned char>(ch);
+         if (c == '"' || c == '\\') {
+            out_ += '\\';
+            out_ += ch;
+         } else if (c < 0x20) {
+            out_ += fmt::format("\\u{:04x}", c);
+         } else {
+            out_ += ch;
+         }
+      }
+      out_ += '"';
+      return *this;
+   }
+
+ private:
+   // key nullptr: an array element or the top-level value.
+   void key(const char* k) {
+      if (!first_) out_ += ',';
+      first_ = false;
+      if (k) {
+         out_ += '"';
+         out_ += k;
+         out_ += "\":";
+      }
+   }
+   std::string out_;
+   bool first_ = true;
+};
+
+void histogramJson(Json& j, const char* key, const sim::MoveHistogram& h) {
+   j.open(key, '{')
+       .num("operations", h.operations())
+       .num("mean", h.mean())
+       .num("p99", h.percentile(99))
+       .num("max", h.max());
+   j.open("counts", '[');
+   for (uint64_t c : h.counts())
+      j.num(nullptr, c);
+   j.close(']').close('}');
+}
+
+std::string bytesText(int64_t bytes) {
+   if (bytes < 0) return "not counted";
+   if (bytes < 10 * 1024) return fmt::format("{} B", bytes);
+   if (bytes < 10 * 1024 * 1024) return fmt::format("{:.1f} KiB", double(bytes) / 1024);
+   return fmt::format("{:.1f} MiB", double(bytes) / (1024 * 1024));
+}
+
+}  // namespace
+
+void checkWritable(const std::string& path) {
+   namespace fs = std::filesystem;
+   std::error_code ec;
+   if (fs::is_directory(path, ec)) throw UsageError("'" + path + "' is a directory");
+   fs::path dir = fs::path(path).parent_path();
+   if (dir.empty()) dir = ".";
+   if (!fs::is_directory(dir, ec))
+      throw UsageError("cannot write '" + path + "': no directory '" + dir.string() + "'");
+   if (::access(dir.c_str(), W_OK) != 0)
+      throw UsageError("cannot write '" + path + "': " + std::strerror(errno));
+}
+
+void writeFileAtomically(const std::string& path, const std::string& contents) {
+   const std::string tmp = path + ".tmp." + std::to_string(::getpid());
+   std::FILE* f = std::fopen(tmp.c_str(), "wb");
+   if (!f) throw UsageError("cannot write '" + path + "': " + std::strerror(errno));
+   const bool ok = std::fwrite(contents.data(), 1, contents.size(), f) == contents.size();
+   const bool closed = std::fclose(f) == 0;
+   if (!ok || !closed || std::rename(tmp.c_str(), path.c_str()) != 0) {
+      const int err = errno;
+      std::remove(tmp.c_str());
+      throw UsageError("cannot write '" + path + "': " + std::strerror(err));
+   }
+}
+
+std::string configLine(const Options& o, const sim::Simulation& sim) {
+   std::string s =
+       fmt::format("{}-entry table, mode {}, {} blocks, {} IPv4 route{} per entry", o.size, o.mode,
+                   o.blocks, o.twoV4PerEntry ? "two" : "one", o.twoV4PerEntry ? "s" : "");
+   if (o.pairing) s += ", pairing";
+   if (o.dynamicBorder) s += ", moving border";
+   if (o.pairGap) s += fmt::format(", pair gap {}", o.pairGap);
+   if (o.urpf) s += ", uRPF";
+   if (o.fallbackVrf >= 0) s += fmt::format(", fallback VRF {}", o.fallbackVrf);
+   if (o.interleave) s += ", interleaved";
+   if (sim.multicast()) s += fmt::format("; {}-entry multicast table", sim.config().mcastSize);
+   return s;
+}
+
+void printHeadline(const Options& o, const sim::Simulation& sim, const Input& in) {
+   const sim::Statistics& st = sim.statistics();
+   std::printf("vexlo-tcam: %s\n", configLine(o, sim).c_str());
+   std::printf("Input: %s, %zu routes\n", in.description.c_str(), in.routes.size());
+   const uint64_t adds = st.placed() + st.refused();
+   std::printf("Placed %llu of %llu routes added (%llu refused)", (unsigned long long)st.placed(),
+               (unsigned long long)adds, (unsigned long long)st.refused());
+   if (const sim::EmulatedTable* u = sim.unicast()) {
+      const Summary s = summaryOf(u->ctx());
+      std::printf("; unicast table %.1f %% used (%u of %u entries)",
+                  s.usable ? 100.0 * s.used / s.usable : 0.0, s.used, s.usable);
+   }
+   std::printf("\n");
+   const uint64_t ns = modelNs(st);
+   std::printf(
+       "Moves per insert: mean %.2f, p99 %llu, max %llu; model time %.0f ns per operation\n\n",
+       st.movesPerInsert.mean(), (unsigned long long)st.movesPerInsert.percentile(99),
+       (unsigned long long)st.movesPerInsert.max(),
+       st.operations ? double(ns) / double(st.operations) : 0.0);
+}
+
+void printStatistics(const sim::Simulation& sim) {
+   const sim::Statistics& st = sim.statistics();
+   static const char* const names[] = {"IPv4", "IPv6", "multicast"};
+   std::printf("Statistics\n");
+   std::printf("  %-22s %12s %12s %12s %12s\n", "routes", "placed", "refused", "deleted",
+               "skipped");
+   for (size_t i = 0; i < st.family.size(); ++i) {
+      const auto& f = st.family[i];
+      if (f.placed + f.refused + f.deleted + f.skipped == 0) continue;
+      std::printf("  %-22s %12llu %12llu %12llu %12llu\n", names[i], (unsigned long long)f.placed,
+                  (unsigned long long)f.refused, (unsigned long long)f.deleted,
+                  (unsigned long long)f.skipped);
+   }
+   auto hist = [](const char* label, const sim::MoveHistogram& h) {
+      std::printf("  %-22s mean %.2f, p99 %llu, max %llu (%llu operations)\n", label, h.mean(),
+                  (unsigned long long)h.percentile(99), (unsigned long long)h.max(),
+                  (unsigned long long)h.operations());
+   };
+   hist("moves per insert", st.movesPerInsert);
+   hist("moves per update", st.movesPerUpdate);
+   std::printf("  %-22s %llu\n", "moves", (unsigned long long)st.moves);
+   std::printf("  %-22s %llu\n", "merges", (unsigned long long)st.merges);
+   std::printf("  %-22s %llu\n", "conversions", (unsigned long long)st.conversions);
+   std::printf("  %-22s %llu\n", "reallocations", (unsigned long long)st.reallocations);
+   for (const auto& p : st.phases) {
+      std::printf("  %-22s %.0f ns per operation (%llu operations, model alone)\n",
+                  fmt::format("time, {}", p.name).c_str(), nsPerOp(p),
+                  (unsigned long long)p.operations);
+   }
+   if (sim.unicast() && !sim.unicast()->ctx().supportsDefipPairing() && st.family[1].refused) {
+      std::printf("  %-22s IPv6 routes longer than /64 need double-size entries (--pairing)\n",
+                  "note");
+   }
+   const uint64_t routes = st.installed();
+   std::printf("  %-22s %s", "model memory", bytesText(st.modelBytes).c_str());
+   if (st.modelBytes >= 0 && routes)
+      std::printf(" (%.1f bytes per installed route)", double(st.modelBytes) / double(routes));
+   std::printf("\n");
+   std::printf("  %-22s %.1f ms (model, emulator and checks)\n\n", "emulated run",
+               double(st.emulatedNs) / 1e6);
+}
+
+void printCapacity(const std::vector<sim::ReportData::CapacityRow>& rows) {
+   std::printf("Capacity (routes; free = what can still be placed)\n");
+   std::printf("  %-26s %10s %10s %10s %8s %10s\n", "region", "max", "used", "free", "used %",
+               "high mark");
+   for (const auto& r : rows) {
+      // A region with no room at all has no meaningful percentage.
+      const std::string percent = r.max ? fmt::format("{:.1f}%", r.percentUsed) : "-";
+      std::printf("  %-26s %10llu %10llu %10llu %8s %10llu%s%s\n", r.region.c_str(),
+                  (unsigned long long)r.max, (unsigned long long)r.used, (unsigned long long)r.free,
+                  percent.c_str(), (unsigned long long)r.highWatermark,
+                  r.warning.empty() ? "" : "  ", r.warning.c_str());
+   }
+}
+
+std::string jsonStatistics(const Options& o, const sim::Simulation& sim, const Input& in,
+                           const std::vector<sim::ReportData::CapacityRow>& capacity,
+                           size_t violations) {
+   const sim::Statistics& st = sim.statistics();
+   Json j;
+   j.open(nullptr, '{');
+   j.open("config", '{')
+       .num("size", o.size)
+       .num("mode", o.mode)
+       .num("blocks", o.blocks)
+       .boolean("twoV4PerEntry", o.twoV4PerEntry)
+       .boolean("pairing", o.pairing)
+       .boolean("dynamicBorder", o.dynamicBorder)
+       .num("pairGap", o.pairGap)
+       .boolean("urpf", o.urpf);
+   if (o.fallbackVrf >= 0) {
+      j.num("fallbackVrf", o.fallbackVrf);
+   } else {
+      j.null("fallbackVrf");
+   }
+   j.boolean("interleave", o.interleave).num("mcastSize", sim.config().mcastSize).close('}');
+   j.open("input", '{')
+       .string("description", in.description)
+       .num("routes", in.routes.size())
+       .close('}');
+
+   static const char* const families[] = {"ipv4", "ipv6", "multicast"};
+   j.open("routes", '{')
+       .num("placed", st.placed())
+       .num("refused", st.refused())
+       .num("installed", st.installed());
+   for (size_t i = 0; i < st.family.size(); ++i) {
+      const auto& f = st.family[i];
+      j.open(families[i], '{')
+          .num("placed", f.placed)
+          .num("refused", f.refused)
+          .num("deleted", f.deleted)
+          .num("skipped", f.skipped)
+          .close('}');
+   }
+   j.close('}');
+   j.open("moves", '{').num("total", st.moves);
+   histogramJson(j, "perInsert", st.movesPerInsert);
+   histogramJson(j, "perUpdate", st.movesPerUpdate);
+   j.close('}');
+   j.num("merges", st.merges)
+       .num("conversions", st.conversions)
+       .num("reallocations", st.reallocations);
+   j.num("operations", st.operations);
+   j.open("timing", '{');
+   j.open("phases", '[');
+   for (const auto& p : st.phases) {
+      j.open(nullptr, '{')
+          .string("name", p.name)
+          .num("operations", p.operations)
+          .num("modelNs", p.modelNs)
+          .num("nsPerOperation", nsPerOp(p))
+          .close('}');
+   }
+   j.close(']');
+   j.num("modelNs", modelNs(st)).num("emulatedNs", st.emulatedNs).close('}');
+   if (st.modelBytes >= 0) {
+      j.num("modelBytes", st.modelBytes);
+   } else {
+      j.null("modelBytes");
+   }
+   if (const sim::EmulatedTable* u = sim.unicast()) {
+      const Summary s = summaryOf(u->ctx());
+      j.open("summary", '{')
+          .num("tableMode", s.mode)
+          .num("usedEntries", s.used)
+          .num("usableEntries", s.usable)
+          .num("ipv4Entries", s.e4)
+          .num("ipv4FullEntries", s.e4 - s.halfFull)
+          .num("ipv4HalfFullEntries", s.halfFull)
+          .num("ipv4Routes", 2 * s.e4 - s.halfFull)
+          .num("ipv6SingleEntries", s.e6h)
+          .num("ipv6DoubleEntries", 2 * s.e6f)
+          .num("ipv6DoubleRoutes", s.e6f)
+          .num("movedIpv4", s.movedV4)
+          .num("movedIpv6Half", s.movedV6Half)
+          .num("movedIpv6Full", s.movedV6Full)
+          .close('}');
+   } else {
+      j.null("summary");
+   }
+   j.open("capacity", '[');
+   for (const auto& r : capacity) {
+      j.open(nullptr, '{')
+          .string("region", r.region)
+          .num("max", r.max)
+          .num("used", r.used)
+          .num("free", r.free)
+          .num("percentUsed", r.percentUsed)
+          .num("highWatermark", r.highWatermark)
+          .string("warning", r.warning)
+          .close('}');
+   }
+   j.close(']');
+   j.num("violations", violations);
+   j.close('}');
+   return j.str();
+}
+
+std::vector<std::pair<std::string, std::string>> reportFacts(const sim::Simulation& sim,
+                                                             const Input& in) {
+   const sim::Statistics& st = sim.statistics();
+   std::vector<std::pair<std::string, std::string>> f;
+   f.emplace_back("input", fmt::format("{}, {} routes", in.description, in.routes.size()));
+   f.emplace_back("routes placed / refused", fmt::format("{} / {}", st.placed(), st.refused()));
+   if (const sim::EmulatedTable* u = sim.unicast()) {
+      const Summary s = summaryOf(u->ctx());
+      f.emplace_back("unicast entries used",
+                     fmt::format("{} of {} ({:.1f} %)", s.used, s.usable,
+                                 s.usable ? 100.0 * s.used / s.usable : 0.0));
+   }
+   f.emplace_back("moves per insert",
+                  fmt::format("mean {:.2f}, p99 {}, max {}", st.movesPerInsert.mean(),
+                              st.movesPerInsert.percentile(99), st.movesPerInsert.max()));
+   f.emplace_back(
+       "moves / merges / conversions / reallocations",
+       fmt::format("{} / {} / {} / {}", st.moves, st.merges, st.conversions, st.reallocations));
+   for (const auto& p : st.phases) {
+      f.emplace_back(
+          fmt::format("model time, {}", p.name),
+          fmt::format("{:.0f} ns per operation ({} operations)", nsPerOp(p), p.operations));
+   }
+   f.emplace_back("model memory", bytesText(st.modelBytes));
+   return f;
+}
+
+}  // namespace VexloL3Common::tool
