@@ -144,7 +144,7 @@ uint32_t Simulation::intern(const Route& r) {
 void Simulation::beginPhase(const char* name) {
    VEXLO_ASSERT(!finished_, "!finished_");
    phaseStart_.push_back(ops_.size());
-   stats_.phases.push_back(Statistics::Phase{name, 0, 0});
+   stats_.phases.push_back(Statistics::Phase{name});
 }
 
 ReportData::Sample Simulation::currentSample() const {
@@ -211,7 +211,11 @@ void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
    stats_.merges += t.merges() - mergesBefore;
    stats_.reallocations += t.ctx().stats()->reallocation() - reallocBefore;
    ++stats_.operations;
-   ++stats_.phases.back().operations;
+   Statistics::Phase& phase = stats_.phases.back();
+   ++phase.operations;
+   phase.moves += moves;
+   phase.placed += placed;
+   phase.refused += kind == RouteOp::Kind::add && !placed;
 
    for (unsigned i = 0; i < numRegions; ++i)
       stats_.highWatermark[i] = std::max(stats_.highWatermark[i], stats_.routes[i]);
@@ -271,18 +275,26 @@ void Simulation::churn(uint64_t updates, uint64_t seed, const Progress& progress
    if (installed_.empty()) throw std::invalid_argument("churn needs routes in the table");
    beginPhase("churn");
    std::mt19937_64 rng(seed);
+   // About one route in a hundred is down at any time; each announce picks one of them at random.
+   const size_t down = std::max<size_t>(1, installed_.size() / 100);
    std::vector<uint32_t> withdrawn;
+   bool refused = false;
    const uint64_t start = nowNs();
    for (uint64_t i = 0; i < updates; ++i) {
-      if (i % 2 == 0 && !installed_.empty()) {
+      // After a refused announce the next update is a withdraw, so a full table cannot stall.
+      const bool withdraw =
+          !installed_.empty() && (withdrawn.size() <= down || refused || withdrawn.empty());
+      if (withdraw) {
          const uint32_t route = installed_[rng() % installed_.size()];
          apply(route, RouteOp::Kind::del);
          withdrawn.push_back(route);
-      } else if (!withdrawn.empty()) {
+         refused = false;
+      } else {
          const size_t k = rng() % withdrawn.size();
          const uint32_t route = withdrawn[k];
          apply(route, RouteOp::Kind::add);
-         if (placedOutcome_.back()) {
+         refused = !placedOutcome_.back();
+         if (!refused) {
             withdrawn[k] = withdrawn.back();
             withdrawn.pop_back();
          }
@@ -402,7 +414,8 @@ ReportData Simulation::reportData() const {
    // Bars for 0 .. 31 moves and one for 32 or more.
    constexpr size_t bars = 33;
    const std::vector<uint64_t>& c = stats_.movesPerUpdate.counts();
-   d.movesPerUpdate.assign(std::min(bars, std::max<size_t>(c.size(), 1)), 0);
+   // The last bar always reads "that many or more": when every count fits, it is an empty one.
+   d.movesPerUpdate.assign(std::min(bars, c.size() + 1), 0);
    for (size_t m = 0; m < c.size(); ++m)
       d.movesPerUpdate[std::min(m, bars - 1)] += c[m];
    d.tableEntries = (unicast_ ? unicast_->ctx().tcamSize() : 0) + (mcast_ ? cfg_.mcastSize : 0);

@@ -87,6 +87,7 @@ struct Statistics {
       std::string name;  // "load", "replay", "churn"
       uint64_t operations = 0;
       uint64_t modelNs = 0;
+      uint64_t placed = 0, refused = 0, moves = 0;
    };
    std::array<Family, 3> family;  // by Route::Family
    MoveHistogram movesPerInsert;  // placed adds
@@ -124,9 +125,9 @@ class Simulation {
    // is an InputError naming the line, and nothing is applied.
    void replay(const std::vector<RouteOp>& ops, std::string_view name,
                const Progress& progress = {});
-   // `updates` updates, alternately withdrawing a random installed route and announcing a random
-   // route among those withdrawn so far (which may be the one just withdrawn): routes that flap.
-   // std::invalid_argument when no route is installed.
+   // `updates` updates of routes that flap: random installed routes are withdrawn until about
+   // one in a hundred is down, then announces of a random withdrawn route alternate with
+   // withdrawals. std::invalid_argument when no route is installed.
    void churn(uint64_t updates, uint64_t seed, const Progress& progress = {});
    // Replays every recorded operation on the twins, timing each phase. Call once, after the
    // last phase; statistics() has no timing or memory before it.

@@ -139,14 +139,16 @@ TEST(Simulation, ChurnKeepsTheTableAndTheTwinAgrees) {
    const uint64_t loaded = sim.statistics().installed();
    sim.churn(3001, 5);
    const Statistics& st = sim.statistics();
-   // Every withdraw is followed by an announce of a withdrawn route, and the last one is a
-   // withdraw: one route short, unless some announce was refused.
-   EXPECT_EQ(st.installed() + 1, loaded);
+   ASSERT_EQ(st.phases.size(), 2u);
+   // One route in a hundred is down (one more right after a withdraw), and none was refused.
+   EXPECT_EQ(st.refused(), 0u);
+   EXPECT_GE(loaded - st.installed(), loaded / 100);
+   EXPECT_LE(loaded - st.installed(), loaded / 100 + 1);
+   EXPECT_GT(st.phases[1].moves, 0u) << "announces land in other lengths than the withdraws";
    EXPECT_EQ(st.operations, loaded + 3001);
    EXPECT_EQ(st.movesPerUpdate.operations(), st.operations);
    EXPECT_EQ(st.movesPerUpdate.total(), st.moves);
    sim.finish();  // fatal if the twin placed anything differently
-   ASSERT_EQ(st.phases.size(), 2u);
    EXPECT_EQ(st.phases[0].name, "load");
    EXPECT_EQ(st.phases[1].operations, 3001u);
    EXPECT_GT(st.phases[1].modelNs, 0u);

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -178,21 +179,29 @@ void printHeadline(const Options& o, const sim::Simulation& sim, const Input& in
    const sim::Statistics& st = sim.statistics();
    std::printf("vexlo-tcam: %s\n", configLine(o, sim).c_str());
    std::printf("Input: %s, %zu routes\n", in.description.c_str(), in.routes.size());
-   const uint64_t adds = st.placed() + st.refused();
-   std::printf("Placed %llu of %llu routes added (%llu refused)", (unsigned long long)st.placed(),
-               (unsigned long long)adds, (unsigned long long)st.refused());
+   // The load first: did the table fit, and how full is it.
+   const sim::Statistics::Phase& load = st.phases.front();
+   std::printf("Loaded %llu of %llu routes (%llu refused)", (unsigned long long)load.placed,
+               (unsigned long long)(load.placed + load.refused), (unsigned long long)load.refused);
    if (const sim::EmulatedTable* u = sim.unicast()) {
       const Summary s = summaryOf(u->ctx());
       std::printf("; unicast table %.1f %% used (%u of %u entries)",
                   s.usable ? 100.0 * s.used / s.usable : 0.0, s.used, s.usable);
    }
    std::printf("\n");
-   const uint64_t ns = modelNs(st);
-   std::printf(
-       "Moves per insert: mean %.2f, p99 %llu, max %llu; model time %.0f ns per operation\n\n",
-       st.movesPerInsert.mean(), (unsigned long long)st.movesPerInsert.percentile(99),
-       (unsigned long long)st.movesPerInsert.max(),
-       st.operations ? double(ns) / double(st.operations) : 0.0);
+   std::printf("Moves per insert: mean %.2f, p99 %llu, max %llu\n", st.movesPerInsert.mean(),
+               (unsigned long long)st.movesPerInsert.percentile(99),
+               (unsigned long long)st.movesPerInsert.max());
+   for (const auto& p : st.phases) {
+      std::printf(
+          "%c%s: %llu operations, %.3f moves each, %llu refused; model time %.0f ns per "
+          "operation\n",
+          std::toupper(static_cast<unsigned char>(p.name[0])), p.name.c_str() + 1,
+          (unsigned long long)p.operations,
+          p.operations ? double(p.moves) / double(p.operations) : 0.0,
+          (unsigned long long)p.refused, nsPerOp(p));
+   }
+   std::printf("\n");
 }
 
 void printStatistics(const sim::Simulation& sim) {
@@ -308,6 +317,9 @@ std::string jsonStatistics(const Options& o, const sim::Simulation& sim, const I
           .num("operations", p.operations)
           .num("modelNs", p.modelNs)
           .num("nsPerOperation", nsPerOp(p))
+          .num("placed", p.placed)
+          .num("refused", p.refused)
+          .num("moves", p.moves)
           .close('}');
    }
    j.close(']');

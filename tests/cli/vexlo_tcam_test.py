@@ -70,7 +70,7 @@ class Cli(unittest.TestCase):
         code, out, err = run("simulate", "--churn", "20000", "--report", report,
                              "--progress", "never")
         self.assertEqual(code, 0, err)
-        head = re.search(r"^Placed (\d+) of (\d+) routes added \((\d+) refused\); unicast table "
+        head = re.search(r"^Loaded (\d+) of (\d+) routes \((\d+) refused\); unicast table "
                          r"([\d.]+) % used \((\d+) of (\d+) entries\)$", out, re.M)
         self.assertTrue(head, out)
         placed, added, refused, percent, used, usable = head.groups()
@@ -80,10 +80,12 @@ class Cli(unittest.TestCase):
         s = summary_of(out)
         self.assertEqual((s["mode"], s["used"], s["usable"]), (2, int(used), int(usable)))
         table = int(re.search(r"^Input: bundled default table .*, (\d+) routes$", out, re.M)[1])
-        self.assertEqual(s["v4"][3], table, "every bundled route is installed after churn")
-        moves = re.search(r"^Moves per insert: mean ([\d.]+), p99 (\d+), max (\d+);", out, re.M)
+        # Churn leaves about one route in a hundred withdrawn.
+        self.assertTrue(table * 0.985 <= s["v4"][3] < table, (s["v4"], table))
+        moves = re.search(r"^Moves per insert: mean ([\d.]+), p99 (\d+), max (\d+)$", out, re.M)
         self.assertTrue(moves and 0 < float(moves[1]) <= int(moves[2]) <= int(moves[3]), out)
-        self.assertRegex(out, r"(?m)^  time, churn +\d+ ns per operation \(20000 operations")
+        self.assertRegex(out, r"(?m)^Churn: 20000 operations, [\d.]+ moves each, 0 refused; "
+                              r"model time \d+ ns per operation$")
         self.assertRegex(out, r"(?m)^  IPv4 +\d+ +\d+ +\d+ +[\d.]+% +\d+")
         self.assertGreater(os.path.getsize(report), 1000)
 
