@@ -2,12 +2,12 @@
 
 #include <string>
 
-#include "platform/Assert.h"
 #include "platform/RoutingStatus.h"
 
 namespace VexloL3Common::sim {
 
-EmulatedTable::EmulatedTable(L3TcamManagerContext::Config cfg, bool urpf, bool emulate)
+EmulatedTable::EmulatedTable(L3TcamManagerContext::Config cfg, bool urpf, bool emulate,
+                             const std::function<void(L3TcamManagerContext&)>& beforeInit)
     : move_(routeMoveFactory()),
       moveStatus_(routeMoveFactory()),
       merge_(routeMergeFactory()),
@@ -19,26 +19,14 @@ EmulatedTable::EmulatedTable(L3TcamManagerContext::Config cfg, bool urpf, bool e
    cfg.routeMoveStatus = moveStatus_;
    cfg.routeMerge = merge_;
    cfg.routeMergeStatus = mergeStatus_;
-   {
-      // A layout the context cannot serve is a configuration error here, not a broken model:
-      // the simulator reports it and exits instead of aborting.
-      Ulo::ScopedThrowingAssertHandler guard;
-      try {
-         ctx_ = l3TcamManagerContextFactory(cfg);
-         ctx_->handleInitialized(true);
-      } catch (const Ulo::AssertionFailure& e) {
-         throw std::range_error("the layout refuses this configuration: " + e.text +
-                                (e.message.empty() ? "" : " (" + e.message + ")"));
-      } catch (const std::range_error& e) {
-         throw std::range_error(std::string("the layout refuses this configuration: ") + e.what());
-      }
-   }
+   ctx_ = l3TcamManagerContextFactory(cfg);
+   if (beforeInit) beforeInit(*ctx_);
+   ctx_->handleInitialized(true);
    if (emulate) {
       // A gap that reaches past the table pairs nothing.
       const uint32_t gap = ctx_->lpmPairGap() < cfg.tcamSize ? ctx_->lpmPairGap() : 0;
       emu_ = std::make_unique<TcamEmulator>(cfg.tcamSize, gap);
       emu_->attach(*move_, *moveStatus_, *merge_, *mergeStatus_);
-      emu_->checkEveryMoveIs(false);
       emu_->doubleSizeAtIs([this](uint32_t pos) { return doubleSizeAt(pos); });
    } else {
       ackMove_ =
@@ -90,7 +78,7 @@ void EmulatedTable::del(const Route& r) {
       case Route::Family::v4:
          // Merged at once, as an agent that is not batching does; then the entry the delete
          // names is rewritten with what it still holds.
-         rewrite4(ctx_->deleteRoute4(r.v4, /*merge*/ true, ++sequence_).routeId);
+         rewriteV4(ctx_->deleteRoute4(r.v4, /*merge*/ true, ++sequence_).routeId);
          return;
       case Route::Family::v6: {
          const uint32_t pos = ctx_->deleteRoute6(r.v6).routeId;
@@ -117,7 +105,7 @@ bool EmulatedTable::installed(const Route& r) const {
    return false;
 }
 
-void EmulatedTable::rewrite4(uint32_t pos) {
+void EmulatedTable::rewriteV4(uint32_t pos) {
    if (!emu_ || pos == 0) return;
    if (ctx_->v4()->keysHas(pos)) {
       emu_->writeV4(pos, ctx_->v4()->keys(pos));

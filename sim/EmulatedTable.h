@@ -18,6 +18,7 @@
 // Single event-loop thread: nothing here is locked.
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "VexloL3Common/L3TcamTable.h"
@@ -28,10 +29,11 @@ namespace VexloL3Common::sim {
 
 class EmulatedTable {
  public:
-   // The writer handles and routing status of cfg are replaced by the table's own. A
-   // configuration the context cannot lay out raises std::range_error with the reason (the
-   // layout's own refusal, or the check it failed), and nothing is left behind.
-   EmulatedTable(L3TcamManagerContext::Config cfg, bool urpf, bool emulate);
+   // The writer handles and routing status of cfg are replaced by the table's own. beforeInit
+   // runs between construction and initialisation (a platform installing its own invalid-entry
+   // manager). The layout's refusals (range errors, fatal checks) pass through unchanged.
+   EmulatedTable(L3TcamManagerContext::Config cfg, bool urpf, bool emulate,
+                 const std::function<void(L3TcamManagerContext&)>& beforeInit = {});
    ~EmulatedTable();
    EmulatedTable(const EmulatedTable&) = delete;
    EmulatedTable& operator=(const EmulatedTable&) = delete;
@@ -40,6 +42,10 @@ class EmulatedTable {
    const L3TcamManagerContext& ctx() const { return *ctx_; }
    TcamEmulator* emu() { return emu_.get(); }
    const TcamEmulator* emu() const { return emu_.get(); }
+
+   RouteMove& move() { return *move_; }
+   RouteMove& moveStatus() { return *moveStatus_; }
+   RouteMerge& merge() { return *merge_; }
 
    bool add(const Route& r);
    void del(const Route& r);
@@ -53,14 +59,15 @@ class EmulatedTable {
    uint32_t usedEntries() const;
    // Whether an IPv6 entry at pos is double-size (what the writer must know).
    bool doubleSizeAt(uint32_t pos) const;
+   // The agent's write after an IPv4 delete or merge: what the model still holds at pos, or
+   // nothing.
+   void rewriteV4(uint32_t pos);
    // Whether the layout has entries for an IPv6 route of this length at all. Without pairing
    // there are no double-size entries, and an agent never offers a route longer than the
    // single-size entries take (the model treats that as a broken caller): add() refuses it.
    bool v6Placeable(uint32_t len) const;
 
  private:
-   void rewrite4(uint32_t pos);
-
    Ulo::Ptr<RouteMove> move_, moveStatus_;
    Ulo::Ptr<RouteMerge> merge_, mergeStatus_;
    Ulo::Ptr<Ulo::RoutingStatus> routing_;

@@ -109,16 +109,31 @@ uint64_t Statistics::installed() const {
 
 // ---- Simulation ------------------------------------------------------------------------------
 
+// A layout the context cannot serve is a configuration error here, not a broken model: the
+// simulator reports it and exits instead of aborting.
+std::unique_ptr<EmulatedTable> Simulation::makeTable(const L3TcamManagerContext::Config& c,
+                                                     bool urpf) const {
+   Ulo::ScopedThrowingAssertHandler guard;
+   try {
+      auto t = std::make_unique<EmulatedTable>(c, urpf, true);
+      t->emu()->checkEveryMoveIs(cfg_.check);
+      return t;
+   } catch (const Ulo::AssertionFailure& e) {
+      throw std::range_error("the layout refuses this configuration: " + e.text +
+                             (e.message.empty() ? "" : " (" + e.message + ")"));
+   } catch (const std::range_error& e) {
+      throw std::range_error(std::string("the layout refuses this configuration: ") + e.what());
+   }
+}
+
 Simulation::Simulation(const SimulationConfig& cfg) : cfg_(cfg) {
    if (cfg.unicast.tcamSize) {
       L3TcamManagerContext::Config u = cfg.unicast;
       u.v4Mcast = false;
-      unicast_ = std::make_unique<EmulatedTable>(u, cfg.urpf, true);
-      unicast_->emu()->checkEveryMoveIs(cfg.check);
+      unicast_ = makeTable(u, cfg.urpf);
    }
    if (cfg.mcastSize) {
-      mcast_ = std::make_unique<EmulatedTable>(multicastConfig(cfg.mcastSize), false, true);
-      mcast_->emu()->checkEveryMoveIs(cfg.check);
+      mcast_ = makeTable(multicastConfig(cfg.mcastSize), false);
    }
    if (!unicast_ && !mcast_)
       throw std::range_error("no table: the unicast and multicast sizes are 0");

@@ -155,6 +155,7 @@ class Simulation {
       uint32_t route;  // index into pool_
       RouteOp::Kind kind;
    };
+   std::unique_ptr<EmulatedTable> makeTable(const L3TcamManagerContext::Config& c, bool urpf) const;
    EmulatedTable* tableOf(Route::Family f) const;
    uint32_t intern(const Route& r);
    // Applies one operation to the emulated table and records it.

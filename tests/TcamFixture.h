@@ -10,6 +10,7 @@
 
 #include "VexloL3Common/L3TcamTable.h"
 #include "platform/Assert.h"
+#include "sim/EmulatedTable.h"
 #include "sim/TcamEmulator.h"
 
 namespace VexloL3Common::testing {
@@ -30,28 +31,7 @@ class TcamHarness {
    // invalid-entry manager).
    explicit TcamHarness(L3TcamManagerContext::Config cfg, bool urpf = false,
                         const std::function<void(L3TcamManagerContext&)>& beforeInit = {})
-       : move_(routeMoveFactory()),
-         moveStatus_(routeMoveFactory()),
-         merge_(routeMergeFactory()),
-         mergeStatus_(routeMergeFactory()),
-         routing_(std::make_shared<Ulo::RoutingStatus>()) {
-      routing_->urpfEnabledIs(urpf);
-      cfg.globalRoutingStatus = routing_;
-      cfg.routeMove = move_;
-      cfg.routeMoveStatus = moveStatus_;
-      cfg.routeMerge = merge_;
-      cfg.routeMergeStatus = mergeStatus_;
-      ctx_ = l3TcamManagerContextFactory(cfg);
-      if (beforeInit) beforeInit(*ctx_);
-      ctx_->handleInitialized(true);
-      // A gap that reaches past the table pairs nothing.
-      const uint32_t gap = ctx_->lpmPairGap() < cfg.tcamSize ? ctx_->lpmPairGap() : 0;
-      emu_ = std::make_unique<sim::TcamEmulator>(cfg.tcamSize, gap);
-      emu_->attach(*move_, *moveStatus_, *merge_, *mergeStatus_);
-      // The writer knows the regions: a route converted to the other size is written so.
-      L3TcamManagerContext* ctx = ctx_.get();
-      emu_->doubleSizeAtIs([ctx](uint32_t pos) { return isDouble(*ctx, pos); });
-   }
+       : table_(std::move(cfg), urpf, /*emulate*/ true, beforeInit) {}
 
    static bool isDouble(const L3TcamManagerContext& ctx, uint32_t pos) {
       return ctx.supportsDefipPairing() && ctx.v6()->v6RouteTypeFromPos(pos) == RouteType::v6Full;
@@ -77,11 +57,11 @@ class TcamHarness {
       c.v6()->tcamBorderIs(border);
    }
 
-   L3TcamManagerContext& ctx() { return *ctx_; }
-   sim::TcamEmulator& emu() { return *emu_; }
-   RouteMove& move() { return *move_; }
-   RouteMove& moveStatus() { return *moveStatus_; }
-   RouteMerge& merge() { return *merge_; }
+   L3TcamManagerContext& ctx() { return table_.ctx(); }
+   sim::TcamEmulator& emu() { return *table_.emu(); }
+   RouteMove& move() { return table_.move(); }
+   RouteMove& moveStatus() { return table_.moveStatus(); }
+   RouteMerge& merge() { return table_.merge(); }
 
    RouteReturnCode add4(const Ipv4UcastKey& key, bool useSwapArea = false) {
       RouteReturnCode rc = ctx_->addRoute4(key, useSwapArea);
@@ -156,21 +136,12 @@ class TcamHarness {
    uint64_t moves() const { return emu_->moves(); }
 
  private:
-   // The caller rewrites an entry after a delete or merge: what the model still holds there, or
-   // nothing.
-   void rewrite4(uint32_t pos) {
-      if (ctx_->v4()->keysHas(pos)) {
-         emu_->writeV4(pos, ctx_->v4()->keys(pos));
-      } else {
-         emu_->clear(pos);
-      }
-   }
+   void rewrite4(uint32_t pos) { table_.rewriteV4(pos); }
 
-   Ulo::Ptr<RouteMove> move_, moveStatus_;
-   Ulo::Ptr<RouteMerge> merge_, mergeStatus_;
-   Ulo::Ptr<Ulo::RoutingStatus> routing_;
-   Ulo::Ptr<L3TcamManagerContext> ctx_;
-   std::unique_ptr<sim::TcamEmulator> emu_;
+   sim::EmulatedTable table_;
+   // The context and the emulator, under the names the operations above use.
+   L3TcamManagerContext* const ctx_ = &table_.ctx();
+   sim::TcamEmulator* const emu_ = table_.emu();
 };
 
 inline void appendBits(std::string& out, const char* name, const HBitmap* bm) {
