@@ -183,6 +183,26 @@ std::shared_ptr<TraceSink> sink() {
 
 }  // namespace Trace
 
+struct ScopedTraceSilence::Saved {
+   std::map<std::string, uint16_t, std::less<>> named;
+   uint16_t everyHandle;
+};
+
+ScopedTraceSilence::ScopedTraceSilence() {
+   Registry& r = registry();
+   saved_.reset(new Saved{r.named, r.everyHandle});
+   r.named.clear();
+   r.everyHandle = 0;
+   r.refresh();
+}
+
+ScopedTraceSilence::~ScopedTraceSilence() {
+   Registry& r = registry();
+   r.named = std::move(saved_->named);
+   r.everyHandle = saved_->everyHandle;
+   r.refresh();
+}
+
 void StderrTraceSink::write(std::string_view handle, unsigned level, std::string_view line) {
    fmt::print(stderr, "{} {}: {}\n", handle, level, line);
 }

@@ -141,6 +141,20 @@ class CapturingTraceSink : public TraceSink {
 
 // For tests: captures the lines of one handle at the given levels while alive, then restores the
 // previous sink and levels.
+// Switches every handle off while it lives and restores the configuration after: for work that
+// is not the caller's to trace (a replay run only to time it, a probe of a scratch copy).
+class ScopedTraceSilence {
+ public:
+   ScopedTraceSilence();
+   ~ScopedTraceSilence();
+   ScopedTraceSilence(const ScopedTraceSilence&) = delete;
+   ScopedTraceSilence& operator=(const ScopedTraceSilence&) = delete;
+
+ private:
+   struct Saved;
+   std::unique_ptr<Saved> saved_;
+};
+
 class ScopedTraceCapture {
  public:
    ScopedTraceCapture(std::string_view handle, unsigned lo = 0,

@@ -13,6 +13,7 @@
 #include <array>
 #include <optional>
 
+#include "platform/Trace.h"
 #include "sim/Simulation.h"
 #include "sim/TcamImage.h"
 
@@ -70,23 +71,20 @@ ProbeKey probeKey(uint64_t k, uint32_t len) {
    return {k >> width, k & ((uint64_t(1) << width) - 1), width};
 }
 
-Route probeRoute(Region region, uint32_t len, uint64_t k, uint32_t vrfBase) {
-   const ProbeKey p = probeKey(k, len);
+Route probeRoute(Region region, uint32_t len, const ProbeKey& p, uint32_t vrf) {
    switch (region) {
       case Region::v4: {
          std::array<uint8_t, 4> b{};
          placeBits(b, len, p.width, p.bits);
          const uint32_t addr =
              uint32_t(b[0]) << 24 | uint32_t(b[1]) << 16 | uint32_t(b[2]) << 8 | b[3];
-         return Route::of(
-             Ipv4UcastKey(VrfId(uint32_t(vrfBase + p.vrfOffset)), Ulo::Prefix(addr, uint8_t(len))));
+         return Route::of(Ipv4UcastKey(VrfId(vrf), Ulo::Prefix(addr, uint8_t(len))));
       }
       case Region::v6Single:
       case Region::v6Double: {
          Ulo::Ip6Prefix::Bytes b{};
          placeBits(b, len, p.width, p.bits);
-         return Route::of(
-             Ipv6UcastKey(VrfId(uint32_t(vrfBase + p.vrfOffset)), Ulo::Ip6Prefix(b, uint8_t(len))));
+         return Route::of(Ipv6UcastKey(VrfId(vrf), Ulo::Ip6Prefix(b, uint8_t(len))));
       }
       case Region::mcast: {
          // Group then source, 64 bits; lengths past 64 leave the extra bits out of the key.
@@ -96,9 +94,8 @@ Route probeRoute(Region region, uint32_t len, uint64_t k, uint32_t vrfBase) {
              uint32_t(b[0]) << 24 | uint32_t(b[1]) << 16 | uint32_t(b[2]) << 8 | b[3];
          const uint32_t s =
              uint32_t(b[4]) << 24 | uint32_t(b[5]) << 16 | uint32_t(b[6]) << 8 | b[7];
-         return Route::of(IpMcastPrefixKey(uint16_t(vrfBase + p.vrfOffset), 0,
-                                           Ulo::IpGenAddr::v4(g), Ulo::IpGenAddr::v4(s),
-                                           uint8_t(len)));
+         return Route::of(IpMcastPrefixKey(uint16_t(vrf), 0, Ulo::IpGenAddr::v4(g),
+                                           Ulo::IpGenAddr::v4(s), uint8_t(len)));
       }
    }
    return Route();
@@ -132,33 +129,60 @@ LengthMix mixOf(const L3TcamManagerContext& c, Region region) {
    return mix;
 }
 
-// The first VRF (multicast: VRF index) above every one the table uses.
-uint32_t unusedVrfBase(const L3TcamManagerContext& c) {
-   uint32_t top = 0;
-   if (c.v4())
-      c.v4()->forEachKeys([&](uint32_t, const Ipv4Keys& k) {
-         top = std::max({top, k.left.vrfId.value(), k.right.vrfId.value()});
-      });
-   if (c.v6())
-      c.v6()->forEachEntryIdToKey(
-          [&](uint32_t, const Ipv6UcastKey& k) { top = std::max(top, k.vrfId.value()); });
-   if (c.mcastV4())
-      c.mcastV4()->forEachKey(
-          [&](uint32_t, const IpMcastPrefixKey& k) { top = std::max<uint32_t>(top, k.vrfIndex); });
-   return top + 1;
-}
+// The VRFs (multicast: VRF indices) the table does not use, in ascending order, found as the
+// probes need them: the n-th one, or none when the space is used up.
+class ProbeVrfs {
+ public:
+   ProbeVrfs(const L3TcamManagerContext& c, uint32_t limit) : limit_(limit) {
+      if (c.v4())
+         c.v4()->forEachKeys([&](uint32_t, const Ipv4Keys& k) {
+            used_.push_back(k.left.vrfId.value());
+            used_.push_back(k.right.vrfId.value());
+         });
+      if (c.v6())
+         c.v6()->forEachEntryIdToKey(
+             [&](uint32_t, const Ipv6UcastKey& k) { used_.push_back(k.vrfId.value()); });
+      if (c.mcastV4())
+         c.mcastV4()->forEachKey(
+             [&](uint32_t, const IpMcastPrefixKey& k) { used_.push_back(k.vrfIndex); });
+      std::sort(used_.begin(), used_.end());
+      used_.erase(std::unique(used_.begin(), used_.end()), used_.end());
+   }
+   std::optional<uint32_t> at(uint64_t n) {
+      while (free_.size() <= n) {
+         while (next_ <= limit_ && std::binary_search(used_.begin(), used_.end(), next_))
+            ++next_;
+         if (next_ > limit_) return std::nullopt;
+         free_.push_back(next_++);
+      }
+      return free_[n];
+   }
+
+ private:
+   uint64_t limit_;
+   uint64_t next_ = 0;
+   std::vector<uint32_t> used_;
+   std::vector<uint32_t> free_;
+};
 
 uint64_t probeFree(const EmulatedTable& t, Region region, bool urpf) {
+   // The probes are no operation of the caller's: nothing of them is traced.
+   Ulo::ScopedTraceSilence quiet;
    const L3TcamManagerContext& c = t.ctx();
    EmulatedTable scratch(c.config(), urpf, false);
    std::optional<uint32_t> border;
    if (c.borderMoves()) border = c.v4V6Border();
    scratch.ctx().rebuildFromHardware(imageOf(*t.emu()), border);
    LengthMix mix = mixOf(c, region);
-   const uint32_t vrfBase = unusedVrfBase(c);
+   ProbeVrfs vrfs(c, region == Region::mcast ? 0xffffu : VrfId::maxValue - 1);
    uint64_t placed = 0;
-   while (scratch.add(probeRoute(region, mix.next(), placed, vrfBase)))
+   for (;;) {
+      const uint32_t len = mix.next();
+      const ProbeKey p = probeKey(placed, len);
+      const std::optional<uint32_t> vrf = vrfs.at(p.vrfOffset);
+      if (!vrf || !scratch.add(probeRoute(region, len, p, *vrf))) break;
       ++placed;
+   }
    return placed;
 }
 

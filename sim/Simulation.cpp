@@ -8,6 +8,7 @@
 #include <unordered_set>
 
 #include "platform/Assert.h"
+#include "platform/Trace.h"
 #include "sim/TcamImage.h"
 
 namespace VexloL3Common::sim {
@@ -202,6 +203,7 @@ void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
          installed_.push_back(route);
       } else {
          ++fam.refused;
+         if (r.family == Route::Family::v6 && !t.v6Placeable(r.len())) ++stats_.v6WithoutEntries;
       }
    } else if (installedAt_[route] == notInstalled) {
       // Its add was refused: there is nothing to delete.
@@ -270,9 +272,9 @@ void Simulation::replay(const std::vector<RouteOp>& ops, std::string_view name,
          }
          if (op.kind == RouteOp::Kind::add) {
             if (!present.insert(op.route).second)
-               throw InputError(name, op.line, "add of a route that is already in the table");
+               throw InputError(name, op.line, "add of a route that is already announced");
          } else if (present.erase(op.route) == 0) {
-            throw InputError(name, op.line, "del of a route that is not in the table");
+            throw InputError(name, op.line, "del of a route that is not announced");
          }
       }
    }
@@ -323,6 +325,8 @@ void Simulation::churn(uint64_t updates, uint64_t seed, const Progress& progress
 void Simulation::finish() {
    VEXLO_ASSERT(!finished_, "!finished_");
    finished_ = true;
+   // The twins only repeat what was traced already; tracing them would also spoil the timing.
+   Ulo::ScopedTraceSilence quiet;
    const int64_t heapBefore = cfg_.heapBytes ? cfg_.heapBytes() : 0;
    std::unique_ptr<EmulatedTable> twinU, twinM;
    if (unicast_)

@@ -93,6 +93,9 @@ struct Statistics {
    MoveHistogram movesPerInsert;  // placed adds
    MoveHistogram movesPerUpdate;  // every add and delete
    uint64_t moves = 0, merges = 0, conversions = 0, reallocations = 0;
+   // IPv6 adds refused because the layout has no entry of the size they need (longer than /64
+   // without pairing).
+   uint64_t v6WithoutEntries = 0;
    std::vector<Phase> phases;
    // Live heap bytes of the twin contexts after the run; -1 when not counted.
    int64_t modelBytes = -1;

@@ -66,12 +66,23 @@ TEST(Simulation, FreeCapacityIsWhatTheTableStillTakes) {
                        return Route::of(Ipv6UcastKey(VrfId(1), Ulo::Ip6Prefix(b, 128)));
                     },
                     Region::v6Double});
+   // Multicast at both ends of the VRF index space: the probes must find unused indices.
+   auto mc = [](uint16_t vrf, uint32_t group, uint8_t len) {
+      return Route::of(
+          IpMcastPrefixKey(vrf, 0, Ulo::IpGenAddr::v4(group), Ulo::IpGenAddr::v4(0), len));
+   };
+   cases.push_back({"multicast",
+                    small(256),
+                    {mc(65535, 0xef010000, 16), mc(0, 0xe0000000, 4), mc(0, 0xe8010101, 32)},
+                    [&](uint32_t i) { return mc(7, 0xe8000000 + i, 32); },
+                    Region::mcast});
    for (const Case& c : cases) {
       SCOPED_TRACE(c.name);
       Simulation sim(c.cfg);
       sim.load(c.load);
       const auto row = rowOf(sim.capacity(70, 85), c.region);
       EXPECT_EQ(row.used, c.load.size() - (c.region == Region::v6Double ? 300 : 0));
+      EXPECT_EQ(row.max, row.used + row.free);
       ASSERT_GT(row.free, 0u);
       std::vector<Route> extra;
       for (uint32_t i = 0; i <= row.free; ++i)

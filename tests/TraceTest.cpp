@@ -69,6 +69,19 @@ TEST(Trace, ConfigurationStringsSetLevelsPerHandleAndMalformedOnesChangeNothing)
    EXPECT_EQ(th.levels() | other.levels(), 0);
 }
 
+TEST(Trace, SilenceSwitchesEveryHandleOffAndRestoresTheConfiguration) {
+   Trace::configure("*=1,TraceTestHandle=2-4");
+   {
+      ScopedTraceSilence quiet;
+      EXPECT_EQ(th.levels(), 0u);
+      EXPECT_EQ(other.levels(), 0u);
+      EXPECT_EQ(Trace::levels("AnyHandle"), 0u);
+   }
+   EXPECT_EQ(th.levels(), traceLevels(2, 4));
+   EXPECT_EQ(other.levels(), traceLevels(1, 1));
+   Trace::levelsIs("*", 0);
+}
+
 TEST(Trace, FileSinkAppendsLines) {
    std::string path = ::testing::TempDir() + "trace_test.log";
    std::remove(path.c_str());

@@ -24,10 +24,18 @@
 namespace VexloL3Common::tool {
 namespace {
 
+// Counts and seeds are unsigned; without this "-1" would wrap to the largest value.
+const CLI::Validator nonNegative(
+    [](std::string& text) {
+       return !text.empty() && text.front() == '-' ? std::string("must not be negative")
+                                                   : std::string();
+    },
+    "NONNEGATIVE");
+
 void addTableOptions(CLI::App& app, Options& o) {
    const char* g = "Table";
    app.add_option("--size", o.size, "TCAM entries of the unicast table")
-       ->check(CLI::Range(64u, 1u << 24))
+       ->check(CLI::Range(64u, 1u << 22))
        ->group(g)
        ->capture_default_str();
    app.add_option("--mode", o.mode, "table mode: how many blocks the IPv4 partition takes")
@@ -62,7 +70,7 @@ void addTableOptions(CLI::App& app, Options& o) {
    app.add_option("--mcast-size", o.mcastSize,
                   "entries of the multicast table (default: none, or 4096 when the input has "
                   "multicast routes)")
-       ->check(CLI::Range(0u, 1u << 24))
+       ->check(CLI::Range(0u, 1u << 22))
        ->group(g);
 }
 
@@ -73,11 +81,18 @@ void addInputOptions(CLI::App& app, Options& o) {
            ->group(g);
    auto* syn = app.add_option("--synthetic", o.synthetic,
                               "generate an Internet-like table of N IPv4 routes")
+                   ->check(nonNegative)
                    ->group(g);
-   auto* syn6 = app.add_option("--synthetic-v6", o.syntheticV6, "... and N IPv6 routes")->group(g);
-   auto* synm = app.add_option("--synthetic-mcast", o.syntheticMcast, "... and N multicast routes")
+   auto* syn6 = app.add_option("--synthetic-v6", o.syntheticV6, "... and N IPv6 routes")
+                    ->check(nonNegative)
                     ->group(g);
-   app.add_option("--seed", o.seed, "seed of the generator")->group(g)->capture_default_str();
+   auto* synm = app.add_option("--synthetic-mcast", o.syntheticMcast, "... and N multicast routes")
+                    ->check(nonNegative)
+                    ->group(g);
+   app.add_option("--seed", o.seed, "seed of the generator")
+       ->check(nonNegative)
+       ->group(g)
+       ->capture_default_str();
    routes->excludes(syn)->excludes(syn6)->excludes(synm);
 }
 
@@ -86,8 +101,10 @@ void addRunOptions(CLI::App& app, Options& o, bool churn) {
    if (churn) {
       app.add_option("--churn", o.churn,
                      "after loading, N updates withdrawing and re-announcing routes")
+          ->check(nonNegative)
           ->group(g);
       app.add_option("--churn-seed", o.churnSeed, "seed of the churn")
+          ->check(nonNegative)
           ->group(g)
           ->capture_default_str();
    }
@@ -141,6 +158,21 @@ sim::SimulationConfig simulationConfig(const Options& o, const Input& in,
    return c;
 }
 
+// Counts past these would only exhaust memory: every operation of a run is recorded.
+constexpr uint64_t maxRoutes = 50'000'000;
+constexpr uint64_t maxChurn = 200'000'000;
+
+void checkCounts(const Options& o) {
+   for (auto [name, value] : {std::pair{"--synthetic", o.synthetic},
+                              {"--synthetic-v6", o.syntheticV6},
+                              {"--synthetic-mcast", o.syntheticMcast}}) {
+      if (value > maxRoutes)
+         throw UsageError(fmt::format("{} {} is more than {} routes", name, value, maxRoutes));
+   }
+   if (o.churn > maxChurn)
+      throw UsageError(fmt::format("--churn {} is more than {} updates", o.churn, maxChurn));
+}
+
 // Choices the layout would refuse with a fatal check are refused here first, in words.
 void checkConfiguration(const Options& o) {
    if (o.urpf && o.mode != 2 && o.mode != 4) throw UsageError("--urpf needs --mode 2 or 4");
@@ -152,13 +184,20 @@ void checkConfiguration(const Options& o) {
    if (o.size % o.blocks != 0)
       throw UsageError("--size " + std::to_string(o.size) + " is not a multiple of --blocks " +
                        std::to_string(o.blocks));
-   if (o.criticalAt < o.warnAt) throw UsageError("--critical-at is below --warn-at");
+   // Written so that NaN fails them too.
+   if (!(o.warnAt >= 0 && o.warnAt <= 100) || !(o.criticalAt >= 0 && o.criticalAt <= 100))
+      throw UsageError("--warn-at and --critical-at are percentages from 0 to 100");
+   if (!(o.criticalAt >= o.warnAt)) throw UsageError("--critical-at is below --warn-at");
+   if (o.mcastSize != 0 && o.mcastSize < 64) throw UsageError("--mcast-size is 0 or at least 64");
 }
 
 enum class Command { simulate, replay, show, capacity };
 
 int run(Command cmd, const Options& o) {
+   checkCounts(o);
    checkConfiguration(o);
+   if (cmd == Command::replay && o.trace == "-" && o.routes == "-")
+      throw UsageError("the table and the trace cannot both be stdin");
    for (const std::string& f : {o.json, o.report}) {
       if (!f.empty() && f != "-") checkWritable(f);
    }
@@ -168,8 +207,6 @@ int run(Command cmd, const Options& o) {
    Input in = readInput(o);
    std::vector<sim::RouteOp> trace;
    if (cmd == Command::replay) {
-      if (o.trace == "-" && o.routes == "-")
-         throw UsageError("the table and the trace cannot both be stdin");
       trace = readTraceFile(o.trace);
    }
 
@@ -182,7 +219,11 @@ int run(Command cmd, const Options& o) {
    bar.done();
    sim.finish();
    const std::vector<std::string> violations = sim.checkTables();
-   const std::vector<sim::ReportData::CapacityRow> capacity = sim.capacity(o.warnAt, o.criticalAt);
+   // Probing capacity costs a fill of a copy of the table: only where it is shown.
+   const bool wantCapacity = cmd != Command::show || !o.json.empty() || !o.report.empty();
+   const std::vector<sim::ReportData::CapacityRow> capacity =
+       wantCapacity ? sim.capacity(o.warnAt, o.criticalAt)
+                    : std::vector<sim::ReportData::CapacityRow>{};
 
    // Files are written after all the work, so a run that fails leaves none behind.
    if (!o.report.empty()) {
@@ -223,6 +264,10 @@ int run(Command cmd, const Options& o) {
                std::fflush(stdout);
                u->ctx().showSoftwareTcamTable(STDOUT_FILENO, true);
             }
+            if (const sim::EmulatedTable* m = sim.multicast()) {
+               std::printf("Multicast table: %u of %u entries used\n",
+                           m->ctx().entries(RouteType::v4Mcast), m->ctx().tcamSize() - 1);
+            }
             break;
          case Command::capacity:
             printHeadline(o, sim, in);
@@ -237,6 +282,7 @@ int run(Command cmd, const Options& o) {
 }
 
 int generate(const Options& o) {
+   checkCounts(o);
    if (o.synthetic + o.syntheticV6 + o.syntheticMcast == 0)
       throw UsageError("generate needs --synthetic, --synthetic-v6 or --synthetic-mcast");
    sim::SyntheticMix mix;
@@ -283,10 +329,10 @@ int main(int argc, char** argv) {
        ->add_option("trace", o.trace,
                     "operation trace: 'add ROUTE' or 'del ROUTE' per line ('-': stdin)")
        ->required();
-   gen->add_option("--synthetic", o.synthetic, "IPv4 routes");
-   gen->add_option("--synthetic-v6", o.syntheticV6, "IPv6 routes");
-   gen->add_option("--synthetic-mcast", o.syntheticMcast, "multicast routes");
-   gen->add_option("--seed", o.seed, "seed")->capture_default_str();
+   gen->add_option("--synthetic", o.synthetic, "IPv4 routes")->check(nonNegative);
+   gen->add_option("--synthetic-v6", o.syntheticV6, "IPv6 routes")->check(nonNegative);
+   gen->add_option("--synthetic-mcast", o.syntheticMcast, "multicast routes")->check(nonNegative);
+   gen->add_option("--seed", o.seed, "seed")->check(nonNegative)->capture_default_str();
    gen->add_option("-o,--output", o.output, "file to write ('-' or none: stdout)");
 
    try {

@@ -90,7 +90,9 @@ class Json {
          if (c == '"' || c == '\\') {
             out_ += '\\';
             out_ += ch;
-         } else if (c < 0x20) {
+         } else if (c < 0x20 || c >= 0x80) {
+            // Bytes past ASCII are written as the code points of the same value, so that the
+            // output is valid UTF-8 whatever a file name holds.
             out_ += fmt::format("\\u{:04x}", c);
          } else {
             out_ += ch;
@@ -136,11 +138,40 @@ std::string bytesText(int64_t bytes) {
 
 }  // namespace
 
-void checkWritable(const std::string& path) {
+namespace {
+
+// Where an output path really leads: a symbolic link is written through, not replaced.
+std::filesystem::path resolved(const std::string& path) {
    namespace fs = std::filesystem;
    std::error_code ec;
-   if (fs::is_directory(path, ec)) throw UsageError("'" + path + "' is a directory");
-   fs::path dir = fs::path(path).parent_path();
+   if (fs::is_symlink(path, ec)) {
+      const fs::path target = fs::weakly_canonical(path, ec);
+      if (!ec) return target;
+   }
+   return path;
+}
+
+// A FIFO, a terminal or a device: written to as it stands, since it cannot be replaced.
+bool isSpecial(const std::filesystem::path& p) {
+   namespace fs = std::filesystem;
+   std::error_code ec;
+   const fs::file_status st = fs::status(p, ec);
+   return !ec && fs::exists(st) && !fs::is_regular_file(st) && !fs::is_directory(st);
+}
+
+}  // namespace
+
+void checkWritable(const std::string& path) {
+   namespace fs = std::filesystem;
+   const fs::path target = resolved(path);
+   std::error_code ec;
+   if (fs::is_directory(target, ec)) throw UsageError("'" + path + "' is a directory");
+   if (isSpecial(target)) {
+      if (::access(target.c_str(), W_OK) != 0)
+         throw UsageError("cannot write '" + path + "': " + std::strerror(errno));
+      return;
+   }
+   fs::path dir = target.parent_path();
    if (dir.empty()) dir = ".";
    if (!fs::is_directory(dir, ec))
       throw UsageError("cannot write '" + path + "': no directory '" + dir.string() + "'");
@@ -149,12 +180,21 @@ void checkWritable(const std::string& path) {
 }
 
 void writeFileAtomically(const std::string& path, const std::string& contents) {
-   const std::string tmp = path + ".tmp." + std::to_string(::getpid());
+   const std::filesystem::path target = resolved(path);
+   const bool special = isSpecial(target);
+   // A regular file is written beside its final name and renamed into place, so that it appears
+   // whole or not at all.
+   const std::string tmp =
+       special ? target.string() : target.string() + ".tmp." + std::to_string(::getpid());
    std::FILE* f = std::fopen(tmp.c_str(), "wb");
    if (!f) throw UsageError("cannot write '" + path + "': " + std::strerror(errno));
    const bool ok = std::fwrite(contents.data(), 1, contents.size(), f) == contents.size();
    const bool closed = std::fclose(f) == 0;
-   if (!ok || !closed || std::rename(tmp.c_str(), path.c_str()) != 0) {
+   if (special) {
+      if (!ok || !closed) throw UsageError("cannot write '" + path + "': " + std::strerror(errno));
+      return;
+   }
+   if (!ok || !closed || std::rename(tmp.c_str(), target.c_str()) != 0) {
       const int err = errno;
       std::remove(tmp.c_str());
       throw UsageError("cannot write '" + path + "': " + std::strerror(err));
@@ -171,6 +211,7 @@ std::string configLine(const Options& o, const sim::Simulation& sim) {
    if (o.urpf) s += ", uRPF";
    if (o.fallbackVrf >= 0) s += fmt::format(", fallback VRF {}", o.fallbackVrf);
    if (o.interleave) s += ", interleaved";
+   if (o.reAddAllowed) s += ", re-add allowed";
    if (sim.multicast()) s += fmt::format("; {}-entry multicast table", sim.config().mcastSize);
    return s;
 }
@@ -233,9 +274,11 @@ void printStatistics(const sim::Simulation& sim) {
                   fmt::format("time, {}", p.name).c_str(), nsPerOp(p),
                   (unsigned long long)p.operations);
    }
-   if (sim.unicast() && !sim.unicast()->ctx().supportsDefipPairing() && st.family[1].refused) {
-      std::printf("  %-22s IPv6 routes longer than /64 need double-size entries (--pairing)\n",
-                  "note");
+   if (st.v6WithoutEntries) {
+      std::printf(
+          "  %-22s %llu IPv6 routes longer than /64 refused: they need double-size "
+          "entries (--pairing)\n",
+          "note", (unsigned long long)st.v6WithoutEntries);
    }
    const uint64_t routes = st.installed();
    std::printf("  %-22s %s", "model memory", bytesText(st.modelBytes).c_str());
@@ -280,7 +323,10 @@ std::string jsonStatistics(const Options& o, const sim::Simulation& sim, const I
    } else {
       j.null("fallbackVrf");
    }
-   j.boolean("interleave", o.interleave).num("mcastSize", sim.config().mcastSize).close('}');
+   j.boolean("interleave", o.interleave)
+       .boolean("reAddAllowed", o.reAddAllowed)
+       .num("mcastSize", sim.config().mcastSize)
+       .close('}');
    j.open("input", '{')
        .string("description", in.description)
        .num("routes", in.routes.size())

@@ -28,17 +28,19 @@ sim::Simulation::Progress ProgressBar::phase(std::string label) {
       for (int i = 0; i < width; ++i)
          bar[i] = i < filled ? '#' : ' ';
       bar[width] = '\0';
-      std::fprintf(stderr, "\r[%s] %5.1f %% %s", bar, permille / 10.0, label.c_str());
+      std::fprintf(stderr, "\r[%s] %5.1f %% %s\033[K", bar, permille / 10.0, label.c_str());
+      drawn_ = true;
       std::fflush(stderr);
    };
 }
 
 void ProgressBar::done() {
-   if (on_ && lastPermille_ >= 0) {
+   if (drawn_) {
       // Erase the bar so that what follows starts on a clean line.
       std::fprintf(stderr, "\r\033[K");
       std::fflush(stderr);
    }
+   drawn_ = false;
    lastPermille_ = -1;
 }
 

@@ -94,6 +94,7 @@ class ProgressBar {
 
  private:
    bool on_;
+   bool drawn_ = false;  // something is on the line that done() must erase
    int lastPermille_ = -1;
 };
 

@@ -147,6 +147,16 @@ class Cli(unittest.TestCase):
                 self.assertFailsCleanly(code, out, err, outs)
                 self.assertIn(text, err)
 
+    def test_output_written_through_a_symbolic_link(self):
+        target = self.write("target.json", "")
+        link = self.path("link.json")
+        os.symlink(target, link)
+        code, _, err = run("simulate", "--synthetic", "100", "--json", link)
+        self.assertEqual(code, 0, err)
+        self.assertTrue(os.path.islink(link), "the link was replaced by a file")
+        with open(target) as f:
+            self.assertEqual(json.load(f)["routes"]["installed"], 100)
+
     # ---- replay, stdin, multicast
     def test_replay_from_stdin_with_multicast(self):
         trace = self.write("t.trace", "add 10.9.0.0/16\nadd mcast 232.1.1.1 10.0.0.1\n"
