@@ -224,12 +224,12 @@ void printHeadline(const Options& o, const sim::Simulation& sim, const Input& in
    const sim::Statistics::Phase& load = st.phases.front();
    std::printf("Loaded %llu of %llu routes (%llu refused)", (unsigned long long)load.placed,
                (unsigned long long)(load.placed + load.refused), (unsigned long long)load.refused);
+   std::printf("\n");
    if (const sim::EmulatedTable* u = sim.unicast()) {
       const Summary s = summaryOf(u->ctx());
-      std::printf("; unicast table %.1f %% used (%u of %u entries)",
+      std::printf("Unicast table at the end: %.1f %% used (%u of %u entries)\n",
                   s.usable ? 100.0 * s.used / s.usable : 0.0, s.used, s.usable);
    }
-   std::printf("\n");
    std::printf("Moves per insert: mean %.2f, p99 %llu, max %llu\n", st.movesPerInsert.mean(),
                (unsigned long long)st.movesPerInsert.percentile(99),
                (unsigned long long)st.movesPerInsert.max());

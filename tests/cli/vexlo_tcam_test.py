@@ -70,8 +70,8 @@ class Cli(unittest.TestCase):
         code, out, err = run("simulate", "--churn", "20000", "--report", report,
                              "--progress", "never")
         self.assertEqual(code, 0, err)
-        head = re.search(r"^Loaded (\d+) of (\d+) routes \((\d+) refused\); unicast table "
-                         r"([\d.]+) % used \((\d+) of (\d+) entries\)$", out, re.M)
+        head = re.search(r"^Loaded (\d+) of (\d+) routes \((\d+) refused\)\nUnicast table at "
+                         r"the end: ([\d.]+) % used \((\d+) of (\d+) entries\)$", out, re.M)
         self.assertTrue(head, out)
         placed, added, refused, percent, used, usable = head.groups()
         self.assertEqual(refused, "0")
