@@ -10,7 +10,6 @@
 // nothing. Max is then used + free. Regions share space when entries convert or the border
 // moves, so each region's free counts what it could take alone.
 #include <algorithm>
-#include <array>
 #include <optional>
 
 #include "platform/Trace.h"
@@ -50,9 +49,8 @@ class LengthMix {
    std::vector<Item> items_;
 };
 
-// Sets the low `width` bits of `value` as the bits [len - width, len) of a big-endian bit string.
-template <size_t N>
-void placeBits(std::array<uint8_t, N>& bytes, uint32_t len, uint32_t width, uint64_t value) {
+// Sets the low `width` bits of `value` as the bits [len - width, len) of an IPv6 address.
+void placeBits(Ulo::Ip6Prefix::Bytes& bytes, uint32_t len, uint32_t width, uint64_t value) {
    for (uint32_t i = 0; i < width; ++i) {
       const uint32_t bit = len - 1 - i;  // bit 0 is the most significant
       if ((value >> i) & 1) bytes[bit / 8] |= uint8_t(0x80u >> (bit % 8));
@@ -74,10 +72,7 @@ ProbeKey probeKey(uint64_t k, uint32_t len) {
 Route probeRoute(Region region, uint32_t len, const ProbeKey& p, uint32_t vrf) {
    switch (region) {
       case Region::v4: {
-         std::array<uint8_t, 4> b{};
-         placeBits(b, len, p.width, p.bits);
-         const uint32_t addr =
-             uint32_t(b[0]) << 24 | uint32_t(b[1]) << 16 | uint32_t(b[2]) << 8 | b[3];
+         const auto addr = uint32_t(p.bits << (32 - len));
          return Route::of(Ipv4UcastKey(VrfId(vrf), Ulo::Prefix(addr, uint8_t(len))));
       }
       case Region::v6Single:
@@ -88,14 +83,11 @@ Route probeRoute(Region region, uint32_t len, const ProbeKey& p, uint32_t vrf) {
       }
       case Region::mcast: {
          // Group then source, 64 bits; lengths past 64 leave the extra bits out of the key.
-         std::array<uint8_t, 8> b{};
-         placeBits(b, std::min<uint32_t>(len, 64), std::min<uint32_t>(p.width, 64), p.bits);
-         const uint32_t g =
-             uint32_t(b[0]) << 24 | uint32_t(b[1]) << 16 | uint32_t(b[2]) << 8 | b[3];
-         const uint32_t s =
-             uint32_t(b[4]) << 24 | uint32_t(b[5]) << 16 | uint32_t(b[6]) << 8 | b[7];
-         return Route::of(IpMcastPrefixKey(uint16_t(vrf), 0, Ulo::IpGenAddr::v4(g),
-                                           Ulo::IpGenAddr::v4(s), uint8_t(len)));
+         const uint32_t keyLen = std::min<uint32_t>(len, 64);
+         const uint64_t key = keyLen ? p.bits << (64 - keyLen) : 0;
+         return Route::of(IpMcastPrefixKey(uint16_t(vrf), 0,
+                                           Ulo::IpGenAddr::v4(uint32_t(key >> 32)),
+                                           Ulo::IpGenAddr::v4(uint32_t(key)), uint8_t(len)));
       }
    }
    return Route();

@@ -93,18 +93,6 @@ void EmulatedTable::del(const Route& r) {
    }
 }
 
-bool EmulatedTable::installed(const Route& r) const {
-   switch (r.family) {
-      case Route::Family::v4:
-         return ctx_->v4() && ctx_->getKeyV4ToEntryId(r.v4) != 0;
-      case Route::Family::v6:
-         return ctx_->v6() && ctx_->v6()->getEntryId(r.v6) != 0;
-      case Route::Family::mcast:
-         return ctx_->mcastV4() && ctx_->mcastV4()->entryId(r.mcast) != 0;
-   }
-   return false;
-}
-
 void EmulatedTable::rewriteV4(uint32_t pos) {
    if (!emu_ || pos == 0) return;
    if (ctx_->v4()->keysHas(pos)) {

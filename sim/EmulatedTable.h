@@ -10,7 +10,6 @@
 //                                         needs (the model is unchanged)
 //   t.del(route);                         the route must be installed
 //   t.ctx(), t.emu()                      the context; the emulator (null when software-only)
-//   t.installed(route)
 //
 // A multicast table is a context of its own: route families must match the table (unicast
 // routes to a unicast context, multicast to a multicast one).
@@ -49,7 +48,6 @@ class EmulatedTable {
 
    bool add(const Route& r);
    void del(const Route& r);
-   bool installed(const Route& r) const;
 
    // Moves and merges made so far, over every route type.
    uint64_t moves() const;

@@ -192,7 +192,7 @@ void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
    const uint64_t mergesBefore = t.merges();
    const uint32_t reallocBefore = t.ctx().stats()->reallocation();
    uint64_t& regionRoutes = stats_.routes[size_t(regionOf(r))];
-   uint8_t placed = 0;
+   uint8_t placed = 0, removed = 0;
    offered_[route] = kind == RouteOp::Kind::add;
    if (kind == RouteOp::Kind::add) {
       if (t.add(r)) {
@@ -210,6 +210,7 @@ void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
       ++fam.skipped;
    } else {
       t.del(r);
+      removed = 1;
       ++fam.deleted;
       --regionRoutes;
       const uint32_t at = installedAt_[route];
@@ -219,7 +220,7 @@ void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
       installedAt_[route] = notInstalled;
    }
    ops_.push_back(Op{route, kind});
-   placedOutcome_.push_back(placed);
+   effective_.push_back(placed | removed);
 
    const uint64_t moves = t.moves() - movesBefore;
    stats_.movesPerUpdate.add(moves);
@@ -310,7 +311,7 @@ void Simulation::churn(uint64_t updates, uint64_t seed, const Progress& progress
          const size_t k = rng() % withdrawn.size();
          const uint32_t route = withdrawn[k];
          apply(route, RouteOp::Kind::add);
-         refused = !placedOutcome_.back();
+         refused = !effective_.back();
          if (!refused) {
             withdrawn[k] = withdrawn.back();
             withdrawn.pop_back();
@@ -342,8 +343,8 @@ void Simulation::finish() {
          const Route& r = pool_[op.route];
          EmulatedTable& t = r.family == Route::Family::mcast ? *twinM : *twinU;
          if (op.kind == RouteOp::Kind::add) {
-            divergence += uint8_t(t.add(r)) != placedOutcome_[i];
-         } else if (t.installed(r)) {
+            divergence += uint8_t(t.add(r)) != effective_[i];
+         } else if (effective_[i]) {
             t.del(r);
          }
       }

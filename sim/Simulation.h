@@ -175,8 +175,10 @@ class Simulation {
    std::vector<size_t> phaseStart_;  // first op of each phase
    // Installed routes (pool indices) with O(1) removal, for churn.
    std::vector<uint32_t> installed_;
-   std::vector<uint32_t> installedAt_;   // by pool index; npos when not installed
-   std::vector<uint8_t> placedOutcome_;  // per op: 1 when an add placed its route
+   std::vector<uint32_t> installedAt_;  // by pool index; npos when not installed
+   // Per op: 1 when an add placed its route or a delete removed one (a delete of a refused route
+   // does nothing, and the twin must not look it up to know).
+   std::vector<uint8_t> effective_;
    // By pool index: 1 while the route is announced, placed or not (what the agent believes).
    std::vector<uint8_t> offered_;
    std::vector<ReportData::Sample> samples_;

@@ -33,10 +33,6 @@ class TcamHarness {
                         const std::function<void(L3TcamManagerContext&)>& beforeInit = {})
        : table_(std::move(cfg), urpf, /*emulate*/ true, beforeInit) {}
 
-   static bool isDouble(const L3TcamManagerContext& ctx, uint32_t pos) {
-      return ctx.supportsDefipPairing() && ctx.v6()->v6RouteTypeFromPos(pos) == RouteType::v6Full;
-   }
-
    // Reshapes a paired table with interleaving allowed into separate single- and double-size
    // IPv6 regions split at `border`, the IPv4 block spanning both: IPv4 entries may then stand in
    // either region and the conversion ladder has work to do. Call on an empty table.
@@ -97,7 +93,7 @@ class TcamHarness {
    // Through the conversion ladder, as an agent adds an IPv6 route.
    RouteReturnCode add6(const Ipv6UcastKey& key, bool useSwapArea = false) {
       RouteReturnCode rc = ctx_->addRoute6(key, useSwapArea);
-      if (rc.routeId) emu_->writeV6(rc.routeId, key, isDouble(*ctx_, rc.routeId));
+      if (rc.routeId) emu_->writeV6(rc.routeId, key, table_.doubleSizeAt(rc.routeId));
       check();
       return rc;
    }
