@@ -6,10 +6,10 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "RandomRuns.h"
 #include "platform/Assert.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <random>
 #include <string>
 #include <vector>
@@ -19,34 +19,30 @@ namespace {
 
 constexpr uint32_t npos = HBitmap::npos;
 
-// The obvious reference: one byte per position, ranges clamped and scanned linearly.
+// The obvious reference: one byte per position (at least one), ranges clamped and scanned
+// linearly.
 struct FlatBitmap {
    std::vector<char> bits;
 
-   bool clamp(uint32_t start, uint32_t& end) const {
-      if (bits.empty()) return false;
-      end = std::min<uint32_t>(end, uint32_t(bits.size()) - 1);
-      return start <= end;
-   }
+   uint32_t clamped(uint32_t end) const { return std::min(end, uint32_t(bits.size()) - 1); }
    uint32_t find(uint32_t start, uint32_t end, bool value, bool forward) const {
-      if (!clamp(start, end)) return npos;
-      for (uint32_t i = 0; i <= end - start; ++i) {
-         const uint32_t pos = forward ? start + i : end - i;
-         if (bits[pos] == value) return pos;
+      for (uint32_t i = 0, e = clamped(end); start <= e && i <= e - start; ++i) {
+         if (bits[forward ? start + i : e - i] == value) return forward ? start + i : e - i;
       }
       return npos;
    }
    uint32_t count(uint32_t start, uint32_t end) const {
-      return clamp(start, end)
-                 ? uint32_t(std::count(bits.begin() + start, bits.begin() + end + 1, 1))
-                 : 0;
+      const uint32_t e = clamped(end);
+      return start <= e ? uint32_t(std::count(bits.begin() + start, bits.begin() + e + 1, 1)) : 0;
    }
 };
 
-// In a map where every bit has its initial state, flip the first and the last bit and find
-// them from both directions; the searches for the initial state must stay inside the map.
-// Sizes at the word (64), level-1 (4096) and level-2 (262144) edges.
-TEST(HBitmapTest, InitialStateAndSearchesAtTheVeryEnds) {
+// In a map where every bit has its initial state, a lone flipped bit (at either end, or either
+// side of the middle) is found from both sides across every level, searches past it find
+// nothing, and it disappears from searches once restored; then with both ends flipped. The
+// searches for the initial state must stay inside the map. Sizes at the word (64), level-1
+// (4096) and level-2 (262144) edges.
+TEST(HBitmapTest, LoneFlippedBitAndSearchesAtTheVeryEnds) {
    using Find = uint32_t (HBitmap::*)(uint32_t, uint32_t) const;
    for (uint32_t size : {1u, 63u, 64u, 65u, 4095u, 4096u, 4097u, 262144u, 262145u}) {
       for (bool initial : {false, true}) {
@@ -56,7 +52,9 @@ TEST(HBitmapTest, InitialStateAndSearchesAtTheVeryEnds) {
          const Find lastFlipped = initial ? &HBitmap::findLastClear : &HBitmap::findLastSet;
          const Find firstSame = initial ? &HBitmap::findFirstSet : &HBitmap::findFirstClear;
          const Find lastSame = initial ? &HBitmap::findLastSet : &HBitmap::findLastClear;
-         const auto flip = [&](uint32_t pos) { initial ? bm.clearBit(pos) : bm.setBit(pos); };
+         const auto put = [&](uint32_t pos, bool flip) {
+            flip != initial ? bm.setBit(pos) : bm.clearBit(pos);
+         };
          const uint32_t last = size - 1;
 
          EXPECT_EQ(bm.count(), initial ? size : 0u);
@@ -65,15 +63,25 @@ TEST(HBitmapTest, InitialStateAndSearchesAtTheVeryEnds) {
          EXPECT_EQ((bm.*lastFlipped)(0, npos), npos);
          EXPECT_EQ((bm.*firstSame)(0, npos), 0u);
          EXPECT_EQ((bm.*lastSame)(0, npos), last);
-
-         flip(last);
-         EXPECT_EQ((bm.*firstFlipped)(0, npos), last);
-         EXPECT_EQ((bm.*lastFlipped)(0, npos), last);
-         EXPECT_EQ((bm.*lastSame)(0, npos), size > 1 ? last - 1 : npos);
-         EXPECT_EQ((bm.*firstSame)(last, npos), npos);
-         EXPECT_EQ(bm.count(0, npos), initial ? size - 1 : 1u);
-
-         flip(0);
+         for (uint32_t lone : {0u, std::max(size / 2, 1u) - 1, size / 2, last}) {
+            SCOPED_TRACE("lone bit " + std::to_string(lone));
+            put(lone, true);
+            EXPECT_EQ((bm.*firstFlipped)(0, npos), lone);
+            EXPECT_EQ((bm.*lastFlipped)(0, npos), lone);
+            EXPECT_EQ((bm.*firstFlipped)(lone + 1, npos), npos);
+            EXPECT_EQ((bm.*lastFlipped)(lone + 1, npos), npos);
+            EXPECT_EQ((bm.*lastFlipped)(0, lone > 0 ? lone - 1 : 0), lone == 0 ? 0u : npos);
+            EXPECT_EQ((bm.*lastSame)(0, npos), lone < last ? last : size > 1 ? last - 1 : npos);
+            EXPECT_EQ((bm.*firstSame)(lone, npos), lone < last ? lone + 1 : npos);
+            EXPECT_EQ(bm.count(0, npos), initial ? size - 1 : 1u);
+            const uint32_t lo = lone > 100 ? lone - 100 : 0, hi = std::min(lone + 100, last);
+            EXPECT_EQ(bm.count(lo, lone + 100), initial ? hi - lo : 1u);
+            put(lone, false);
+            EXPECT_EQ((bm.*firstFlipped)(0, npos), npos);
+            EXPECT_EQ((bm.*lastFlipped)(0, npos), npos);
+         }
+         put(last, true);
+         put(0, true);
          EXPECT_EQ((bm.*firstFlipped)(0, npos), 0u);
          EXPECT_EQ((bm.*lastFlipped)(0, last > 0 ? last - 1 : 0), 0u);
          EXPECT_EQ((bm.*firstFlipped)(1, npos), size > 1 ? last : npos);
@@ -106,35 +114,6 @@ TEST(HBitmapTest, RangesAreInclusiveClampedAndEmptyWhenInverted) {
       EXPECT_EQ(bm.findFirstClear(c.start, c.end), c.firstClear);
       EXPECT_EQ(bm.findLastClear(c.start, c.end), c.lastClear);
       EXPECT_EQ(bm.count(c.start, c.end), c.count);
-   }
-}
-
-// A single free entry deep inside a long used run (and the reverse) is found from both
-// sides across every level, and disappears from searches once it is filled again.
-TEST(HBitmapTest, LoneBitInsideALongRunIsFoundFromBothSides) {
-   const uint32_t size = 64 * 64 * 64 + 1;
-   for (uint32_t lone : {0u, 131071u, 131072u, size - 1}) {
-      SCOPED_TRACE("lone bit " + std::to_string(lone));
-      HBitmap used(size, true);
-      used.clearBit(lone);
-      EXPECT_EQ(used.findFirstClear(0, npos), lone);
-      EXPECT_EQ(used.findLastClear(0, npos), lone);
-      EXPECT_EQ(used.findFirstClear(lone + 1, npos), npos);
-      EXPECT_EQ(used.findLastClear(0, lone > 0 ? lone - 1 : 0), lone == 0 ? 0u : npos);
-      EXPECT_EQ(used.count(lone > 100 ? lone - 100 : 0, lone + 100),
-                std::min(lone + 100, size - 1) - (lone > 100 ? lone - 100 : 0));
-      used.setBit(lone);
-      EXPECT_EQ(used.findFirstClear(0, npos), npos);
-      EXPECT_EQ(used.findLastClear(0, npos), npos);
-
-      HBitmap free(size, false);
-      free.setBit(lone);
-      EXPECT_EQ(free.findFirstSet(0, npos), lone);
-      EXPECT_EQ(free.findLastSet(0, npos), lone);
-      EXPECT_EQ(free.findLastSet(lone + 1, npos), npos);
-      free.clearBit(lone);
-      EXPECT_EQ(free.findFirstSet(0, npos), npos);
-      EXPECT_EQ(free.findLastSet(0, npos), npos);
    }
 }
 
@@ -182,8 +161,7 @@ TEST(HBitmapTest, EmptyMapFindsNothingAndPositionOutsideTheMapIsFatal) {
 // words fill up and drain, and every search and a count over a range whose ends cluster where
 // the hierarchy has edges. VEXLO_HBITMAP_SEED=<n> reruns the whole sweep from another base seed.
 TEST(HBitmapTest, MatchesFlatReferenceOnRandomOperations) {
-   const char* env = std::getenv("VEXLO_HBITMAP_SEED");
-   uint64_t seed = env ? std::strtoull(env, nullptr, 10) : 20240611;
+   uint64_t seed = testing::envNumber("VEXLO_HBITMAP_SEED", 20240611);
    SCOPED_TRACE("base seed " + std::to_string(seed) + " (set VEXLO_HBITMAP_SEED to rerun)");
    for (uint32_t size :
         {1u, 2u, 63u, 64u, 65u, 127u, 4095u, 4096u, 4097u, 8192u, 262143u, 262145u}) {

@@ -27,7 +27,7 @@ L3TcamManagerContext::Config tiny(bool twoV4 = false) {
 
 }  // namespace
 
-TEST(TcamInsert, FirstRouteOfALengthGoesToItsProportionalTarget) {
+TEST(TcamInsert, FirstRouteOfALengthGoesToItsProportionalTargetTheShortestToTheBottom) {
    TcamHarness h(layout(8192, 2, 8));
    // Empty block [1, 8191], lengths 0..32: per = 8191 / 32 = 255, target = 1 + (32 - L) * 255 +
    // 127.
@@ -42,14 +42,13 @@ TEST(TcamInsert, FirstRouteOfALengthGoesToItsProportionalTarget) {
    EXPECT_EQ(h.add4(k4(1, "10.16.0.0/16")).routeId, start + (24 - 16 - 1) * per + per / 2);
    EXPECT_EQ(h.moves(), 0u);
    EXPECT_EQ(h.ctx().block(RouteType::v4)->lengthRangeMax(), 24u);
-}
 
-TEST(TcamInsert, TheShortestLengthGoesToTheBottomOfItsGap) {
-   TcamHarness h(layout(8192, 2, 8));
-   EXPECT_EQ(h.add4(k4(1, "0.0.0.0/0")).routeId, 8191u);
-   EXPECT_EQ(h.add4(k4(1, "10.0.0.0/8")).routeId, 1u + 24 * 255 + 127);
-   h.add4(k4(2, "0.0.0.0/0"));  // the free left half of the same entry
-   EXPECT_EQ(h.ctx().v4()->getEntryId(k4(2, "0.0.0.0/0")), 8191u);
+   // The shortest length goes to the bottom of its gap instead.
+   TcamHarness s(layout(8192, 2, 8));
+   EXPECT_EQ(s.add4(k4(1, "0.0.0.0/0")).routeId, 8191u);
+   EXPECT_EQ(s.add4(k4(1, "10.0.0.0/8")).routeId, 1u + 24 * 255 + 127);
+   s.add4(k4(2, "0.0.0.0/0"));  // the free left half of the same entry
+   EXPECT_EQ(s.ctx().v4()->getEntryId(k4(2, "0.0.0.0/0")), 8191u);
 }
 
 TEST(TcamInsert, FreeEntryInsideTheLengthsRangeNeedsNoMove) {
@@ -69,32 +68,37 @@ TEST(TcamInsert, OneMovePerInterveningLengthTakingEachLowestEntry) {
    TcamHarness h(tiny());
    MoveLog log(h.move());
    // Each new, longer length lands at the block start and pushes every shorter length down one.
-   EXPECT_EQ(h.add4(k4(1, "10.0.0.0/8")).routeId, 1u);
-   EXPECT_EQ(h.add4(k4(1, "10.1.0.0/16")).routeId, 1u);
-   EXPECT_EQ(h.add4(k4(1, "10.1.1.0/24")).routeId, 1u);
+   for (const char* p : {"10.0.0.0/8", "10.1.0.0/16", "10.1.1.0/24"})
+      EXPECT_EQ(h.add4(k4(1, p)).routeId, 1u) << p;
    log.moves.clear();
    EXPECT_EQ(h.add4(k4(1, "10.1.1.0/28")).routeId, 1u);
    ASSERT_EQ(log.moves.size(), 3u);
    // Shortest first: /8 from 3 to the free 4, then /16 from 2 to 3, then /24 from 1 to 2.
-   EXPECT_EQ(log.moves[0].oldRouteId, 3u);
-   EXPECT_EQ(log.moves[0].newRouteId, 4u);
-   EXPECT_EQ(log.moves[1].oldRouteId, 2u);
-   EXPECT_EQ(log.moves[1].newRouteId, 3u);
-   EXPECT_EQ(log.moves[2].oldRouteId, 1u);
-   EXPECT_EQ(log.moves[2].newRouteId, 2u);
-   for (const RoutePosition& p : log.moves) {
-      EXPECT_TRUE(p.v4);
-      EXPECT_EQ(p.type, EntryType::v4Right);
+   for (uint32_t i = 0; i < 3; ++i) {
+      EXPECT_EQ(log.moves[i].oldRouteId, 3u - i) << i;
+      EXPECT_EQ(log.moves[i].newRouteId, 4u - i) << i;
+      EXPECT_TRUE(log.moves[i].v4);
+      EXPECT_EQ(log.moves[i].type, EntryType::v4Right);
    }
    EXPECT_EQ(log.moves[2].count, 6u) << "the count keeps running over all IPv4 moves";
    EXPECT_EQ(h.ctx().stats()->moveRoute(RouteType::v4), 6u);
    h.check(true);
 }
 
-TEST(TcamInsert, UpwardSearchWhenOnlyLowerEntriesAreFree) {
+TEST(TcamInsert, FullBlockReturnsZeroAndChangesNothingAFreedLowerEntryIsFoundUpward) {
    TcamHarness h(tiny());
    for (uint32_t vrf = 1; vrf <= 7; ++vrf)
       h.add4(k4(vrf, "10.1.1.0/24"));
+   const std::string before = snapshot(h.ctx());
+   {
+      Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 7);
+      // Without the swap area an empty IPv4 reserve already blocks; with it the block is full.
+      EXPECT_EQ(h.add4(k4(1, "10.0.0.0/8")).routeId, 0u);
+      EXPECT_TRUE(cap.contains("Swap area allocation blocked"));
+      EXPECT_EQ(h.add4(k4(1, "10.0.0.0/8"), true).routeId, 0u);
+      EXPECT_TRUE(cap.contains("Full tcam table"));
+      EXPECT_EQ(snapshot(h.ctx()), before);
+   }
    h.del4(k4(1, "10.1.1.0/24"));  // frees entry 1
    EXPECT_EQ(h.ctx().block(RouteType::v4)->lengthRange(24), IndexRange(2, 7));
    MoveLog log(h.move());
@@ -126,20 +130,6 @@ TEST(TcamInsert, HalfFullEntryTakesTheSecondRouteOfItsLength) {
    auto hit = h.emu().lookup4(VrfId(2), 0x0a010205);
    ASSERT_TRUE(hit.has_value());
    EXPECT_EQ(hit->pos, a.routeId);
-}
-
-TEST(TcamInsert, FullBlockReturnsZeroAndChangesNothing) {
-   TcamHarness h(tiny());
-   for (uint32_t vrf = 1; vrf <= 7; ++vrf)
-      h.add4(k4(vrf, "10.1.1.0/24"));
-   const std::string before = snapshot(h.ctx());
-   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 7);
-   // Without the swap area an empty IPv4 reserve already blocks; with it the block is full.
-   EXPECT_EQ(h.add4(k4(1, "10.0.0.0/8")).routeId, 0u);
-   EXPECT_TRUE(cap.contains("Swap area allocation blocked"));
-   EXPECT_EQ(h.add4(k4(1, "10.0.0.0/8"), true).routeId, 0u);
-   EXPECT_TRUE(cap.contains("Full tcam table"));
-   EXPECT_EQ(snapshot(h.ctx()), before);
 }
 
 TEST(TcamInsert, SwapAreaIsKeptForMoves) {
@@ -265,7 +255,7 @@ TEST(TcamInsert, InvalidPairsOnlyMakeTheDoubleSizeRegionFull) {
    ctx->verify();
 }
 
-TEST(TcamInsert, DuplicatesAreFatalUnlessReAddIsAllowed) {
+TEST(TcamInsert, Ipv4DuplicatesAreFatalUnlessReAddIsAllowed) {
    TcamHarness h(layout(1024, 2, 8));
    RouteReturnCode first = h.add4(k4(1, "10.0.0.0/8"));
    {
@@ -281,14 +271,6 @@ TEST(TcamInsert, DuplicatesAreFatalUnlessReAddIsAllowed) {
    EXPECT_EQ(r.ctx().addRoute4(k4(1, "10.0.0.0/8"), false), a);
    EXPECT_EQ(snapshot(r.ctx()), before);
    EXPECT_EQ(first.routeId, a.routeId);
-
-   IpMcastPrefixKey m(0, 0, Ulo::IpGenAddr::fromString("239.1.1.1"),
-                      Ulo::IpGenAddr::fromString("10.0.0.1"), 64);
-   auto mc = layout(256, 0, 0);
-   mc.v4Mcast = true;
-   TcamHarness hm(mc);
-   hm.addM(m);
-   EXPECT_EQ(failureOf([&] { hm.ctx().addMroute4(m, false); }), "0");
 }
 
 TEST(TcamInsert, SoftwareOnlyMovesAreCountedButNotPublished) {
@@ -303,7 +285,7 @@ TEST(TcamInsert, SoftwareOnlyMovesAreCountedButNotPublished) {
    h.ctx().verify();
 }
 
-TEST(TcamInsert, MulticastPlacementAndLengthOrder) {
+TEST(TcamInsert, MulticastPlacementLengthOrderAndDuplicates) {
    auto c = layout(256, 0, 0);
    c.v4Mcast = true;
    TcamHarness h(c);
@@ -314,6 +296,7 @@ TEST(TcamInsert, MulticastPlacementAndLengthOrder) {
    uint32_t star = h.addM(g("239.1.1.1", "0.0.0.0", 32)).routeId;
    uint32_t sg = h.addM(g("239.1.1.1", "10.0.0.1", 64)).routeId;
    EXPECT_LT(sg, star) << "the longer key is searched first";
+   EXPECT_EQ(failureOf([&] { h.ctx().addMroute4(g("239.1.1.1", "10.0.0.1", 64), false); }), "0");
    EXPECT_EQ(h.ctx().stats()->maskLengthsMcastIpv4(64), 1u);
    auto hit = h.emu().lookupMcast(1, 0, 0xef010101, 0x0a000001);
    ASSERT_TRUE(hit.has_value());
@@ -331,21 +314,18 @@ TEST(TcamInsert, DoubleSizeRoutesUsePairIndices) {
    TcamHarness h(c);
    const uint32_t g = h.ctx().lpmPairGap();
    ASSERT_EQ(g, 128u);
-   std::vector<uint32_t> placed;
+   auto key = [](int i) { return k6(1, fmt::format("2001:db8:{:x}::/{}", i, 48 + i).c_str()); };
    for (int i = 0; i < 60; ++i) {
-      uint32_t pos = h.add6(RouteType::v6Full,
-                            k6(1, fmt::format("2001:db8:{:x}::/{}", i, 48 + i % 80).c_str()));
+      uint32_t pos = h.add6(RouteType::v6Full, key(i));
       ASSERT_NE(pos, 0u);
       EXPECT_EQ((pos / g) % 2, 0u) << "a pair starts in the lower bank of a double bank";
       EXPECT_TRUE(h.ctx().bitmap()->isBitSet(pos + g));
-      placed.push_back(pos);
    }
    EXPECT_EQ(h.ctx().entries(RouteType::v6Full), 60u);
    EXPECT_EQ(h.ctx().entriesFree(RouteType::v6Full), 511u - 1u - 120u);  // entry 128 is reserved
    h.check(true);
-   for (int i = 0; i < 60; i += 2) {
-      h.del6(k6(1, fmt::format("2001:db8:{:x}::/{}", i, 48 + i % 80).c_str()));
-   }
+   for (int i = 0; i < 60; i += 2)
+      h.del6(key(i));
    EXPECT_EQ(h.ctx().entries(RouteType::v6Full), 30u);
    h.check(true);
 }

@@ -32,27 +32,30 @@ struct Shared : TcamHarness {
       ctx().blockIs(RouteType::v6Full, full);
    }
 
-   // Fills every free entry with IPv4 /24s (one per entry); the keys in entry order.
-   std::vector<Ipv4UcastKey> fillV4() {
-      std::vector<Ipv4UcastKey> keys;
-      for (uint32_t i = 0;; ++i) {
-         Ipv4UcastKey k = k4(1, fmt::format("10.{}.{}.0/24", i / 256, i % 256).c_str());
-         if (add4(k).routeId == 0) break;
-         keys.push_back(k);
-      }
-      return keys;
-   }
-   // Deletes the IPv4 routes whose entries lie in [first, last].
-   void clearV4(const std::vector<Ipv4UcastKey>& keys, uint32_t first, uint32_t last) {
-      for (const Ipv4UcastKey& k : keys) {
-         const uint32_t pos = ctx().v4()->getEntryId(k);
-         if (pos >= first && pos <= last) del4(k);
-      }
-   }
    uint32_t v4In(uint32_t first, uint32_t last) {
       return ctx().block(RouteType::v4)->bitmap()->count(first, last);
    }
 };
+
+Ipv4UcastKey k24(uint32_t i) {
+   return k4(1, fmt::format("10.{}.{}.0/24", i / 256, i % 256).c_str());
+}
+
+// Fills every free entry with IPv4 /24s (one per entry); the keys placed.
+std::vector<Ipv4UcastKey> fillV4(TcamHarness& h) {
+   std::vector<Ipv4UcastKey> keys;
+   for (uint32_t i = 0; h.add4(k24(i)).routeId != 0; ++i)
+      keys.push_back(k24(i));
+   return keys;
+}
+
+// Deletes the IPv4 routes whose entries the predicate picks.
+template <class Pick>
+void clearV4(TcamHarness& h, const std::vector<Ipv4UcastKey>& keys, Pick pick) {
+   for (const Ipv4UcastKey& k : keys) {
+      if (pick(h.ctx().v4()->getEntryId(k))) h.del4(k);
+   }
+}
 
 Ipv6UcastKey k6n(uint32_t i, uint32_t len) {
    Ulo::Ip6Prefix::Bytes b{};
@@ -82,8 +85,7 @@ TEST(TcamIpv6, ShortRouteWithRoomTakesASingleEntryWithoutConversion) {
 
 TEST(TcamIpv6, FullSingleRegionMovesOneIpv4EntryIntoTheDoubleRegion) {
    Shared h;
-   auto keys = h.fillV4();
-   h.clearV4(keys, 1, 127);
+   clearV4(h, fillV4(h), [](uint32_t pos) { return pos <= 127; });
    ASSERT_EQ(h.v4In(1, 127), 0u);
    const uint32_t above = h.v4In(128, 255);
    Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 3);
@@ -103,8 +105,7 @@ TEST(TcamIpv6, FullSingleRegionMovesOneIpv4EntryIntoTheDoubleRegion) {
 
 TEST(TcamIpv6, FullDoubleRegionMovesTwoIpv4EntriesOutAndFreesAPair) {
    Shared h(65);  // no double-size route of /64 or less: IPv4 entries make way
-   auto keys = h.fillV4();
-   h.clearV4(keys, 128, 255);
+   clearV4(h, fillV4(h), [](uint32_t pos) { return pos >= 128; });
    const uint32_t below = h.v4In(1, 127);
    Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 3);
    const auto rc = h.add6(k6(1, "2001:db8::1:0/112"));
@@ -171,7 +172,7 @@ TEST(TcamIpv6, FullDoubleRegionSendsItsShortestRouteToASingleEntry) {
 
 TEST(TcamIpv6, FailedLadderChangesNothing) {
    Shared h;
-   h.fillV4();
+   fillV4(h);
    const std::string before = snapshot(h.ctx());
    EXPECT_EQ(h.add6(k6(1, "2001:db8::/48")).routeId, 0u);
    EXPECT_EQ(h.add6(k6(1, "2001:db8::1/128")).routeId, 0u);
@@ -233,10 +234,10 @@ TEST(TcamBorder, FirstIpv6RouteGrowsThePartitionOnceAndMovesIpv4EntriesAbove) {
    EXPECT_FALSE(h.ctx().block(RouteType::v6Full)->isValid());
    std::vector<Ipv4UcastKey> keys;
    for (uint32_t i = 0; i < 150; ++i) {
-      keys.push_back(k4(1, fmt::format("10.{}.{}.0/24", i / 256, i % 256).c_str()));
-      ASSERT_NE(h.add4(keys.back()).routeId, 0u);
-      keys.push_back(k4(1, fmt::format("11.{}.{}.1/32", i / 256, i % 256).c_str()));
-      ASSERT_NE(h.add4(keys.back()).routeId, 0u);
+      for (const Ipv4UcastKey& k : {k24(i), k4(1, fmt::format("11.0.{}.1/32", i).c_str())}) {
+         keys.push_back(k);
+         ASSERT_NE(h.add4(k).routeId, 0u);
+      }
    }
    const uint32_t inRegion = h.ctx().block(RouteType::v4)->bitmap()->count(1, 63);
    ASSERT_GT(inRegion, 0u);
@@ -270,10 +271,7 @@ TEST(TcamBorder, FullIpv4PartitionLowersTheBorderByMovingPairsDown) {
       h.del6(k6n(i, 100));
    uint32_t added = 0;
    while (h.ctx().v4V6Border() == 192) {
-      ASSERT_NE(
-          h.add4(k4(1, fmt::format("10.{}.{}.0/24", added / 256, added % 256).c_str())).routeId,
-          0u);
-      ++added;
+      ASSERT_NE(h.add4(k24(added++)).routeId, 0u);
    }
    EXPECT_EQ(h.ctx().v4V6Border(), 128u);
    EXPECT_EQ(h.ctx().stats()->reallocation(), 3u);
@@ -282,35 +280,34 @@ TEST(TcamBorder, FullIpv4PartitionLowersTheBorderByMovingPairsDown) {
       EXPECT_LT(h.ctx().v6()->getEntryId(k6n(i, 100)), 128u);
 }
 
-TEST(TcamBorder, RefusedReallocationChangesNothing) {
+TEST(TcamBorder, RefusedReallocationChangesNothingIpv6GrowsUntilTheTableIsFull) {
    TcamHarness h(movingCfg());
-   for (uint32_t i = 0; i < 40; ++i)
+   uint32_t i = 0;
+   for (; i < 40; ++i)
       ASSERT_NE(h.add6(k6n(i, 100)).routeId, 0u);
    ASSERT_EQ(h.ctx().v4V6Border(), 128u);
-   const std::string before = snapshot(h.ctx());
+   std::string before = snapshot(h.ctx());
    EXPECT_FALSE(h.ctx().reallocate(64, false)) << "40 pairs do not fit below 64";
    EXPECT_FALSE(h.ctx().reallocate(150, false)) << "not a whole number of double banks";
    EXPECT_FALSE(h.ctx().reallocate(512, false)) << "no IPv4 block left";
    EXPECT_FALSE(h.ctx().reallocate(128, false));
    EXPECT_EQ(snapshot(h.ctx()), before);
+
+   while (h.add6(k6n(i, 100)).routeId != 0)
+      ++i;
+   // Up to the last border below 512 that leaves IPv4 a block: 448, pairs 1..223 minus reserved;
+   // then the ladder fails softly.
+   EXPECT_EQ(h.ctx().v4V6Border(), 448u);
+   EXPECT_EQ(h.ctx().stats()->reallocation(), 7u);
+   before = snapshot(h.ctx());
+   EXPECT_EQ(h.add6(k6n(9999, 100)).routeId, 0u);
+   EXPECT_EQ(snapshot(h.ctx()), before);
+
    // A fixed layout has no border to move.
    auto fixed = layout(512, 2, 8, false);
    fixed.supportsDefipPairing = true;
    TcamHarness f(fixed);
    EXPECT_FALSE(f.ctx().reallocate(128, false));
-}
-
-TEST(TcamBorder, IpsGrowUntilTheTableIsFullThenTheLadderFailsSoftly) {
-   TcamHarness h(movingCfg());
-   uint32_t i = 0;
-   while (h.add6(k6n(i, 100)).routeId != 0)
-      ++i;
-   // Up to the last border below 512 that leaves IPv4 a block: 448, pairs 1..223 minus reserved.
-   EXPECT_EQ(h.ctx().v4V6Border(), 448u);
-   EXPECT_EQ(h.ctx().stats()->reallocation(), 7u);
-   const std::string before = snapshot(h.ctx());
-   EXPECT_EQ(h.add6(k6n(9999, 100)).routeId, 0u);
-   EXPECT_EQ(snapshot(h.ctx()), before);
 }
 
 // A reserve kept by one partition never blocks the other: the two share no entry. (A full IPv6
@@ -330,7 +327,7 @@ TEST(TcamBorder, EachPartitionKeepsOnlyItsOwnReserve) {
    for (uint32_t i = 0; i < 100; ++i)
       ASSERT_NE(g.add4(k4(1, fmt::format("11.0.{}.1/32", i).c_str())).routeId, 0u);
    for (uint32_t i = 0; i < 314; ++i)
-      ASSERT_NE(g.add4(k4(1, fmt::format("10.{}.{}.0/24", i / 256, i % 256).c_str())).routeId, 0u);
+      ASSERT_NE(g.add4(k24(i)).routeId, 0u);
    EXPECT_NE(g.add6(k6n(1, 100)).routeId, 0u) << "the border grew for it";
    EXPECT_EQ(g.ctx().stats()->reallocation(), 1u);
 }
@@ -339,7 +336,8 @@ namespace {
 
 // Invalid entries or invalid pairs, as a platform declares them.
 struct Invalid : LpmInvalidEntryManager {
-   uint32_t entry = 0, pair = 0;
+   Invalid(uint32_t e, uint32_t p) : entry(e), pair(p) {}
+   uint32_t entry, pair;
    void allocateInvalidEntries(bool, const Ulo::Ptr<HBitmap>& bm) override {
       if (!entry) return;
       bm->setBit(entry);
@@ -356,10 +354,7 @@ struct Invalid : LpmInvalidEntryManager {
 
 std::function<void(L3TcamManagerContext&)> invalid(uint32_t entry, uint32_t pair) {
    return [=](L3TcamManagerContext& ctx) {
-      auto m = std::make_shared<Invalid>();
-      m->entry = entry;
-      m->pair = pair;
-      ctx.invalidEntryManagerIs(m);
+      ctx.invalidEntryManagerIs(std::make_shared<Invalid>(entry, pair));
    };
 }
 
@@ -371,15 +366,8 @@ TEST(TcamIpv6, InvalidEntriesAndPairsNeverHoldADoubleSizeRoute) {
    c.invalidEntryManagerType = 1;
    TcamHarness h(c, false, invalid(0, 5));
    h.shareRegions(128);
-   std::vector<Ipv4UcastKey> keys;
-   for (uint32_t i = 0;; ++i) {
-      keys.push_back(k4(1, fmt::format("10.{}.{}.0/24", i / 256, i % 256).c_str()));
-      if (h.add4(keys.back()).routeId == 0) break;
-   }
-   for (const Ipv4UcastKey& k : keys) {
-      const uint32_t pos = h.ctx().v4()->getEntryId(k);
-      if (pos == 5 || pos == 100 || (pos >= 200 && pos < 204)) h.del4(k);
-   }
+   clearV4(h, fillV4(h),
+           [](uint32_t pos) { return pos == 5 || pos == 100 || (pos >= 200 && pos < 204); });
    const uint32_t pos = h.add6(k6n(7, 100)).routeId;
    EXPECT_NE(pos, 0u);
    EXPECT_NE(h.ctx().physicalToPair(pos), 5u);

@@ -1,33 +1,21 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <optional>
 
-#include "VexloL3Common/L3TcamTable.h"
-#include "platform/Assert.h"
+#include "TcamFixture.h"
 #include "platform/Trace.h"
 
 using namespace VexloL3Common;
+using namespace VexloL3Common::testing;
 
 namespace {
 
-L3TcamManagerContext::Config unicast(uint32_t size, uint32_t mode, uint8_t blocks) {
-   L3TcamManagerContext::Config c;
-   c.tcamSize = size;
-   c.tcamMode = mode;
-   c.numUcastDefipBlocks = blocks;
-   c.routeMove = routeMoveFactory();
-   c.routeMoveStatus = routeMoveFactory();
-   c.routeMerge = routeMergeFactory();
-   c.routeMergeStatus = routeMergeFactory();
-   return c;
-}
-
-Ulo::Ptr<L3TcamManagerContext> up(const L3TcamManagerContext::Config& c, bool urpf = false) {
+Ulo::Ptr<L3TcamManagerContext> up(L3TcamManagerContext::Config c, bool urpf = false) {
    auto status = std::make_shared<Ulo::RoutingStatus>();
    status->urpfEnabledIs(urpf);
-   L3TcamManagerContext::Config cfg = c;
-   cfg.globalRoutingStatus = status;
-   auto ctx = l3TcamManagerContextFactory(cfg);
+   c.globalRoutingStatus = status;
+   auto ctx = l3TcamManagerContextFactory(c);
    ctx->handleInitialized(true);
    return ctx;
 }
@@ -39,27 +27,13 @@ IndexRange range(const L3TcamManagerContext& ctx, RouteType t) {
 // Runs f with VEXLOL3COMMON_TCAM_SIZE set (or unset) and restores it afterwards.
 template <class F>
 void withSizeVariable(const char* value, F f) {
-   const char* old = std::getenv("VEXLOL3COMMON_TCAM_SIZE");
-   std::string saved = old ? old : "";
-   if (value)
-      setenv("VEXLOL3COMMON_TCAM_SIZE", value, 1);
-   else
-      unsetenv("VEXLOL3COMMON_TCAM_SIZE");
+   constexpr const char* kName = "VEXLOL3COMMON_TCAM_SIZE";
+   const char* old = std::getenv(kName);
+   const std::optional<std::string> saved = old ? std::optional<std::string>(old) : std::nullopt;
+   auto set = [&](const char* v) { v ? setenv(kName, v, 1) : unsetenv(kName); };
+   set(value);
    f();
-   if (old)
-      setenv("VEXLOL3COMMON_TCAM_SIZE", saved.c_str(), 1);
-   else
-      unsetenv("VEXLOL3COMMON_TCAM_SIZE");
-}
-
-std::string failureText(const std::function<void()>& f) {
-   Ulo::ScopedThrowingAssertHandler guard;
-   try {
-      f();
-   } catch (const Ulo::AssertionFailure& e) {
-      return e.text;
-   }
-   return "no failure";
+   set(saved ? saved->c_str() : nullptr);
 }
 
 }  // namespace
@@ -67,7 +41,7 @@ std::string failureText(const std::function<void()>& f) {
 TEST(TcamLayout, SeparateLayoutMode2) {
    withSizeVariable(nullptr, [] {
       Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 1, 1);
-      auto ctx = up(unicast(8192, 2, 8));
+      auto ctx = up(layout(8192, 2, 8, false));
       EXPECT_TRUE(
           cap.contains("doCreateBlocks TcamSize: 8192, tcamMode: 2, effective size: 8192, "
                        "blockSize: 1024, border: 4096, urpfEnabled: false"));
@@ -97,18 +71,25 @@ TEST(TcamLayout, SeparateLayoutMode2) {
    });
 }
 
+// A fallback VRF uses quarter blocks: gap 2048, border (4 / 2) x 2048 x 2.
 TEST(TcamLayout, Mode4BorderIsTheWholeTable) {
-   for (uint8_t blocks : {uint8_t(4), uint8_t(8)}) {
-      auto ctx = up(unicast(8192, 4, blocks));
-      EXPECT_EQ(ctx->v6()->tcamBorder(), 8192u) << int(blocks);
+   for (auto [blocks, fallback] : {std::pair{4, 0}, {8, 0}, {8, 9}}) {
+      SCOPED_TRACE(fmt::format("blocks {} fallback {}", blocks, fallback));
+      auto c = layout(8192, 4, uint8_t(blocks), false);
+      if (fallback) c.fallbackVrfId = VrfId(fallback);
+      auto ctx = up(c);
+      EXPECT_EQ(ctx->v6()->tcamBorder(), 8192u);
       EXPECT_FALSE(ctx->block(RouteType::v6Half)->isValid());
       EXPECT_EQ(range(*ctx, RouteType::v6Full), IndexRange(1, 8191));
       EXPECT_FALSE(ctx->swapAreaHalf());
+      if (fallback) {
+         EXPECT_EQ(ctx->lpmPairGap(), 2048u);
+      }
    }
 }
 
 TEST(TcamLayout, UrpfHalvesTheTable) {
-   auto ctx = up(unicast(8192, 4, 8), true);
+   auto ctx = up(layout(8192, 4, 8, false), true);
    EXPECT_TRUE(ctx->urpfEnabled());
    EXPECT_EQ(ctx->effectiveSize(), 4096u);
    EXPECT_EQ(ctx->lpmPairGap(), 1024u);
@@ -116,26 +97,18 @@ TEST(TcamLayout, UrpfHalvesTheTable) {
    EXPECT_EQ(range(*ctx, RouteType::v4), IndexRange(1, 4095));
    ctx->verify();
 
-   auto withFallback = unicast(8192, 2, 8);
+   auto withFallback = layout(8192, 2, 8, false);
    withFallback.fallbackVrfId = VrfId(3);
-   EXPECT_EQ(failureText([&] { up(withFallback, true); }),
+   EXPECT_EQ(failureOf([&] { up(withFallback, true); }),
              "fallbackVrfId() == Ulo::VrfId::invalidVrfId()");
-   EXPECT_EQ(failureText([&] { up(unicast(8192, 3, 8), true); }), "mode == 2 || mode == 4");
-   EXPECT_EQ(failureText([&] { up(withFallback); }), "no failure");
+   EXPECT_EQ(failureOf([&] { up(layout(8192, 3, 8, false), true); }), "mode == 2 || mode == 4");
+   EXPECT_EQ(failureOf([&] { up(withFallback); }), "no failure");
    withFallback.tcamMode = 1;
-   EXPECT_EQ(failureText([&] { up(withFallback); }), "mode == 2 || mode == 4");
-}
-
-TEST(TcamLayout, FallbackVrfUsesQuarterBlocks) {
-   auto c = unicast(8192, 4, 8);
-   c.fallbackVrfId = VrfId(9);
-   auto ctx = up(c);
-   EXPECT_EQ(ctx->lpmPairGap(), 2048u);
-   EXPECT_EQ(ctx->v6()->tcamBorder(), 8192u);  // (4 / 2) x 2048 x 2
+   EXPECT_EQ(failureOf([&] { up(withFallback); }), "mode == 2 || mode == 4");
 }
 
 TEST(TcamLayout, PairGapUnlessTheSizeVariableIsPresent) {
-   auto c = unicast(8192, 2, 8);
+   auto c = layout(8192, 2, 8, false);
    c.pairGap = 512;
    withSizeVariable(nullptr, [&] {
       auto ctx = up(c);
@@ -151,7 +124,7 @@ TEST(TcamLayout, PairGapUnlessTheSizeVariableIsPresent) {
 }
 
 TEST(TcamLayout, InterleavedLayoutKeepsNoBorder) {
-   auto c = unicast(8192, 2, 8);
+   auto c = layout(8192, 2, 8, false);
    c.v4V6InterleavingDisabled = false;
    auto ctx = up(c);
    EXPECT_EQ(ctx->v6()->tcamBorder(), 0u);
@@ -168,7 +141,7 @@ TEST(TcamLayout, InterleavedLayoutKeepsNoBorder) {
 }
 
 TEST(TcamLayout, FixedPairingBorder) {
-   auto c = unicast(8192, 2, 8);
+   auto c = layout(8192, 2, 8, false);
    c.supportsDefipPairing = true;
    auto ctx = up(c);
    EXPECT_EQ(ctx->v4V6Border(), 4096u);
@@ -186,7 +159,7 @@ TEST(TcamLayout, FixedPairingBorder) {
 }
 
 TEST(TcamLayout, MulticastContext) {
-   auto c = unicast(2048, 0, 0);
+   auto c = layout(2048, 0, 0, false);
    c.v4Mcast = true;
    auto ctx = up(c);
    EXPECT_EQ(range(*ctx, RouteType::v4Mcast), IndexRange(1, 2047));
@@ -200,47 +173,41 @@ TEST(TcamLayout, MulticastContext) {
    ctx->verify();
 }
 
-namespace {
-struct FourInvalid : LpmInvalidEntryManager {
-   void allocateInvalidEntries(bool, const Ulo::Ptr<HBitmap>& bm) override {
-      for (uint32_t i = 100; i <= 103; ++i)
-         bm->setBit(i);
-      invalidEntryRangeIs({100, 103});
-      numInvalidEntriesBitmapInc(4);
-   }
-   void allocateInvalidEntriesPair(bool, const Ulo::Ptr<HBitmap>& bm) override {
-      bm->setBit(7);
-      invalidEntryRangePairIs({7, 7});
-      numInvalidEntriesBitmapPairInc(1);
-   }
-};
-}  // namespace
-
 TEST(TcamLayout, InvalidEntryManagers) {
-   auto c = unicast(8192, 2, 8);
+   struct FourInvalid : LpmInvalidEntryManager {
+      void allocateInvalidEntries(bool, const Ulo::Ptr<HBitmap>& bm) override {
+         for (uint32_t i = 100; i <= 103; ++i)
+            bm->setBit(i);
+         invalidEntryRangeIs({100, 103});
+         numInvalidEntriesBitmapInc(4);
+      }
+      void allocateInvalidEntriesPair(bool, const Ulo::Ptr<HBitmap>& bm) override {
+         bm->setBit(7);
+         invalidEntryRangePairIs({7, 7});
+         numInvalidEntriesBitmapPairInc(1);
+      }
+   };
+   auto c = layout(8192, 2, 8, false);
    c.invalidEntryManagerType = 1;
-   EXPECT_EQ(failureText([&] { up(c); }), "Please define new LPM InvalidEntryManager helper");
+   EXPECT_EQ(failureOf([&] { up(c); }), "Please define new LPM InvalidEntryManager helper");
 
    auto ctx = l3TcamManagerContextFactory(c);
    auto mgr = std::make_shared<FourInvalid>();
    ctx->invalidEntryManagerIs(mgr);
    ctx->handleInitialized(true);
-   EXPECT_FALSE(mgr->isEntryInvalid(99));
-   EXPECT_TRUE(mgr->isEntryInvalid(100));
-   EXPECT_TRUE(mgr->isEntryInvalid(103));
-   EXPECT_FALSE(mgr->isEntryInvalid(104));
+   LpmInvalidEntryManagerDefault none;
+   for (uint32_t i : {0u, 99u, 100u, 103u, 104u}) {
+      EXPECT_EQ(mgr->isEntryInvalid(i), i >= 100 && i <= 103) << i;
+      EXPECT_FALSE(none.isEntryInvalid(i)) << i;
+   }
    EXPECT_TRUE(ctx->bitmap()->isBitSet(101));
    EXPECT_TRUE(ctx->bitmapPair()->isBitSet(7));
    EXPECT_EQ(ctx->entriesFree(RouteType::v4), 8191u - 1u - 4u);
    ctx->verify();
-
-   LpmInvalidEntryManagerDefault none;
-   EXPECT_FALSE(none.isEntryInvalid(0));
-   EXPECT_FALSE(none.isEntryInvalid(100));
 }
 
 TEST(TcamLayout, InitialisationHappensOnce) {
-   auto c = unicast(1024, 2, 8);
+   auto c = layout(1024, 2, 8, false);
    c.requestedTableMode = 1;  // modes differ: no swap area
    auto ctx = up(c);
    EXPECT_EQ(ctx->swapArea(), 0u);
@@ -248,27 +215,23 @@ TEST(TcamLayout, InitialisationHappensOnce) {
    Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 1, 1);
    ctx->handleInitialized(true);
    EXPECT_EQ(cap.texts(), std::vector<std::string>{"Tcam table manager Ctx already initialized"});
-
-   auto bad = unicast(1024, 5, 8);
-   EXPECT_EQ(failureText([&] { up(bad); }), "tcamMode() >= 1 && tcamMode() <= 4");
+   EXPECT_EQ(failureOf([&] { up(layout(1024, 5, 8, false)); }),
+             "tcamMode() >= 1 && tcamMode() <= 4");
 }
 
 TEST(TcamLayout, UnsupportedConfigurationsAreRefused) {
-   auto z = unicast(1024, 2, 0);
-   EXPECT_THROW(l3TcamManagerContextFactory(z), std::range_error);
+   EXPECT_THROW(l3TcamManagerContextFactory(layout(1024, 2, 0, false)), std::range_error);
    // Mode 2 on a table of two blocks would give IPv6 four blocks.
-   auto ctx = l3TcamManagerContextFactory(unicast(1024, 2, 2));
+   auto ctx = l3TcamManagerContextFactory(layout(1024, 2, 2, false));
    EXPECT_THROW(ctx->handleInitialized(true), std::range_error);
    EXPECT_FALSE(ctx->layoutDone());
-}
 
-TEST(TcamLayout, PairingLayoutsThatCannotBeServedAreRefused) {
    auto pairing = [](uint32_t mode, uint8_t blocks) {
-      auto c = unicast(8192, mode, blocks);
+      auto c = layout(8192, mode, blocks, false);
       c.supportsDefipPairing = true;
       return c;
    };
-   // Mode 1: double-size routes up to the pairing border 4096, single size from 2048 on.
+   // Pairing, mode 1: double-size routes up to the pairing border 4096, single size from 2048 on.
    EXPECT_THROW(up(pairing(1, 8)), std::range_error);
    // Two blocks: the last pair below 4096 would have its partner at 8191, among IPv4 entries.
    EXPECT_THROW(up(pairing(4, 2)), std::range_error);

@@ -61,6 +61,33 @@ std::vector<Ipv4UcastKey> routes4(uint32_t vrf, int n) {
    return keys;
 }
 
+// The attributes a context takes in place: mode, blocks, pair gap, requested table mode.
+std::string inPlace(const L3TcamManagerContext& ctx) {
+   return fmt::format("{} {} {} {}", ctx.tcamMode(), ctx.numUcastDefipBlocks(), ctx.pairGap(),
+                      ctx.requestedTableMode());
+}
+
+// Invalid entries that overlap the reserved ones (index 0, the pair-gap entry 1024, pair 0) and
+// each other.
+struct OverlappingInvalid : LpmInvalidEntryManager {
+   void allocateInvalidEntries(bool, const Ulo::Ptr<HBitmap>& bm) override {
+      for (uint32_t i : {0u, 1024u, 3000u, 3001u, 3002u, 3003u})
+         bm->setBit(i);
+      for (InvalidEntryRange r :
+           {InvalidEntryRange{0, 0}, {1024, 1024}, {3000, 3002}, {3001, 3003}})
+         invalidEntryRangeIs(r);
+   }
+   void allocateInvalidEntriesPair(bool, const Ulo::Ptr<HBitmap>& bm) override {
+      bm->setBit(0), bm->setBit(1), bm->setBit(700);
+      invalidEntryRangePairIs({0, 1});
+      invalidEntryRangePairIs({700, 700});
+   }
+};
+
+IndexRange blockRange(const L3TcamManagerContext& ctx, RouteType t) {
+   return IndexRange(ctx.block(t)->start(), ctx.block(t)->end());
+}
+
 }  // namespace
 
 TEST(TcamManager, InPlaceAttributesKeepTheContextAnyOtherChangeReplacesIt) {
@@ -76,12 +103,8 @@ TEST(TcamManager, InPlaceAttributesKeepTheContextAnyOtherChangeReplacesIt) {
 
    c.tcamMode = 4, c.numUcastDefipBlocks = 4, c.pairGap = 512, c.requestedTableMode = 3;
    mgr.tcamManagerCtxIs(c);
-   const auto inPlace = [&] {
-      return fmt::format("{} {} {} {}", ctx->tcamMode(), ctx->numUcastDefipBlocks(), ctx->pairGap(),
-                         ctx->requestedTableMode());
-   };
    EXPECT_EQ(mgr.tcamManagerCtx(), ctx);
-   EXPECT_EQ(inPlace(), "4 4 512 3");
+   EXPECT_EQ(inPlace(*ctx), "4 4 512 3");
    EXPECT_EQ(snapshot(*ctx), before) << "the new values wait for the next layout";
    EXPECT_EQ(mgr.getKeyV4ToEntryId(k4(1, "10.0.0.0/8")), pos);
 
@@ -89,7 +112,7 @@ TEST(TcamManager, InPlaceAttributesKeepTheContextAnyOtherChangeReplacesIt) {
    c.tcamSize = 2048, c.tcamMode = 2, c.numUcastDefipBlocks = 0;
    EXPECT_THROW(mgr.tcamManagerCtxIs(c), std::range_error);
    EXPECT_EQ(mgr.tcamManagerCtx(), ctx);
-   EXPECT_EQ(inPlace(), "4 4 512 3");
+   EXPECT_EQ(inPlace(*ctx), "4 4 512 3");
 
    c.numUcastDefipBlocks = 8;
    mgr.tcamManagerCtxIs(c);
@@ -146,9 +169,7 @@ TEST(TcamManager, PositionalArgumentsMatchTheConfiguration) {
                            true, false);
    const auto ctx = mgr.tcamManagerLowCtx();
    // The in-place attributes, read before the same configuration would rewrite them.
-   EXPECT_EQ(fmt::format("{} {} {} {}", ctx->tcamMode(), ctx->numUcastDefipBlocks(), ctx->pairGap(),
-                         ctx->requestedTableMode()),
-             "4 16 256 6");
+   EXPECT_EQ(inPlace(*ctx), "4 16 256 6");
    mgr.tcamManagerLowCtxIs(c);
    EXPECT_EQ(mgr.tcamManagerLowCtx(), ctx) << "every compared attribute landed in its place";
 }
@@ -226,33 +247,6 @@ TEST(TcamManager, ForwardedResultsEqualDirectCalls) {
    }
    EXPECT_EQ(snapshot(*mgr.tcamManagerCtx()), snapshot(*mcTwin));
 }
-
-// ---- uRPF --------------------------------------------------------------------------------
-
-namespace {
-
-// Invalid entries that overlap the reserved ones (index 0, the pair-gap entry 1024, pair 0) and
-// each other.
-struct OverlappingInvalid : LpmInvalidEntryManager {
-   void allocateInvalidEntries(bool, const Ulo::Ptr<HBitmap>& bm) override {
-      for (uint32_t i : {0u, 1024u, 3000u, 3001u, 3002u, 3003u})
-         bm->setBit(i);
-      for (InvalidEntryRange r :
-           {InvalidEntryRange{0, 0}, {1024, 1024}, {3000, 3002}, {3001, 3003}})
-         invalidEntryRangeIs(r);
-   }
-   void allocateInvalidEntriesPair(bool, const Ulo::Ptr<HBitmap>& bm) override {
-      bm->setBit(0), bm->setBit(1), bm->setBit(700);
-      invalidEntryRangePairIs({0, 1});
-      invalidEntryRangePairIs({700, 700});
-   }
-};
-
-IndexRange blockRange(const L3TcamManagerContext& ctx, RouteType t) {
-   return IndexRange(ctx.block(t)->start(), ctx.block(t)->end());
-}
-
-}  // namespace
 
 TEST(TcamUrpf, InstalledRoutesRefuseTheSwitchAndChangeNothing) {
    Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 1, 1);

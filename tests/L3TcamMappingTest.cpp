@@ -6,15 +6,11 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <map>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
-#include "VexloL3Common/L3TcamTable.h"
-#include "platform/Assert.h"
+#include "TcamFixture.h"
 #include "platform/Trace.h"
 
 namespace VexloL3Common {
@@ -23,12 +19,8 @@ namespace {
 constexpr const char* kTrace = "VexloL3CommonTcamTable";
 using Texts = std::vector<std::string>;
 
-Ipv4UcastKey k4(uint32_t vrf, const char* prefix) {
-   return Ipv4UcastKey(VrfId(vrf), Ulo::Prefix::fromString(prefix));
-}
-Ipv6UcastKey k6(uint32_t vrf, const char* prefix) {
-   return Ipv6UcastKey(VrfId(vrf), Ulo::Ip6Prefix::fromString(prefix));
-}
+using testing::k4;
+using testing::k6;
 Ipv4UcastKey null4(uint32_t vrf) {
    return Ipv4UcastKey::nullKey(VrfId(vrf));
 }
@@ -87,7 +79,7 @@ class MappingV4Test : public PublishFixture {
 
 // ---- placement ---------------------------------------------------------------------------
 
-TEST_F(MappingV4Test, FirstRouteGoesRightSecondFillsLeft) {
+TEST_F(MappingV4Test, FirstRouteGoesRightSecondFillsLeftOnlyWithPairing) {
    {
       Ulo::ScopedTraceCapture cap(kTrace, 4, 4);
       m.insertFirstEntry(a, 5);
@@ -116,9 +108,8 @@ TEST_F(MappingV4Test, FirstRouteGoesRightSecondFillsLeft) {
    EXPECT_EQ(m.keys(5), Ipv4Keys(b, a));
    EXPECT_EQ(m.halfFullSize(), 0u);
    EXPECT_EQ(m.pairedKey(b, 5, 0), a);
-}
 
-TEST_F(MappingV4Test, WithoutPairingNothingIsTrackedAndSecondInsertAsserts) {
+   // Without pairing nothing is tracked and a second insert is a broken caller.
    MappingV4 single(false, stats, move, moveStatus, merge, mergeStatus);
    single.insertFirstEntry(a, 5);
    single.insertFirstEntry(c, 6);
@@ -312,8 +303,7 @@ TEST_F(MappingV6Test, MoveCountsTheSizeOfTheOldPosition) {
 class MappingMcastV4Test : public PublishFixture {
  protected:
    void SetUp() override {
-      L3TcamManagerContext::Config cfg;
-      cfg.tcamSize = 1024;
+      auto cfg = testing::layout(1024, 1, 1, false);
       cfg.v4Mcast = true;
       cfg.routeMove = move;
       cfg.routeMoveStatus = moveStatus;

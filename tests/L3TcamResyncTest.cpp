@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <random>
 #include <set>
 #include <sstream>
@@ -34,41 +33,29 @@ std::string modelOf(const L3TcamManagerContext& ctx) {
 // The caller's writes that give a new emulator the image: every route installed where it stands.
 void install(const std::vector<TcamHardwareEntry>& image, sim::TcamEmulator& emu) {
    for (const TcamHardwareEntry& e : image) {
-      switch (e.kind) {
-         case Kind::v4:
-            emu.writeV4(e.pos, e.v4);
-            break;
-         case Kind::v6Single:
-         case Kind::v6Double:
-            emu.writeV6(e.pos, e.v6, e.kind == Kind::v6Double);
-            break;
-         case Kind::mcast:
-            emu.writeMcast(e.pos, e.mcast);
-            break;
-         case Kind::v6DoubleSecond:
-            break;
-      }
+      if (e.kind == Kind::v4)
+         emu.writeV4(e.pos, e.v4);
+      else if (e.kind == Kind::mcast)
+         emu.writeMcast(e.pos, e.mcast);
+      else if (e.kind != Kind::v6DoubleSecond)
+         emu.writeV6(e.pos, e.v6, e.kind == Kind::v6Double);
    }
+}
+
+L3TcamManagerContext::Config paired(bool dynamic, uint32_t size = 512) {
+   auto cfg = layout(size, 2, 8, true);  // pair gap 64; at 512 entries the fixed border is 256
+   cfg.supportsDefipPairing = true;
+   cfg.dynamicV4V6Boundary = dynamic;
+   return cfg;
 }
 
 struct Layout {
    const char* name;
    L3TcamManagerContext::Config cfg;
    bool urpf = false;
-   std::optional<RouteType> add6;  // IPv6 placed directly in one block, as TcamHarness::add6 does
-   bool ladder = false;            // IPv6 through addRoute6
+   std::optional<RouteType> add6 = {};  // IPv6 placed directly in one block, as TcamHarness::add6
+   bool ladder = false;                 // IPv6 through addRoute6
 };
-
-Layout make(const char* name, L3TcamManagerContext::Config cfg, bool urpf = false,
-            std::optional<RouteType> add6 = std::nullopt, bool ladder = false) {
-   return Layout{name, cfg, urpf, add6, ladder};
-}
-
-Layout withPairing(Layout l, bool dynamic) {
-   l.cfg.supportsDefipPairing = true;
-   l.cfg.dynamicV4V6Boundary = dynamic;
-   return l;
-}
 
 std::vector<Layout> layouts() {
    auto interleaved = layout(512, 3, 8, true);
@@ -77,19 +64,17 @@ std::vector<Layout> layouts() {
    noSwap.requestedTableMode = 1;
    auto mcast = layout(512, 0, 0);
    mcast.v4Mcast = true;
-   return {
-       make("separate, two per entry", layout(512, 2, 8, true), false, RouteType::v6Half),
-       make("separate, one per entry", layout(512, 3, 8, false)),
-       make("separate, IPv6 ladder", layout(512, 2, 8, true), false, std::nullopt, true),
-       make("uRPF", layout(1024, 2, 8, true), true),
-       withPairing(make("fixed pairing border", layout(512, 2, 8, true), false, RouteType::v6Full),
-                   false),
-       make("interleaved", interleaved, false, RouteType::v6Half),
-       make("no swap area, odd size", noSwap),
-       withPairing(make("moving border", layout(1024, 2, 8, true), false, std::nullopt, true),
-                   true),
-       make("multicast", mcast),
-   };
+   return {{.name = "separate, two per entry",
+            .cfg = layout(512, 2, 8, true),
+            .add6 = RouteType::v6Half},
+           {.name = "separate, one per entry", .cfg = layout(512, 3, 8, false)},
+           {.name = "separate, IPv6 ladder", .cfg = layout(512, 2, 8, true), .ladder = true},
+           {.name = "uRPF", .cfg = layout(1024, 2, 8, true), .urpf = true},
+           {.name = "fixed pairing border", .cfg = paired(false), .add6 = RouteType::v6Full},
+           {.name = "interleaved", .cfg = interleaved, .add6 = RouteType::v6Half},
+           {.name = "no swap area, odd size", .cfg = noSwap},
+           {.name = "moving border", .cfg = paired(true, 1024), .ladder = true},
+           {.name = "multicast", .cfg = mcast}};
 }
 
 // n distinct keys from make().
@@ -104,80 +89,65 @@ std::vector<Key> pool(size_t n, Make&& make) {
    return out;
 }
 
-// Few distinct address bits, so that prefixes nest and repeat across VRFs.
-std::vector<Ipv4UcastKey> pool4(std::mt19937_64& rng, size_t n) {
-   return pool<Ipv4UcastKey>(n, [&] {
-      const uint32_t r = uint32_t(rng() % 10);
-      const uint32_t len = r < 5 ? 24 : r < 8 ? 16 + uint32_t(rng() % 8) : 8 + uint32_t(rng() % 25);
-      const uint32_t addr = uint32_t(rng()) & 0x0f0f0fffu & (len ? ~0u << (32 - len) : 0u);
-      return Ipv4UcastKey(VrfId(1 + uint32_t(rng() % 2)), Ulo::Prefix(addr, uint8_t(len)));
-   });
-}
-
-std::vector<Ipv6UcastKey> pool6(std::mt19937_64& rng, size_t n, uint32_t maxLen) {
-   return pool<Ipv6UcastKey>(n, [&] {
-      const uint32_t len = rng() % 2 ? 48 : uint32_t(rng() % (maxLen + 1));
-      Ulo::Ip6Prefix::Bytes b{};
-      for (uint32_t bit = 0; bit < len; ++bit)
-         b[bit / 8] |= uint8_t(rng() % 8 == 0 ? 0x80u >> (bit % 8) : 0);
-      return Ipv6UcastKey(VrfId(1 + uint32_t(rng() % 2)), Ulo::Ip6Prefix(b, uint8_t(len)));
-   });
-}
-
-std::vector<IpMcastPrefixKey> poolMcast(std::mt19937_64& rng, size_t n) {
-   return pool<IpMcastPrefixKey>(n, [&] {
-      const uint8_t len = rng() % 3 == 0 ? 32 : uint8_t(40 + rng() % 25);
-      const uint32_t src = len == 32 ? 0 : uint32_t(rng()) & (~0u << (64 - len));
-      return IpMcastPrefixKey(uint16_t(rng() % 2), 0,
-                              Ulo::IpGenAddr::v4(0xef000000u | uint32_t(rng() % 64)),
-                              Ulo::IpGenAddr::v4(src), len);
-   });
-}
-
 // A seeded run of adds and deletes that fills the table until it refuses routes, drains it, and
 // again; restart() rebuilds the context from the hardware image and goes on with it.
-class Churn {
- public:
-   Churn(const Layout& l, uint64_t seed)
-       : l_(l), rng_(seed), p4_(pool4(rng_, 1500)), pm_(poolMcast(rng_, 1200)) {
-      h_ = harness();
-      const TcamBlock* half = h_->ctx().block(RouteType::v6Half).get();
+struct Churn {
+   Churn(const Layout& lay, uint64_t seed) : l(lay), rng(seed), h(harness()) {
+      // Few distinct address bits, so that prefixes nest and repeat across VRFs.
+      p4 = pool<Ipv4UcastKey>(1500, [&] {
+         const uint32_t r = uint32_t(rng() % 10);
+         const uint32_t len = r < 5   ? 24
+                              : r < 8 ? 16 + uint32_t(rng() % 8)
+                                      : 8 + uint32_t(rng() % 25);
+         const uint32_t addr = uint32_t(rng()) & 0x0f0f0fffu & (len ? ~0u << (32 - len) : 0u);
+         return Ipv4UcastKey(VrfId(1 + uint32_t(rng() % 2)), Ulo::Prefix(addr, uint8_t(len)));
+      });
+      pm = pool<IpMcastPrefixKey>(1200, [&] {
+         const uint8_t len = rng() % 3 == 0 ? 32 : uint8_t(40 + rng() % 25);
+         const uint32_t src = len == 32 ? 0 : uint32_t(rng()) & (~0u << (64 - len));
+         return IpMcastPrefixKey(uint16_t(rng() % 2), 0,
+                                 Ulo::IpGenAddr::v4(0xef000000u | uint32_t(rng() % 64)),
+                                 Ulo::IpGenAddr::v4(src), len);
+      });
       // Without pairing only single-size entries exist.
-      p6_ = pool6(rng_, 500, l.cfg.supportsDefipPairing || !half ? 128 : half->prefixLenMax());
+      const TcamBlock* half = h->ctx().block(RouteType::v6Half).get();
+      const uint32_t maxLen = l.cfg.supportsDefipPairing || !half ? 128 : half->prefixLenMax();
+      p6 = pool<Ipv6UcastKey>(500, [&] {
+         const uint32_t len = rng() % 2 ? 48 : uint32_t(rng() % (maxLen + 1));
+         Ulo::Ip6Prefix::Bytes b{};
+         for (uint32_t bit = 0; bit < len; ++bit)
+            b[bit / 8] |= uint8_t(rng() % 8 == 0 ? 0x80u >> (bit % 8) : 0);
+         return Ipv6UcastKey(VrfId(1 + uint32_t(rng() % 2)), Ulo::Ip6Prefix(b, uint8_t(len)));
+      });
    }
 
-   TcamHarness& h() { return *h_; }
-   uint64_t refused() const { return refused_; }
-
    void step(uint64_t op) {
-      const size_t routes = in4_.items.size() + in6_.items.size() + inM_.items.size();
-      if (filling_ && refusedInARow_ > 20) filling_ = false;
-      if (!filling_ && routes < 40) filling_ = true;
-      const bool mcast = l_.cfg.v4Mcast;
-      const bool v6 = !mcast && (l_.add6 || l_.ladder) && rng_() % 3 == 0;
-      Present& in = mcast ? inM_ : v6 ? in6_ : in4_;
-      const size_t n = mcast ? pm_.size() : v6 ? p6_.size() : p4_.size();
-      if (in.items.empty() || rng_() % 100 < (filling_ ? 85u : 15u)) {
-         size_t i = rng_() % n;
+      const size_t routes = in4.items.size() + in6.items.size() + inM.items.size();
+      if (filling && refusedInARow > 20) filling = false;
+      if (!filling && routes < 40) filling = true;
+      const bool mcast = l.cfg.v4Mcast;
+      const bool v6 = !mcast && (l.add6 || l.ladder) && rng() % 3 == 0;
+      Present& in = mcast ? inM : v6 ? in6 : in4;
+      const size_t n = mcast ? pm.size() : v6 ? p6.size() : p4.size();
+      if (in.items.empty() || rng() % 100 < (filling ? 85u : 15u)) {
+         size_t i = rng() % n;
          while (in.has(i))
             i = (i + 1) % n;
-         const bool ok = mcast ? h_->addM(pm_[i]).routeId != 0 : v6 ? add6(p6_[i]) : add4(p4_[i]);
-         if (ok) {
-            in.add(i);
-            refusedInARow_ = 0;
-         } else {
-            ++refused_;
-            ++refusedInARow_;
-         }
+         const bool ok = mcast    ? h->addM(pm[i]).routeId != 0
+                         : !v6    ? h->add4(p4[i], rng() % 8 == 0).routeId != 0
+                         : l.add6 ? h->add6(*l.add6, p6[i]) != 0
+                                  : h->add6(p6[i]).routeId != 0;
+         if (ok) in.add(i);
+         refused += !ok;
+         refusedInARow = ok ? 0 : refusedInARow + 1;
       } else {
-         const size_t i = in.items[rng_() % in.items.size()];
+         const size_t i = in.items[rng() % in.items.size()];
          if (mcast) {
-            h_->delM(pm_[i]);
+            h->delM(pm[i]);
          } else if (v6) {
-            h_->del6(p6_[i]);
-         } else {
-            RouteReturnCode rc = h_->del4(p4_[i], rng_() % 4 != 0, op);
-            if (rc.canMerge) h_->merge4(p4_[i], rc.routeId, rc.mergePos, op);
+            h->del6(p6[i]);
+         } else if (RouteReturnCode rc = h->del4(p4[i], rng() % 4 != 0, op); rc.canMerge) {
+            h->merge4(p4[i], rc.routeId, rc.mergePos, op);
          }
          in.remove(i);
       }
@@ -186,10 +156,10 @@ class Churn {
    // A restart: a fresh context of the same configuration rebuilt from the image must hold the
    // same model, publish nothing and pass its checks; a new emulator gets the same image.
    void restart() {
-      const std::string before = modelOf(h_->ctx());
-      const std::vector<TcamHardwareEntry> image = sim::imageOf(h_->emu());
+      const std::string before = modelOf(h->ctx());
+      const std::vector<TcamHardwareEntry> image = sim::imageOf(h->emu());
       std::unique_ptr<TcamHarness> next = harness();
-      next->ctx().rebuildFromHardware(image, h_->ctx().v4V6Border());
+      next->ctx().rebuildFromHardware(image, h->ctx().v4V6Border());
       EXPECT_EQ(next->move().pos(), RoutePosition());
       EXPECT_EQ(next->merge().merge(), RouteMergeInfo());
       EXPECT_EQ(next->emu().moves() + next->emu().merges(), 0u);
@@ -200,47 +170,36 @@ class Churn {
       ASSERT_EQ(modelOf(next->ctx()), before);
       install(image, next->emu());
       next->check(true);
-      h_ = std::move(next);
-      ++restarts_;
+      h = std::move(next);
+      ++restarts;
    }
-   uint64_t restarts() const { return restarts_; }
 
- private:
    std::unique_ptr<TcamHarness> harness() {
-      auto h = std::make_unique<TcamHarness>(l_.cfg, l_.urpf);
-      if (l_.ladder) {
+      auto t = std::make_unique<TcamHarness>(l.cfg, l.urpf);
+      if (l.ladder) {
          // Routes converted between the two sizes take the size of the region they land in.
-         L3TcamManagerContext* ctx = &h->ctx();
-         h->emu().doubleSizeAtIs([ctx](uint32_t pos) { return pos < ctx->v6()->tcamBorder(); });
+         L3TcamManagerContext* ctx = &t->ctx();
+         t->emu().doubleSizeAtIs([ctx](uint32_t pos) { return pos < ctx->v6()->tcamBorder(); });
       }
-      return h;
-   }
-   bool add4(const Ipv4UcastKey& k) { return h_->add4(k, rng_() % 8 == 0).routeId != 0; }
-   bool add6(const Ipv6UcastKey& k) {
-      if (l_.add6) return h_->add6(*l_.add6, k) != 0;
-      const RouteReturnCode rc = h_->ctx().addRoute6(k, false);
-      if (rc.routeId) h_->emu().writeV6(rc.routeId, k, rc.routeId < h_->ctx().v6()->tcamBorder());
-      h_->check();
-      return rc.routeId != 0;
+      return t;
    }
 
-   Layout l_;
-   std::mt19937_64 rng_;
-   std::vector<Ipv4UcastKey> p4_;
-   std::vector<Ipv6UcastKey> p6_;
-   std::vector<IpMcastPrefixKey> pm_;
-   Present in4_, in6_, inM_;
-   std::unique_ptr<TcamHarness> h_;
-   bool filling_ = true;
-   uint32_t refusedInARow_ = 0;
-   uint64_t refused_ = 0, restarts_ = 0;
+   Layout l;
+   std::mt19937_64 rng;
+   std::unique_ptr<TcamHarness> h;
+   std::vector<Ipv4UcastKey> p4;
+   std::vector<Ipv6UcastKey> p6;
+   std::vector<IpMcastPrefixKey> pm;
+   Present in4, in6, inM;
+   bool filling = true;
+   uint32_t refusedInARow = 0;
+   uint64_t refused = 0, restarts = 0;
 };
 
 TcamHardwareEntry e4(uint32_t pos, const Ipv4UcastKey& right,
                      std::optional<Ipv4UcastKey> left = {}) {
    TcamHardwareEntry e;
    e.pos = pos;
-   e.kind = Kind::v4;
    e.v4 = Ipv4Keys(left ? *left : Ipv4UcastKey::nullKey(right.vrfId), right);
    return e;
 }
@@ -253,27 +212,24 @@ TcamHardwareEntry e6(uint32_t pos, Kind kind, const Ipv6UcastKey& key) {
    return e;
 }
 
-L3TcamManagerContext::Config paired(bool dynamic) {
-   auto cfg = layout(512, 2, 8, true);  // pair gap 64; fixed border 256
-   cfg.supportsDefipPairing = true;
-   cfg.dynamicV4V6Boundary = dynamic;
-   return cfg;
+// The range error that f raises, after checking that it left ctx exactly as it was.
+std::string refusal(const L3TcamManagerContext& ctx, const std::function<void()>& f) {
+   const std::string before = snapshot(ctx);
+   try {
+      f();
+   } catch (const std::range_error& e) {
+      EXPECT_EQ(snapshot(ctx), before) << e.what();
+      return e.what();
+   }
+   return "no refusal";
 }
 
-// The range error that rebuilding `image` into a fresh context raises, after checking that the
-// context is left exactly as it was.
+// The same for rebuilding `image` into a fresh context.
 std::string refusal(const L3TcamManagerContext::Config& cfg,
                     const std::vector<TcamHardwareEntry>& image,
                     std::optional<uint32_t> border = std::nullopt) {
    TcamHarness h(cfg);
-   const std::string before = snapshot(h.ctx());
-   try {
-      h.ctx().rebuildFromHardware(image, border);
-   } catch (const std::range_error& e) {
-      EXPECT_EQ(snapshot(h.ctx()), before) << e.what();
-      return e.what();
-   }
-   return "no refusal";
+   return refusal(h.ctx(), [&] { h.ctx().rebuildFromHardware(image, border); });
 }
 
 const Ipv4UcastKey a24 = k4(1, "10.0.0.0/24"), b24 = k4(2, "10.0.1.0/24"),
@@ -302,8 +258,8 @@ TEST(TcamResync, RestartsRebuildTheSameModelOnEveryLayout) {
             if (::testing::Test::HasFatalFailure()) return;
          }
          run.restart();
-         EXPECT_GT(run.restarts(), ops / 601);
-         EXPECT_GT(run.refused(), 0u) << "the run never filled the table";
+         EXPECT_GT(run.restarts, ops / 601);
+         EXPECT_GT(run.refused, 0u) << "the run never filled the table";
       } catch (const Ulo::AssertionFailure& f) {
          FAIL() << f.what();
       }
@@ -320,39 +276,32 @@ TEST(TcamResync, AtIndexPlacementsInAnyOrderMatchTheRebuild) {
       Churn run(l, 77);
       for (uint64_t op = 0; op < 1500; ++op)
          run.step(op);
-      std::vector<TcamHardwareEntry> image = sim::imageOf(run.h().emu());
-      struct Half {
-         TcamHardwareEntry e;
-         bool right;
-      };
-      std::vector<Half> halves;
+      std::vector<TcamHardwareEntry> image = sim::imageOf(run.h->emu());
+      std::vector<std::pair<TcamHardwareEntry, bool>> halves;  // an entry, and its right half?
       for (TcamHardwareEntry& e : image) {
-         if (e.kind == Kind::v6DoubleSecond) continue;
-         if (e.kind != Kind::v4) {
-            halves.push_back({e, true});
-            continue;
-         }
          // A half placed alone gets its own VRF as the empty half's filler.
-         if (e.v4.left.isNull()) e.v4.left = Ipv4UcastKey::nullKey(e.v4.right.vrfId);
-         if (e.v4.right.isNull()) e.v4.right = Ipv4UcastKey::nullKey(e.v4.left.vrfId);
-         if (!e.v4.right.isNull()) halves.push_back({e, true});
-         if (!e.v4.left.isNull()) halves.push_back({e, false});
+         if (e.kind == Kind::v4 && e.v4.left.isNull())
+            e.v4.left = Ipv4UcastKey::nullKey(e.v4.right.vrfId);
+         if (e.kind == Kind::v4 && e.v4.right.isNull())
+            e.v4.right = Ipv4UcastKey::nullKey(e.v4.left.vrfId);
+         if (e.kind != Kind::v6DoubleSecond && (e.kind != Kind::v4 || !e.v4.right.isNull()))
+            halves.emplace_back(e, true);
+         if (e.kind == Kind::v4 && !e.v4.left.isNull()) halves.emplace_back(e, false);
       }
       std::shuffle(halves.begin(), halves.end(), std::mt19937_64(5));
       TcamHarness rebuilt(l.cfg), placed(l.cfg);
-      rebuilt.ctx().rebuildFromHardware(image, run.h().ctx().v4V6Border());
-      for (const Half& x : halves) {
+      rebuilt.ctx().rebuildFromHardware(image, run.h->ctx().v4V6Border());
+      for (const auto& [e, right] : halves) {
          RouteReturnCode rc;
-         if (x.e.kind == Kind::v4) {
-            rc = placed.ctx().addRoute4AtIndex(x.right ? x.e.v4.right : x.e.v4.left, x.e.pos,
-                                               x.right);
-            EXPECT_EQ(rc.tcamV4RightKey, x.right);
-         } else if (x.e.kind == Kind::mcast) {
-            rc = placed.ctx().addMroute4AtIndex(x.e.mcast, x.e.pos);
+         if (e.kind == Kind::v4) {
+            rc = placed.ctx().addRoute4AtIndex(right ? e.v4.right : e.v4.left, e.pos, right);
+            EXPECT_EQ(rc.tcamV4RightKey, right);
+         } else if (e.kind == Kind::mcast) {
+            rc = placed.ctx().addMroute4AtIndex(e.mcast, e.pos);
          } else {
-            rc = placed.ctx().addRoute6AtIndex(x.e.v6, x.e.pos);
+            rc = placed.ctx().addRoute6AtIndex(e.v6, e.pos);
          }
-         ASSERT_EQ(rc.routeId, x.e.pos);
+         ASSERT_EQ(rc.routeId, e.pos);
       }
       EXPECT_EQ(modelOf(placed.ctx()), modelOf(rebuilt.ctx()));
       placed.ctx().verify();
@@ -361,7 +310,8 @@ TEST(TcamResync, AtIndexPlacementsInAnyOrderMatchTheRebuild) {
 
 TEST(TcamResync, CorruptImageIsRefusedNamingTheEntryAndChangesNothing) {
    Ulo::ScopedThrowingAssertHandler guard;
-   const auto separate = layout(512, 2, 8, true), single = layout(512, 2, 8, false);
+   const auto separate = layout(512, 2, 8, true), single = layout(512, 2, 8, false),
+              pairing = paired(false);
    auto refused = [](const char* name, const L3TcamManagerContext::Config& cfg,
                      const std::vector<TcamHardwareEntry>& image, const std::string& what) {
       SCOPED_TRACE(name);
@@ -370,12 +320,12 @@ TEST(TcamResync, CorruptImageIsRefusedNamingTheEntryAndChangesNothing) {
    };
    refused("length order", separate, {e4(300, a24), e4(310, c16), e4(320, b24)},
            "entry 320, key 10.0.1.0/24(vrf2): out of length order");
-   refused("partner missing", paired(false), {e6(5, Kind::v6Double, d80), e4(300, a24)},
+   refused("partner missing", pairing, {e6(5, Kind::v6Double, d80), e4(300, a24)},
            "entry 5, key 2001:db8::/80(vrf1): partner missing");
-   refused("partner with another key", paired(false),
+   refused("partner with another key", pairing,
            {e6(5, Kind::v6Double, d80), e6(69, Kind::v6DoubleSecond, k6(2, "2001:db8::/80"))},
            "entry 5, key 2001:db8::/80(vrf1): partner missing");
-   refused("first missing", paired(false), {e6(69, Kind::v6DoubleSecond, d80)},
+   refused("first missing", pairing, {e6(69, Kind::v6DoubleSecond, d80)},
            "entry 69, key 2001:db8::/80(vrf1): second entry");
    refused("twin length", separate, {e4(300, a24, k4(1, "10.0.2.0/23"))},
            "entry 300, key 10.0.2.0/23(vrf1): prefix length 23 differs from its twin's, 24");
@@ -390,12 +340,12 @@ TEST(TcamResync, CorruptImageIsRefusedNamingTheEntryAndChangesNothing) {
            "entry 200: not in ascending order");
    refused("same index twice", separate, {e4(300, a24), e4(300, b24)},
            "entry 300: a second image entry");
-   refused("single size below the border", paired(false), {e6(5, Kind::v6Single, d80)},
+   refused("single size below the border", pairing, {e6(5, Kind::v6Single, d80)},
            "entry 5, key 2001:db8::/80(vrf1): single-size entry below the IPv6 border 256");
-   refused("double size above the border", paired(false),
+   refused("double size above the border", pairing,
            {e6(300, Kind::v6Double, d80), e6(364, Kind::v6DoubleSecond, d80)},
            "entry 300, key 2001:db8::/80(vrf1): double-size entry at or above the IPv6 border 256");
-   refused("outside the block", paired(false), {e4(100, a24)},
+   refused("outside the block", pairing, {e4(100, a24)},
            "entry 100, key 10.0.0.0/24(vrf1): outside the IPv4 block 256/511");
 }
 
@@ -410,37 +360,26 @@ TEST(TcamResync, AtIndexRefusesWhatCannotBeAValidModelAndChangesNothing) {
    EXPECT_EQ(ctx.v6RouteTypeFromPos(5), RouteType::v6Full);
    EXPECT_TRUE(ctx.bitmap()->isBitSet(69));
    ctx.verify();
-   const std::string before = snapshot(ctx);
-   auto refused = [&](const std::function<void()>& f) {
-      try {
-         f();
-      } catch (const std::range_error& e) {
-         EXPECT_EQ(snapshot(ctx), before) << e.what();
-         return std::string(e.what());
-      }
-      return std::string("no refusal");
-   };
-   EXPECT_EQ(refused([&] { ctx.addRoute4AtIndex(b24, 300, true); }),
+   EXPECT_EQ(refusal(ctx, [&] { ctx.addRoute4AtIndex(b24, 300, true); }),
              "addRoute4AtIndex: entry 300, key 10.0.1.0/24(vrf2): the right half already holds "
              "10.0.0.0/24(vrf1)");
-   EXPECT_EQ(refused([&] { ctx.addRoute4AtIndex(k4(1, "10.2.0.0/16"), 300, false); }),
+   EXPECT_EQ(refusal(ctx, [&] { ctx.addRoute4AtIndex(k4(1, "10.2.0.0/16"), 300, false); }),
              "addRoute4AtIndex: entry 300, key 10.2.0.0/16(vrf1): prefix length 16 differs from "
              "its twin's, 24 (10.0.0.0/24(vrf1))");
-   EXPECT_EQ(refused([&] { ctx.addRoute4AtIndex(b24, 450, true); }),
+   EXPECT_EQ(refusal(ctx, [&] { ctx.addRoute4AtIndex(b24, 450, true); }),
              "addRoute4AtIndex: entry 450, key 10.0.1.0/24(vrf2): out of length order: prefix "
              "length 24 at or after the shorter length 16 (range 400/400)");
-   EXPECT_EQ(refused([&] { ctx.addRoute4AtIndex(a24, 301, true); }),
+   EXPECT_EQ(refusal(ctx, [&] { ctx.addRoute4AtIndex(a24, 301, true); }),
              "addRoute4AtIndex: entry 301, key 10.0.0.0/24(vrf1): duplicate key, already at entry "
              "300");
-   EXPECT_EQ(refused([&] { ctx.addRoute6AtIndex(k6(1, "2001:db8:1::/80"), 69); }),
+   EXPECT_EQ(refusal(ctx, [&] { ctx.addRoute6AtIndex(k6(1, "2001:db8:1::/80"), 69); }),
              "addRoute6AtIndex: entry 69, key 2001:db8:1::/80(vrf1): not the first entry of a pair "
              "(pair gap 64)");
-   EXPECT_EQ(refused([&] { ctx.addRoute6AtIndex(k6(1, "2001:db8:1::/80"), 300); }),
+   EXPECT_EQ(refusal(ctx, [&] { ctx.addRoute6AtIndex(k6(1, "2001:db8:1::/80"), 300); }),
              "addRoute6AtIndex: entry 300, key 2001:db8:1::/80(vrf1): outside the single-size IPv6 "
              "block 0/0 (IPv6 border 256)");
-   EXPECT_EQ(refused([&] {
-                ctx.addMroute4AtIndex(IpMcastPrefixKey(), 7);
-             }).rfind("addMroute4AtIndex: entry 7", 0),
+   EXPECT_EQ(refusal(ctx, [&] { ctx.addMroute4AtIndex(IpMcastPrefixKey(), 7); })
+                 .rfind("addMroute4AtIndex: entry 7", 0),
              0u);
    // The second half fills the tracked entry; nothing half-full is left of that length.
    EXPECT_TRUE(ctx.addRoute4AtIndex(b24, 300, false).routeId == 300u &&
@@ -453,18 +392,15 @@ TEST(TcamResync, MovingBorderIsTheGivenOneOrTheLowestThatFitsTheImage) {
    // Pair gap 64: borders are multiples of 128, and the lowest found is a multiple of 256.
    const std::vector<TcamHardwareEntry> image = {e6(1, Kind::v6Double, d80),
                                                  e6(65, Kind::v6DoubleSecond, d80), e4(300, a24)};
-   {
+   for (const auto& [given, border] :
+        {std::pair<std::optional<uint32_t>, uint32_t>{{}, 256}, {128u, 128}}) {
+      SCOPED_TRACE(border);
       TcamHarness h(paired(true));
-      h.ctx().rebuildFromHardware(image);
-      EXPECT_EQ(h.ctx().v4V6Border(), 256u);
-      EXPECT_EQ(h.ctx().block(RouteType::v4)->start(), 256u);
-      EXPECT_EQ(h.ctx().block(RouteType::v6Full)->end(), 255u);
-      h.ctx().verify();
-   }
-   {
-      TcamHarness h(paired(true));
-      h.ctx().rebuildFromHardware(image, 128);
-      EXPECT_EQ(h.ctx().v6()->tcamBorder(), 128u);
+      h.ctx().rebuildFromHardware(image, given);
+      EXPECT_EQ(h.ctx().v4V6Border(), border);
+      EXPECT_EQ(h.ctx().v6()->tcamBorder(), border);
+      EXPECT_EQ(h.ctx().block(RouteType::v4)->start(), border);
+      EXPECT_EQ(h.ctx().block(RouteType::v6Full)->end(), border - 1);
       h.ctx().verify();
    }
    std::vector<TcamHardwareEntry> low = image;

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "TcamFixture.h"
 #include "platform/Assert.h"
 
 #include <algorithm>
@@ -27,13 +28,10 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using Kind = Violation::Kind;
 using OnError = TcamEmulator::OnError;
+using VexloL3Common::testing::failureOf;
+using VexloL3Common::testing::k4;
+using VexloL3Common::testing::k6;
 
-Ipv4UcastKey k4(const char* prefix, uint32_t vrf = 1) {
-   return Ipv4UcastKey(VrfId(vrf), Ulo::Prefix::fromString(prefix));
-}
-Ipv6UcastKey k6(const char* prefix) {
-   return Ipv6UcastKey(VrfId(1), Ulo::Ip6Prefix::fromString(prefix));
-}
 IpMcastPrefixKey kmc(const char* group, const char* source, uint8_t len, uint16_t table = 0) {
    return IpMcastPrefixKey(1, table, Ulo::IpGenAddr::fromString(group),
                            Ulo::IpGenAddr::fromString(source), len);
@@ -93,31 +91,31 @@ class TcamEmulatorWriter : public ::testing::Test {
 // ---- writer role ----------------------------------------------------------------------------
 
 TEST_F(TcamEmulatorWriter, MoveCopiesTheEntryEmptiesTheSourceAndAcknowledges) {
-   const Ipv4Keys keys(k4("10.1.0.0/16"), k4("10.2.0.0/16"));
+   const Ipv4Keys keys(k4(1, "10.1.0.0/16"), k4(1, "10.2.0.0/16"));
    emu.writeV4(5, keys);
-   emu.writeV6(3, k6("2001:db8::1/128"), true);
+   emu.writeV6(3, k6(1, "2001:db8::1/128"), true);
    emu.writeMcast(4, kmc("239.1.1.1", "10.0.0.1", 64));
 
    RoutePosition p = publish(5, 9, true, EntryType::v4Both);
    EXPECT_EQ(moveStatus.pos(), p);
    EXPECT_EQ(emu.entry(9).v4, keys);
    EXPECT_EQ(emu.entry(5).kind, EntryKind::empty) << "the source is invalidated";
-   EXPECT_EQ(emu.home(k4("10.2.0.0/16")), 9u);
+   EXPECT_EQ(emu.home(k4(1, "10.2.0.0/16")), 9u);
    publish(4, 12, false, EntryType::mcastV4);
    EXPECT_EQ(emu.entry(12).mcast, kmc("239.1.1.1", "10.0.0.1", 64));
 
    // A double-size entry takes its partner along and frees both of its old entries.
    publish(3, 6, false, EntryType::v6);
    EXPECT_EQ(emu.entry(22).kind, EntryKind::v6DoubleSecond);
-   EXPECT_EQ(emu.entry(22).v6, k6("2001:db8::1/128"));
+   EXPECT_EQ(emu.entry(22).v6, k6(1, "2001:db8::1/128"));
    EXPECT_EQ(emu.entry(3).kind, EntryKind::empty);
    EXPECT_EQ(emu.entry(19).kind, EntryKind::empty);
    EXPECT_THAT(emu.checkAll(), IsEmpty());
-   EXPECT_EQ(emu.home(k6("2001:db8::1/128")), 6u);
+   EXPECT_EQ(emu.home(k6(1, "2001:db8::1/128")), 6u);
 
    // Told the layout, the writer gives a moved IPv6 route the size of its new region.
    emu.doubleSizeAtIs([](uint32_t pos) { return pos < 16; });
-   emu.writeV6(40, k6("2001:db8:1::/48"), false);
+   emu.writeV6(40, k6(1, "2001:db8:1::/48"), false);
    publish(40, 2, false, EntryType::v6);
    EXPECT_EQ(emu.entry(2).kind, EntryKind::v6DoubleFirst);
    EXPECT_EQ(emu.entry(18).kind, EntryKind::v6DoubleSecond);
@@ -132,10 +130,10 @@ TEST_F(TcamEmulatorWriter, MoveCopiesTheEntryEmptiesTheSourceAndAcknowledges) {
 
 TEST_F(TcamEmulatorWriter, MoveThatDoesNotMatchItsSourceIsRejectedButAcknowledged) {
    emu.onErrorIs(OnError::record);
-   emu.writeV4(5, right(k4("10.1.0.0/16")));
-   emu.writeV6(6, k6("2001:db8::/48"), false);
-   emu.writeV6(8, k6("2001:db8::/96"), true);
-   emu.writeV4(10, right(k4("10.2.0.0/16")));
+   emu.writeV4(5, right(k4(1, "10.1.0.0/16")));
+   emu.writeV6(6, k6(1, "2001:db8::/48"), false);
+   emu.writeV6(8, k6(1, "2001:db8::/96"), true);
+   emu.writeV4(10, right(k4(1, "10.2.0.0/16")));
    publish(10, 12, true, EntryType::v4Right);
    // from, to, v4, type, why
    const std::tuple<uint32_t, uint32_t, bool, EntryType, const char*> cases[] = {
@@ -165,24 +163,24 @@ TEST_F(TcamEmulatorWriter, MoveThatDoesNotMatchItsSourceIsRejectedButAcknowledge
 }
 
 TEST_F(TcamEmulatorWriter, MergeFillsTheFreeHalfKeepsTheSourceAndAcknowledges) {
-   emu.writeV4(4, right(k4("10.1.1.0/24")));
-   emu.writeV4(7, Ipv4Keys(k4("10.1.2.0/24"), k4("10.1.9.0/24")));
+   emu.writeV4(4, right(k4(1, "10.1.1.0/24")));
+   emu.writeV4(7, Ipv4Keys(k4(1, "10.1.2.0/24"), k4(1, "10.1.9.0/24")));
    // The agent deleted the right route of 7; the model merges the left one into 4.
    RouteMergeInfo m = publishMerge(7, EntryType::v4Left, 4, EntryType::v4Left);
    EXPECT_EQ(mergeStatus.merge(), m);
-   const Ipv4Keys merged(k4("10.1.2.0/24"), k4("10.1.1.0/24"));
+   const Ipv4Keys merged(k4(1, "10.1.2.0/24"), k4(1, "10.1.1.0/24"));
    EXPECT_EQ(emu.entry(4).v4, merged);
-   EXPECT_EQ(emu.entry(7).v4.left, k4("10.1.2.0/24"));
-   EXPECT_EQ(emu.home(k4("10.1.2.0/24")), 4u);
+   EXPECT_EQ(emu.entry(7).v4.left, k4(1, "10.1.2.0/24"));
+   EXPECT_EQ(emu.home(k4(1, "10.1.2.0/24")), 4u);
    emu.clear(7);  // gives up the deleted route, not the merged one
-   EXPECT_EQ(emu.home(k4("10.1.9.0/24")), 0u);
+   EXPECT_EQ(emu.home(k4(1, "10.1.9.0/24")), 0u);
    EXPECT_EQ(emu.installedRoutes(), 2u);
    EXPECT_THAT(emu.checkAll(), IsEmpty());
 
    // Into a taken half, from an empty half, ...: rejected, acknowledged, nothing written.
    emu.onErrorIs(OnError::record);
-   emu.writeV4(7, right(k4("10.1.5.0/24")));
-   emu.writeV6(8, k6("2001:db8::/48"), false);
+   emu.writeV4(7, right(k4(1, "10.1.5.0/24")));
+   emu.writeV6(8, k6(1, "2001:db8::/48"), false);
    publishMerge(7, EntryType::v4Right, 4, EntryType::v4Left);
    publishMerge(7, EntryType::v4Left, 4, EntryType::v4Left);
    publishMerge(7, EntryType::v4Right, 8, EntryType::v4Left);
@@ -198,8 +196,8 @@ TEST_F(TcamEmulatorWriter, MergeFillsTheFreeHalfKeepsTheSourceAndAcknowledges) {
 }
 
 TEST_F(TcamEmulatorWriter, ErrorsAreFatalByDefault) {
-   emu.writeV4(12, right(k4("10.1.0.0/16")));
-   emu.writeV4(9, right(k4("10.1.1.0/24")));
+   emu.writeV4(12, right(k4(1, "10.1.0.0/16")));
+   emu.writeV4(9, right(k4(1, "10.1.1.0/24")));
    const std::string wrongType = fatal([&] { publish(12, 20, true, EntryType::v4Both); });
    EXPECT_EQ(wrongType, fmt::format("TcamEmulator: writer error: move {}: the source holds v4 "
                                     "right: 10.1.0.0/16(vrf1) left: 0.0.0.0/255(vrf1)",
@@ -211,11 +209,11 @@ TEST_F(TcamEmulatorWriter, ErrorsAreFatalByDefault) {
 
 TEST_F(TcamEmulatorWriter, BrokenWriterCarriesOutButNeverAcknowledgesAndDetachStopsIt) {
    emu.acknowledgesIs(false);
-   emu.writeV4(5, right(k4("10.1.0.0/16")));
-   emu.writeV4(6, right(k4("10.2.0.0/16")));
+   emu.writeV4(5, right(k4(1, "10.1.0.0/16")));
+   emu.writeV4(6, right(k4(1, "10.2.0.0/16")));
    RoutePosition p = publish(5, 9, true, EntryType::v4Right);
    RouteMergeInfo m = publishMerge(6, EntryType::v4Right, 9, EntryType::v4Left);
-   EXPECT_EQ(emu.entry(9).v4, Ipv4Keys(k4("10.2.0.0/16"), k4("10.1.0.0/16")));
+   EXPECT_EQ(emu.entry(9).v4, Ipv4Keys(k4(1, "10.2.0.0/16"), k4(1, "10.1.0.0/16")));
    EXPECT_NE(moveStatus.pos(), p);
    EXPECT_NE(mergeStatus.merge(), m);
 
@@ -230,15 +228,15 @@ TEST_F(TcamEmulatorWriter, BrokenWriterCarriesOutButNeverAcknowledgesAndDetachSt
 TEST(TcamEmulatorWrites, RoutesLeaveTheInstalledSetOnlyWhenTheirEntryIsRewrittenWithoutThem) {
    TcamEmulator emu(32, 8);
    emu.onErrorIs(OnError::record);
-   emu.writeV4(5, Ipv4Keys(k4("10.1.0.0/16"), k4("10.2.0.0/16")));
-   emu.writeV4(5, right(k4("10.2.0.0/16")));  // the left route was deleted
-   EXPECT_EQ(emu.home(k4("10.1.0.0/16")), 0u);
+   emu.writeV4(5, Ipv4Keys(k4(1, "10.1.0.0/16"), k4(1, "10.2.0.0/16")));
+   emu.writeV4(5, right(k4(1, "10.2.0.0/16")));  // the left route was deleted
+   EXPECT_EQ(emu.home(k4(1, "10.1.0.0/16")), 0u);
 
    emu.applyMove(mv(5, 9));
-   emu.writeV4(5, right(k4("10.2.1.0/24")));  // a new route where it was
-   EXPECT_EQ(emu.home(k4("10.2.0.0/16")), 9u);
+   emu.writeV4(5, right(k4(1, "10.2.1.0/24")));  // a new route where it was
+   EXPECT_EQ(emu.home(k4(1, "10.2.0.0/16")), 9u);
 
-   emu.writeV4(20, right(k4("10.3.0.0/16")));
+   emu.writeV4(20, right(k4(1, "10.3.0.0/16")));
    emu.applyMove(mv(9, 20));  // onto a live entry: 10.3.0.0/16 is lost, and stays installed
    EXPECT_THAT(emu.errors(), ElementsAre(HasSubstr("10.3.0.0/16(vrf1) installed at entry 20")));
    emu.clear(20);  // the agent deletes both where it believes they are
@@ -248,12 +246,12 @@ TEST(TcamEmulatorWrites, RoutesLeaveTheInstalledSetOnlyWhenTheirEntryIsRewritten
 
 TEST(TcamEmulatorWrites, DoubleSizePairsAreWrittenListedAndLostTogether) {
    TcamEmulator emu(32, 8);
-   emu.writeV6(2, k6("2001:db8:2::/96"), true);
-   emu.writeV6(4, k6("2001:db8::/96"), true);
-   emu.writeV6(5, k6("2001:db8:1::/96"), true);
+   emu.writeV6(2, k6(1, "2001:db8:2::/96"), true);
+   emu.writeV6(4, k6(1, "2001:db8::/96"), true);
+   emu.writeV6(5, k6(1, "2001:db8:1::/96"), true);
    emu.writeMcast(9, kmc("239.1.1.1", "0.0.0.0", 32));
-   emu.clear(4);                              // takes 12 with it
-   emu.writeV4(13, right(k4("10.0.0.0/8")));  // lands on the second entry of a live pair
+   emu.clear(4);                                 // takes 12 with it
+   emu.writeV4(13, right(k4(1, "10.0.0.0/8")));  // lands on the second entry of a live pair
    std::vector<std::pair<uint32_t, EntryKind>> seen;
    emu.forEachEntry([&](uint32_t pos, const TcamEntry& e) { seen.emplace_back(pos, e.kind); });
    EXPECT_THAT(
@@ -266,37 +264,36 @@ TEST(TcamEmulatorWrites, DoubleSizePairsAreWrittenListedAndLostTogether) {
 
 TEST(TcamEmulatorWrites, PositionsOutsideTheTableAreRangeErrors) {
    TcamEmulator emu(32, 8);
-   EXPECT_THROW(emu.writeV4(0, right(k4("10.0.0.0/8"))), std::range_error);
+   EXPECT_THROW(emu.writeV4(0, right(k4(1, "10.0.0.0/8"))), std::range_error);
    EXPECT_THROW(emu.writeMcast(32, kmc("239.1.1.1", "0.0.0.0", 32)), std::range_error);
-   EXPECT_THROW(emu.writeV6(24, k6("2001:db8::/96"), true), std::range_error);
-   EXPECT_NO_THROW(emu.writeV6(23, k6("2001:db8::/96"), true));
+   EXPECT_THROW(emu.writeV6(24, k6(1, "2001:db8::/96"), true), std::range_error);
+   EXPECT_NO_THROW(emu.writeV6(23, k6(1, "2001:db8::/96"), true));
    EXPECT_THROW(emu.clear(0), std::range_error);
    EXPECT_THROW(emu.entry(32), std::range_error);
    EXPECT_THROW(TcamEmulator(1u << 31, 8), std::range_error);
-   for (uint32_t noPairs : {0, 32, 40}) {
-      EXPECT_THROW(TcamEmulator(32, noPairs).writeV6(1, k6("2001:db8::/96"), true),
+   for (uint32_t noPairs : {0, 32, 40})
+      EXPECT_THROW(TcamEmulator(32, noPairs).writeV6(1, k6(1, "2001:db8::/96"), true),
                    std::range_error);
-   }
 }
 
 // ---- lookups -------------------------------------------------------------------------------
 
 TEST(TcamEmulatorLookup, FirstMatchInSearchOrderWithinItsVrfAndTable) {
    TcamEmulator emu(64, 16);
-   emu.writeV4(2, right(k4("10.0.0.0/8")));
-   emu.writeV4(5, Ipv4Keys(k4("10.1.0.0/16"), k4("10.2.0.0/16")));
-   emu.writeV4(7, right(k4("10.1.0.0/16", 2)));
+   emu.writeV4(2, right(k4(1, "10.0.0.0/8")));
+   emu.writeV4(5, Ipv4Keys(k4(1, "10.1.0.0/16"), k4(1, "10.2.0.0/16")));
+   emu.writeV4(7, right(k4(2, "10.1.0.0/16")));
    EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.1.2.3"))->pos, 2u) << "first match, not longest";
    EXPECT_EQ(emu.lookup4(VrfId(2), a4("10.1.2.3"))->pos, 7u);
    EXPECT_FALSE(emu.lookup4(VrfId(2), a4("10.2.2.3")));
    emu.clear(2);
    auto hit = emu.lookup4(VrfId(1), a4("10.1.2.3"));
-   EXPECT_EQ(hit->key, k4("10.1.0.0/16"));
+   EXPECT_EQ(hit->key, k4(1, "10.1.0.0/16"));
    EXPECT_FALSE(hit->right);
 
    // IPv6: every double-size entry before any single-size one.
-   emu.writeV6(3, k6("2001:db8::/48"), false);
-   emu.writeV6(30, k6("2001:db8::1/128"), true);
+   emu.writeV6(3, k6(1, "2001:db8::/48"), false);
+   emu.writeV6(30, k6(1, "2001:db8::1/128"), true);
    EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::1"))->pos, 30u);
    EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::2"))->pos, 3u);
    EXPECT_FALSE(emu.lookup6(VrfId(3), a6("2001:db8::1")));
@@ -310,7 +307,6 @@ TEST(TcamEmulatorLookup, FirstMatchInSearchOrderWithinItsVrfAndTable) {
    EXPECT_EQ(emu.lookupMcast(1, 4, a4("239.1.1.1"), a4("10.9.9.9"))->pos, 10u);
    EXPECT_FALSE(emu.lookupMcast(1, 4, a4("239.1.1.1"), a4("11.0.0.1")));
    EXPECT_FALSE(emu.lookupMcast(1, 0, a4("239.1.1.2"), a4("10.0.0.5")));
-   EXPECT_THAT(emu.checkAll(), IsEmpty()) << "the /48 comes after every double-size entry";
 }
 
 // ---- consistency ---------------------------------------------------------------------------
@@ -318,10 +314,10 @@ TEST(TcamEmulatorLookup, FirstMatchInSearchOrderWithinItsVrfAndTable) {
 // Rows of the consistency cases: each writes one entry (an IPv4 route goes into the right half).
 using Write = std::function<void(TcamEmulator&)>;
 Write v4At(uint32_t pos, const char* prefix, uint32_t vrf = 1) {
-   return [=](TcamEmulator& e) { e.writeV4(pos, right(k4(prefix, vrf))); };
+   return [=](TcamEmulator& e) { e.writeV4(pos, right(k4(vrf, prefix))); };
 }
 Write v6At(uint32_t pos, const char* prefix, bool doubleSize) {
-   return [=](TcamEmulator& e) { e.writeV6(pos, k6(prefix), doubleSize); };
+   return [=](TcamEmulator& e) { e.writeV6(pos, k6(1, prefix), doubleSize); };
 }
 Write mcAt(uint32_t pos, const IpMcastPrefixKey& key) {
    return [=](TcamEmulator& e) { e.writeMcast(pos, key); };
@@ -336,7 +332,9 @@ TEST(TcamEmulatorCheck, ShorterCoveringPrefixFirstIsReportedByBothChecks) {
        {"the earliest, then shortest, shadowing prefix is named; other prefixes and VRFs ignored",
         {v4At(10, "10.1.1.0/24"), v4At(8, "10.1.0.0/23"), v4At(2, "10.1.1.0/25"),
          v4At(3, "10.2.0.0/16"), v4At(1, "10.0.0.0/8", 2),
-         [](TcamEmulator& e) { e.writeV4(6, Ipv4Keys(k4("10.1.0.0/16"), k4("10.0.0.0/8"))); }},
+         [](TcamEmulator& e) {
+            e.writeV4(6, Ipv4Keys(k4(1, "10.1.0.0/16"), k4(1, "10.0.0.0/8")));
+         }},
         {"route 10.1.0.0/23(vrf1) first held at entry 8 is shadowed by shorter 10.0.0.0/8(vrf1) at "
          "entry 6",
          "route 10.1.1.0/24(vrf1) first held at entry 10 is shadowed by shorter 10.0.0.0/8(vrf1) "
@@ -366,7 +364,9 @@ TEST(TcamEmulatorCheck, ShorterCoveringPrefixFirstIsReportedByBothChecks) {
          "route 239.1.1.3,10.0.0.5/80(1:0) first held at entry 20 is shadowed by shorter "
          "239.1.1.3,10.0.0.5/70(1:0) at entry 14"}},
        {"longest first passes",
-        {[](TcamEmulator& e) { e.writeV4(2, Ipv4Keys(k4("10.1.1.0/24"), k4("10.1.2.0/24"))); },
+        {[](TcamEmulator& e) {
+            e.writeV4(2, Ipv4Keys(k4(1, "10.1.1.0/24"), k4(1, "10.1.2.0/24")));
+         },
          v4At(9, "0.0.0.0/0"), mcAt(40, kmc("239.1.1.1", "10.0.0.5", 64)),
          mcAt(42, kmc("239.1.1.1", "0.0.0.0", 32))},
         {}},
@@ -390,56 +390,53 @@ void writeNested(TcamEmulator& emu) {
                           {"10.0.0.0/8", "11.0.0.0/8", nullptr}};
    for (uint32_t len = 0; len < 4; ++len) {
       for (uint32_t i = 0; i < 3 && p[len][i]; ++i)
-         emu.writeV4(10 * (len + 1) + i, right(k4(p[len][i])));
+         emu.writeV4(10 * (len + 1) + i, right(k4(1, p[len][i])));
    }
 }
 
-// Every move is checked automatically and fatally, and the full check must agree after each.
-TEST(TcamEmulatorCheck, InsertShiftsPassAfterEveryMove) {
+// Every move is checked automatically and fatally, and the full check must agree after each; a
+// shift in the wrong order is caught at the move that breaks the table.
+TEST(TcamEmulatorCheck, ShiftsPassAfterEveryMoveAndAMisorderedOneIsCaughtAtTheMove) {
    const auto shift = [](std::vector<std::pair<uint32_t, uint32_t>> moves, uint32_t at,
                          const char* prefix, const char* addr) {
       TcamEmulator emu(64, 16);
       writeNested(emu);
       for (auto [from, to] : moves) {
-         EXPECT_EQ(fatal([&] { emu.applyMove(mv(from, to)); }), "");
+         EXPECT_EQ(failureOf([&] { emu.applyMove(mv(from, to)); }), "no failure");
          EXPECT_THAT(emu.checkAll(), IsEmpty()) << from << " -> " << to;
       }
-      emu.writeV4(at, right(k4(prefix)));
+      emu.writeV4(at, right(k4(1, prefix)));
       EXPECT_THAT(emu.checkAll(), IsEmpty());
-      EXPECT_EQ(emu.lookup4(VrfId(1), a4(addr))->key, k4(prefix));
-      EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.200.0.1"))->key, k4("10.0.0.0/8"));
+      EXPECT_EQ(emu.lookup4(VrfId(1), a4(addr))->key, k4(1, prefix));
+      EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.200.0.1"))->key, k4(1, "10.0.0.0/8"));
    };
    // A /22 between the /24s and the /20s, the free entry at 42: shortest length first, each
    // lowest entry into the hole.
    shift({{40, 42}, {30, 40}, {20, 30}}, 20, "10.1.16.0/22", "10.1.18.1");
    // A /12 after the /16s, the free entry at 5: longest length first, each highest entry up.
    shift({{12, 5}, {22, 12}, {32, 22}}, 32, "10.0.0.0/12", "10.9.0.1");
-}
 
-TEST(TcamEmulatorCheck, ShiftInTheWrongOrderIsCaughtAtTheMove) {
    TcamEmulator emu(64, 16);
    writeNested(emu);
    emu.onErrorIs(OnError::record);
    emu.applyMove(mv(30, 42));  // past the /8s
    EXPECT_THAT(emu.errors(), ElementsAre("route 10.1.0.0/16(vrf1) first held at entry 42 is "
                                          "shadowed by shorter 10.0.0.0/8(vrf1) at entry 40"));
-}
 
-TEST(TcamEmulatorCheck, DoubleSizeShiftPassesAndMisorderIsCaught) {
-   TcamEmulator emu(64, 16);
-   emu.onErrorIs(OnError::record);
-   emu.writeV6(2, k6("2001:db8::1/128"), true);
-   emu.writeV6(4, k6("2001:db8::/96"), true);
-   emu.writeV6(6, k6("2001:db8::/80"), true);
-   emu.applyMove(mv(6, 8, false, EntryType::v6));  // room for a /100 at 4
-   emu.applyMove(mv(4, 6, false, EntryType::v6));
-   emu.writeV6(4, k6("2001:db8::/100"), true);
-   EXPECT_THAT(emu.checkAll(), IsEmpty());
-   EXPECT_EQ(emu.errorCount(), 0u);
-
-   emu.applyMove(mv(8, 1, false, EntryType::v6));  // the /80 in front of all it covers
-   EXPECT_EQ(emu.errorCount(), 3u);
-   EXPECT_THAT(emu.errors(), Each(HasSubstr("shorter 2001:db8::/80(vrf1) at entry 1 (double)")));
+   // Double-size: room for a /100 at 4, then the /80 moved in front of all it covers.
+   TcamEmulator emu6(64, 16);
+   emu6.onErrorIs(OnError::record);
+   emu6.writeV6(2, k6(1, "2001:db8::1/128"), true);
+   emu6.writeV6(4, k6(1, "2001:db8::/96"), true);
+   emu6.writeV6(6, k6(1, "2001:db8::/80"), true);
+   emu6.applyMove(mv(6, 8, false, EntryType::v6));
+   emu6.applyMove(mv(4, 6, false, EntryType::v6));
+   emu6.writeV6(4, k6(1, "2001:db8::/100"), true);
+   EXPECT_THAT(emu6.checkAll(), IsEmpty());
+   EXPECT_EQ(emu6.errorCount(), 0u);
+   emu6.applyMove(mv(8, 1, false, EntryType::v6));
+   EXPECT_EQ(emu6.errorCount(), 3u);
+   EXPECT_THAT(emu6.errors(), Each(HasSubstr("shorter 2001:db8::/80(vrf1) at entry 1 (double)")));
 }
 
 // ---- incremental against full, on random tables --------------------------------------------

@@ -102,8 +102,9 @@ TEST_F(HitBitManagerTest, RequestChangesAndNewEntriesAreServedButZeroIsNot) {
    EXPECT_EQ(status->hitBitStatus({"client1", k1}).request, 5u);
 }
 
-// A deleted request, a null handle and a removed child give no call and drop their watchers.
-TEST_F(HitBitManagerTest, DeletedRequestsAndRemovedChildrenDropTheirWatchers) {
+// A deleted request, a null handle, a removed child and a destroyed manager give no call and
+// drop their watchers.
+TEST_F(HitBitManagerTest, DeletedRequestsRemovedChildrenAndDestroyedManagerDropTheirWatchers) {
    makeManager();
    addClient();
    auto c2 = config(1);
@@ -120,10 +121,7 @@ TEST_F(HitBitManagerTest, DeletedRequestsAndRemovedChildrenDropTheirWatchers) {
    c2->requestIs(2);
    dir->hitBitConfigIs(k1, config(1));
    EXPECT_THAT(manager->calls, IsEmpty());
-}
 
-TEST_F(HitBitManagerTest, DestroyedManagerLeavesNoWatchers) {
-   makeManager();
    addClient();
    manager.reset();
    EXPECT_EQ(root->entryChanged().subscribers() + dir->hitBitConfigChanged().subscribers() +

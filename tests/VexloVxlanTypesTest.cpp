@@ -1,9 +1,10 @@
-// VXLAN state and configuration records: defaults, family-keyed VTEP accessors, change
+// VXLAN state and configuration records: family-keyed VTEP accessors, change
 // notifications, the tunnel key's ttl range and text form, find-or-create collections and the
 // encapId reverse index.
 
 #include "VexloL3Common/VexloVxlanTypes.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -11,10 +12,14 @@
 #include <unordered_set>
 #include <vector>
 
-#include "platform/Assert.h"
+#include "TcamFixture.h"
 
 namespace VexloL3Common {
 namespace {
+
+using testing::failureOf;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 IpGenAddr ip(const char* text) {
    return IpGenAddr::fromString(text);
@@ -28,33 +33,6 @@ struct ChangeLog {
    Ulo::Subscription sub;
 };
 
-// What f fails with: "range error: <what>", the text of a failed assertion, or "" for nothing.
-std::string failure(const std::function<void()>& f) {
-   Ulo::ScopedThrowingAssertHandler guard;
-   try {
-      f();
-   } catch (const std::range_error& e) {
-      return std::string("range error: ") + e.what();
-   } catch (const Ulo::AssertionFailure& e) {
-      return e.text;
-   }
-   return "";
-}
-
-TEST(VexloVxlanStateTest, FreshStateHasDocumentedDefaults) {
-   auto s = vexloVxlanStateFactory("vxlanState");
-   EXPECT_EQ((std::vector{s->localVtep(), s->vArpVtepAddr(), s->mlagVtepAddr()}),
-             std::vector(3, ip("0.0.0.0")));
-   EXPECT_EQ((std::vector{s->localVtep6(), s->vArpVtepAddr6(), s->mlagVtepAddr6()}),
-             std::vector(3, ip("::")));
-   // udpPort, udpSrcPort, ttl, egrL3TunnelIndex, egrL3TunnelIndex6
-   EXPECT_EQ((std::vector<int>{s->udpPort(), s->udpSrcPort(), s->ttl(), s->egrL3TunnelIndex(),
-                               s->egrL3TunnelIndex6()}),
-             (std::vector<int>{4789, 0, 64, 0xFFFF, 0xFFFF}));
-   EXPECT_FALSE(s->udpSrcPortValid() || s->egrL3TunnelDefaultInit() || s->vpDefaultInit() ||
-                s->nextHop2DefaultInit());
-}
-
 // setLocalVtep picks the field by the address's family and bypasses the notification; the
 // attribute writers notify only when the value changes.
 TEST(VexloVxlanStateTest, LocalVtepIsKeptPerFamilyAndWritersNotifyOnlyOnChange) {
@@ -67,9 +45,9 @@ TEST(VexloVxlanStateTest, LocalVtepIsKeptPerFamilyAndWritersNotifyOnlyOnChange) 
    EXPECT_EQ(s.getLocalVtep(AddressFamily::ipv4), ip("10.0.0.1"));
    EXPECT_EQ(s.localVtep6(), ip("2001:db8::1"));
    // A family that is neither is a range error and changes nothing.
-   const std::string badFamily = "range error: Invalid AddressFamily type";
-   EXPECT_EQ(failure([&] { s.getLocalVtep(AddressFamily::ipunknown); }), badFamily);
-   EXPECT_EQ(failure([&] { s.setLocalVtep(IpGenAddr()); }), badFamily);
+   const auto badFamily = ThrowsMessage<std::range_error>(StrEq("Invalid AddressFamily type"));
+   EXPECT_THAT([&] { s.getLocalVtep(AddressFamily::ipunknown); }, badFamily);
+   EXPECT_THAT([&] { s.setLocalVtep(IpGenAddr()); }, badFamily);
    EXPECT_EQ(s.localVtep(), ip("10.0.0.1"));
    s.ttlIs(64);
    s.udpPortIs(4789);
@@ -87,29 +65,26 @@ TEST(VxlanTunnelKeyTest, TextFormParsesBackHashesEveryFieldAndBadTextOrTtlIsARan
              "ttl: 32");
    EXPECT_EQ(VxlanTunnelKey::fromString(k.toString()), k);
    // Any order; missing attributes take the defaults.
-   const auto p = VxlanTunnelKey::fromString("ttl: 8, sip: 10.0.0.1");
-   EXPECT_EQ(p, VxlanTunnelKey(IntfId(), ip("10.0.0.1"), 4789, false, 0, 8));
+   EXPECT_EQ(VxlanTunnelKey::fromString("ttl: 8, sip: 10.0.0.1"),
+             VxlanTunnelKey(IntfId(), ip("10.0.0.1"), 4789, false, 0, 8));
    // Keys differing from the default one in one field at a time: all unequal to it, and an equal
-   // key hashes alike.
-   std::unordered_set<VxlanTunnelKey> set = {VxlanTunnelKey(), VxlanTunnelKey::fromString("")};
+   // key hashes alike. The ttl takes 1..64 (the default) but nothing else that fits 8 bits.
+   std::unordered_set<VxlanTunnelKey> set = {VxlanTunnelKey(), VxlanTunnelKey::fromString(""),
+                                             VxlanTunnelKey::fromString("ttl: 64")};
    for (const char* text : {"vti: Vxlan2", "sip: 10.0.0.2", "dstPort: 4790", "srcPortValid: true",
-                            "srcPort: 1", "ttl: 63"}) {
+                            "srcPort: 1", "ttl: 1"}) {
       EXPECT_NE(VxlanTunnelKey::fromString(text), VxlanTunnelKey()) << text;
       set.insert(VxlanTunnelKey::fromString(text));
    }
    EXPECT_EQ(set.size(), 7u);
    for (const char* bad : {"mtu: 9000", "ttl: 8, ttl: 9", "srcPortValid: yes", "dstPort: 70000",
-                           "dstPort 1", "sip: 10.0.0.300", "srcPort: -1"}) {
+                           "dstPort 1", "sip: 10.0.0.300", "srcPort: -1"})
       EXPECT_THROW(VxlanTunnelKey::fromString(bad), std::range_error) << bad;
-   }
-   // The constructor takes ttl 1..64 only; fromString also refuses what does not fit 8 bits.
-   for (const char* ttl : {"ttl: 1", "ttl: 64"})
-      EXPECT_EQ(failure([&] { VxlanTunnelKey::fromString(ttl); }), "") << ttl;
-   for (const char* ttl : {"ttl: 0", "ttl: 65", "ttl: 300"}) {
-      EXPECT_EQ(failure([&] { VxlanTunnelKey::fromString(ttl); }),
-                "range error: VexloL3Common::VxlanTunnelKey::ttl < 1 or > 64 not allowed")
+   for (const char* ttl : {"ttl: 0", "ttl: 65", "ttl: 300"})
+      EXPECT_THAT([&] { VxlanTunnelKey::fromString(ttl); },
+                  ThrowsMessage<std::range_error>(
+                      StrEq("VexloL3Common::VxlanTunnelKey::ttl < 1 or > 64 not allowed")))
           << ttl;
-   }
 }
 
 TEST(VxlanTableConstantsTest, TextNamesTheHardwareTables) {
@@ -184,7 +159,7 @@ TEST(EncapIdToBumVtepIpConfigDirTest, SyncFollowsTheForwardDirectory) {
    EXPECT_TRUE(keptLog.names.empty());
 
    forward.bumVtepConfigIs(ip("10.0.0.9"), EncapId(1));
-   EXPECT_EQ(failure([&] { syncReverseConfig(forward, reverse); }), "encapId used by two VTEPs");
+   EXPECT_EQ(failureOf([&] { syncReverseConfig(forward, reverse); }), "encapId used by two VTEPs");
 }
 
 TEST(FloodUnderlayVlanToVtepListTest, DirectoryStoresACopyAndThereIsNoStringConstructor) {
@@ -202,7 +177,7 @@ TEST(FloodUnderlayVlanToVtepListTest, DirectoryStoresACopyAndThereIsNoStringCons
    dir->floodUnderlayVlanToVtepListIs(VlanId(10), list);
    EXPECT_EQ(dir->floodUnderlayVlanToVtepList(VlanId(10))->size(), 3u);
    EXPECT_EQ(log.names.size(), 2u);
-   EXPECT_EQ(failure([] { FloodUnderlayVlanToVtepList::fromString("{10.0.0.1}"); }),
+   EXPECT_EQ(failureOf([] { FloodUnderlayVlanToVtepList::fromString("{10.0.0.1}"); }),
              "No String constructor for FloodUnderlayVlanToVtepList - has collection");
 }
 
