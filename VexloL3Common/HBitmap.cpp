@@ -2,6 +2,7 @@
 
 #include "VexloL3Common/HBitmap.h"
 
+#include <algorithm>
 #include <bit>
 
 #include "platform/Assert.h"
@@ -16,9 +17,17 @@ uint64_t bitAt(uint64_t i) {
    return uint64_t{1} << (i & 63);
 }
 
-// Bits lo..hi (inclusive) of a word.
-uint64_t rangeMask(uint32_t lo, uint32_t hi) {
-   return (kAllOnes << lo) & (kAllOnes >> (63 - hi));
+// Without the popcnt instruction std::popcount is a library call; this inline form is a dozen
+// arithmetic instructions.
+inline uint32_t popcount64(uint64_t x) {
+#if defined(__POPCNT__)
+   return uint32_t(std::popcount(x));
+#else
+   x -= (x >> 1) & 0x5555555555555555u;
+   x = (x & 0x3333333333333333u) + ((x >> 2) & 0x3333333333333333u);
+   x = (x + (x >> 4)) & 0x0f0f0f0f0f0f0f0fu;
+   return uint32_t((x * 0x0101010101010101u) >> 56);
+#endif
 }
 
 }  // namespace
@@ -34,6 +43,7 @@ HBitmap::HBitmap(uint32_t size, bool initialBitState)
    bits_.assign(words, initialBitState ? kAllOnes : 0);
    bits_[lastWord_] &= lastMask_;
    buildSummaries();
+   buildCounts();
 }
 
 void HBitmap::buildSummaries() {
@@ -59,6 +69,19 @@ void HBitmap::buildSummaries() {
          if (hasSet) set[i >> 6] |= bitAt(i);
          if (hasClear) clear[i >> 6] |= bitAt(i);
       }
+   }
+}
+
+// A new map is uniform: its counts are its sizes or zero, no popcount needed.
+void HBitmap::buildCounts() {
+   chunkCount_.assign((size_t{size_} + (1u << kChunkShift) - 1) >> kChunkShift, 0);
+   superCount_.assign((size_t{size_} + (1u << kSuperShift) - 1) >> kSuperShift, 0);
+   if (!initialBitState_) return;
+   for (size_t c = 0; c < chunkCount_.size(); ++c) {
+      chunkCount_[c] = uint16_t(std::min<size_t>(size_ - (c << kChunkShift), 1u << kChunkShift));
+   }
+   for (size_t s = 0; s < superCount_.size(); ++s) {
+      superCount_[s] = uint32_t(std::min<size_t>(size_ - (s << kSuperShift), 1u << kSuperShift));
    }
 }
 
@@ -192,50 +215,24 @@ uint32_t HBitmap::findLastClear(uint32_t start, uint32_t end) const {
    return findBackward<true>(start, end);
 }
 
-// Popcounts the two edge words and lets countWords do the whole words between them. That is
-// linear in the range for maps with set and clear bits mixed in every word; if range counts
-// over such maps get hot, keep a running count per level-1 word (4096 positions), updated in
-// setBit/clearBit, so a count sums block counts (or a Fenwick tree over them for O(log n)).
 uint32_t HBitmap::count(uint32_t start, uint32_t end) const {
    if (!clampRange(start, end)) return 0;
-   const uint32_t first = start >> 6;
-   const uint32_t last = end >> 6;
-   if (first == last) return std::popcount(bits_[first] & rangeMask(start & 63, end & 63));
-   uint32_t total = std::popcount(bits_[first] & (kAllOnes << (start & 63))) +
-                    std::popcount(bits_[last] & (kAllOnes >> (63 - (end & 63))));
-   if (first + 1 < last) total += countWords(first + 1, last - 1);
-   return total;
+   return countBelow(end + 1) - countBelow(start);
 }
 
-// Set bits in the whole level-0 words first..last. The level-1 summaries tell empty words
-// (skipped) and full words (64 each) apart from mixed ones, so only mixed words are
-// popcounted; a clustered map pays for its few boundary words only. The last level-0 word, the only
-// one that may be partial, is never passed in: count() always handles it as an edge word.
-uint32_t HBitmap::countWords(uint32_t first, uint32_t last) const {
+uint32_t HBitmap::countBelow(uint32_t pos) const {
    uint32_t total = 0;
-   const uint64_t* bits = bits_.data();
-   const uint64_t* set = anySet_.data() + levelOffset_[1];
-   const uint64_t* clear = anyClear_.data() + levelOffset_[1];
-   for (uint32_t c = first >> 6; c <= last >> 6; ++c) {
-      const uint32_t lo = c == (first >> 6) ? (first & 63) : 0;
-      const uint32_t hi = c == (last >> 6) ? (last & 63) : 63;
-      const uint64_t mask = rangeMask(lo, hi);
-      const uint64_t s = set[c] & mask;
-      const uint64_t cl = clear[c] & mask;
-      const uint64_t mixed = s & cl;
-      if (mixed != 0 && std::popcount(mixed) >= 32) {
-         // Mostly mixed words, as in a uniformly random fill: picking them out costs more than
-         // popcounting the lot.
-         for (uint32_t w = (c << 6) + lo; w <= (c << 6) + hi; ++w) {
-            total += std::popcount(bits[w]);
-         }
-         continue;
-      }
-      total += 64 * std::popcount(s & ~cl);
-      for (uint64_t m = mixed; m != 0; m &= m - 1) {
-         total += std::popcount(bits[(c << 6) + std::countr_zero(m)]);
-      }
-   }
+   const uint32_t super = pos >> kSuperShift;
+   for (uint32_t s = 0; s < super; ++s)
+      total += superCount_[s];
+   const uint32_t chunk = pos >> kChunkShift;
+   for (uint32_t c = super << (kSuperShift - kChunkShift); c < chunk; ++c)
+      total += chunkCount_[c];
+   const uint32_t word = pos >> 6;
+   for (uint32_t w = chunk << (kChunkShift - 6); w < word; ++w)
+      total += popcount64(bits_[w]);
+   // pos == size() may name the word past the last one; it has no bits below pos to count.
+   if (pos & 63) total += popcount64(bits_[word] & ~(kAllOnes << (pos & 63)));
    return total;
 }
 

@@ -6,7 +6,7 @@
 //   HBitmap used(8192, true);               // 8192 bits, all set
 //   bm.setBit(p); bm.clearBit(p); bm.isBitSet(p);
 //   bm.count();                             // O(1)
-//   bm.count(a, b);                         // set bits in [a, b]
+//   bm.count(a, b);                         // set bits in [a, b], O(size / 32768 + 64)
 //   bm.findFirstSet(a, b)  bm.findLastSet(a, b)
 //   bm.findFirstClear(a, b)  bm.findLastClear(a, b)     // HBitmap::npos when nothing found
 //
@@ -31,6 +31,12 @@
 // Summary bits for words that do not exist (i >= the number of words of level k-1) are 0 in
 // both bitmaps. Levels are added until one word covers the whole map; a map of at most 64 bits
 // has level 0 only.
+//
+// Beside the levels, running counts of set bits per chunk of 512 positions (8 words) and per
+// superchunk of 32768 positions (64 chunks), kept by setBit/clearBit, make a range count the
+// difference of two prefix counts: whole superchunks, then whole chunks, then at most eight
+// words popcounted. Range counts sit on the insert path (free entries of a region), and a
+// word-by-word count there would be linear in the region.
 //
 // setBit/clearBit touch level 1 only when the level-0 word changes between zero and non-zero
 // (anySet) or between full and not full (anyClear), and climb further only while the summary
@@ -67,6 +73,8 @@ class HBitmap {
       if (now == old) return;
       word = now;
       ++count_;
+      ++chunkCount_[pos >> kChunkShift];
+      ++superCount_[pos >> kSuperShift];
       if (old == 0 || now == fullMask(pos >> 6)) noteSet(pos >> 6, old, now);
    }
 
@@ -78,6 +86,8 @@ class HBitmap {
       if (now == old) return;
       word = now;
       --count_;
+      --chunkCount_[pos >> kChunkShift];
+      --superCount_[pos >> kSuperShift];
       if (now == 0 || old == fullMask(pos >> 6)) noteClear(pos >> 6, old, now);
    }
 
@@ -100,6 +110,8 @@ class HBitmap {
    // 2^32 positions take 2^26 level-0 words, then 2^20, 2^14, 2^8, 4 and 1 summary words:
    // level 0 plus at most five summary levels.
    static constexpr unsigned kMaxLevels = 6;
+   static constexpr unsigned kChunkShift = 9;   // 512 positions: a count fits 16 bits
+   static constexpr unsigned kSuperShift = 15;  // 32768 positions, 64 chunks
 
    void checkPos(uint32_t pos) const {
       if (pos >= size_) [[unlikely]] {
@@ -118,7 +130,9 @@ class HBitmap {
 
    void buildSummaries();
    bool clampRange(uint32_t start, uint32_t& end) const;
-   uint32_t countWords(uint32_t first, uint32_t last) const;
+   void buildCounts();
+   // Set bits at positions below pos (pos <= size()).
+   uint32_t countBelow(uint32_t pos) const;
 
    template <bool kClear>
    uint32_t findForward(uint32_t start, uint32_t end) const;
@@ -151,6 +165,8 @@ class HBitmap {
    std::vector<uint64_t> anySet_;
    std::vector<uint64_t> anyClear_;
    std::array<uint32_t, kMaxLevels> levelOffset_{};
+   std::vector<uint16_t> chunkCount_;
+   std::vector<uint32_t> superCount_;
 };
 
 }  // namespace VexloL3Common

@@ -217,3 +217,30 @@ void BM_ChurnBaseline(benchmark::State& state) {
 BENCHMARK(BM_ChurnBaseline);
 
 }  // namespace
+
+namespace {
+
+// Laying out a context: blocks, bitmaps, borders and the reserved entries of a 64 K-entry table,
+// up to the point where it takes its first route. Baseline: clearing as many bytes as the
+// context's position array holds, the least any layout has to touch.
+L3TcamManagerContext::Config layoutConfig() {
+   L3TcamManagerContext::Config c = bench::benchConfig();
+   c.tcamSize = 65536;
+   c.numUcastDefipBlocks = 16;
+   return c;
+}
+
+void BM_Layout64K(benchmark::State& state) {
+   const L3TcamManagerContext::Config c = layoutConfig();
+   for (auto _ : state) {
+      Ulo::Ptr<L3TcamManagerContext> ctx = l3TcamManagerContextFactory(c);
+      ctx->handleInitialized(true);
+      benchmark::DoNotOptimize(ctx.get());
+      state.PauseTiming();
+      ctx.reset();
+      state.ResumeTiming();
+   }
+}
+BENCHMARK(BM_Layout64K)->Unit(benchmark::kMicrosecond);
+
+}  // namespace

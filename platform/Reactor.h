@@ -43,17 +43,28 @@ class SubscriberList {
    // and is dropped once the outermost notification has finished.
    void remove(uint64_t id) {
       for (auto& e : entries_) {
-         if (e->id == id) e->alive = false;
+         if (e->id == id && e->alive) {
+            e->alive = false;
+            ++dead_;
+         }
       }
       if (depth_ == 0) compact();
    }
+   bool empty() const { return entries_.empty(); }
+   bool notifying() const { return depth_ > 0; }
+   // The notifier that owned the list was destroyed by one of its subscribers: the list keeps
+   // itself until the outermost notification has finished.
+   void keepSelf(std::shared_ptr<SubscriberList> self) { self_ = std::move(self); }
    void notify(const void* args) {
       // A subscriber may throw (a test's assertion handler does); the list must stay usable.
       struct Depth {
          SubscriberList& l;
          explicit Depth(SubscriberList& list) : l(list) { ++l.depth_; }
          ~Depth() {
-            if (--l.depth_ == 0) l.compact();
+            if (--l.depth_ != 0) return;
+            l.compact();
+            // Last: this may destroy the list.
+            std::shared_ptr<SubscriberList> self = std::move(l.self_);
          }
       } depth(*this);
       const size_t n = entries_.size();  // late subscribers wait for the next notification
@@ -71,11 +82,15 @@ class SubscriberList {
 
  private:
    void compact() {
+      if (dead_ == 0) return;
       std::erase_if(entries_, [](const std::unique_ptr<Entry>& e) { return !e->alive; });
+      dead_ = 0;
    }
    std::vector<std::unique_ptr<Entry>> entries_;
    uint64_t lastId_ = 0;
+   size_t dead_ = 0;
    int depth_ = 0;
+   std::shared_ptr<SubscriberList> self_;
 };
 
 }  // namespace detail
@@ -122,18 +137,27 @@ class Notifier {
    // A copied record starts with no subscribers of its own.
    Notifier(const Notifier&) : Notifier() {}
    Notifier& operator=(const Notifier&) { return *this; }
+   ~Notifier() {
+      detail::SubscriberList* l = list_.get();
+      if (l && l->notifying()) l->keepSelf(std::move(list_));
+   }
 
-   [[nodiscard]] Subscription subscribe(Callback cb) {
-      uint64_t id = list_->add([cb = std::move(cb)](const void* p) {
+   // Any callable taking (const Args&...); it is stored once, not wrapped in a Callback first.
+   template <class F>
+   [[nodiscard]] Subscription subscribe(F&& cb) {
+      uint64_t id = list_->add([cb = std::forward<F>(cb)](const void* p) {
          std::apply(cb, *static_cast<const std::tuple<const Args&...>*>(p));
       });
       return Subscription(list_, id);
    }
+   // Moves and merges are published through here once each: no reference-count traffic, and
+   // nothing at all without subscribers. A subscriber may destroy the notifier's owner; the list
+   // then keeps itself alive until the notification is over.
    void notify(const Args&... args) const {
+      detail::SubscriberList& l = *list_;
+      if (l.empty()) return;
       const std::tuple<const Args&...> tuple(args...);
-      // Keep the list alive even if the owner of this notifier is destroyed by a subscriber.
-      std::shared_ptr<detail::SubscriberList> keep = list_;
-      keep->notify(&tuple);
+      l.notify(&tuple);
    }
    size_t subscribers() const { return list_->size(); }
 

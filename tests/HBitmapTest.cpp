@@ -191,10 +191,11 @@ TEST(HBitmapTest, MatchesFlatReferenceOnRandomOperations) {
          }
          for (uint32_t hole = 0; fill[0] == 'c' && hole < size / 200; ++hole)
             write(pick(size), false);
-         // Range ends drawn around the places where the hierarchy has edges.
+         // Range ends drawn around the places where the hierarchy and the running counts have
+         // edges: words, chunks of 512, summary words of 4096, superchunks of 32768.
          const auto endpoint = [&]() -> uint32_t {
-            const uint32_t kind = pick(8), near = std::min(size, 130u),
-                           edge = kind == 4 ? 64 : 4096;
+            static constexpr uint32_t edges[] = {64, 512, 4096, 32768};
+            const uint32_t kind = pick(8), near = std::min(size, 130u), edge = edges[pick(4)];
             return kind == 0   ? pick(near)
                    : kind == 1 ? size - 1 - pick(near)
                    : kind == 2 ? size + pick(3)

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -48,6 +49,17 @@ TEST(Notifier, SubscribersMayChangeTheListWhileNotified) {
    changed.notify(1);  // the late subscriber waits for the next notification
    changed.notify(2);
    EXPECT_EQ(seen, (std::vector<int>{1, 11, 12, 102}));
+
+   // A subscriber may destroy the notifier itself: the rest of that notification still runs,
+   // and the subscriptions end with it.
+   auto owner = std::make_unique<Notifier<int>>();
+   Subscription killer = owner->subscribe([&](int) { owner.reset(); });
+   Subscription after = owner->subscribe([&](int i) { seen.push_back(1000 + i); });
+   owner->notify(3);
+   EXPECT_EQ(owner, nullptr);
+   EXPECT_EQ(seen.back(), 1003);
+   EXPECT_FALSE(killer.active());
+   EXPECT_FALSE(after.active());
 }
 
 TEST(Notifier, AThrowingSubscriberLeavesTheListUsable) {
