@@ -4,14 +4,14 @@
 //   Baseline the textbook layout with all free space at the end of the table and one move per
 //            intervening length, measured on the same routes in the same run
 // Counters: moves per insert and model memory per route (live heap bytes of the model, counted
-// by this program's operator new/delete).
+// by this program's operator new/delete) and heap allocations during the churn (the model makes
+// none once its table has reached its working size).
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdlib>
-#include <deque>
 #include <new>
 #include <random>
 #include <unordered_set>
@@ -22,6 +22,7 @@
 
 namespace {
 std::atomic<int64_t> liveBytes{0};
+std::atomic<int64_t> allocations{0};
 }  // namespace
 
 void* operator new(size_t n) {
@@ -29,6 +30,7 @@ void* operator new(size_t n) {
    if (!p) throw std::bad_alloc();
    *static_cast<size_t*>(p) = n;
    liveBytes += int64_t(n);
+   ++allocations;
    return static_cast<char*>(p) + 16;
 }
 void operator delete(void* p) noexcept {
@@ -140,6 +142,7 @@ void BM_Churn(benchmark::State& state) {
    }
    std::mt19937_64 rng(7);
    const uint64_t movesBefore = m.moves();
+   const int64_t allocsBefore = allocations.load();
    uint64_t readds = 0, refused = 0;
    for (auto _ : state) {
       const Ipv4UcastKey& key = r[present[rng() % present.size()]];
@@ -149,10 +152,12 @@ void BM_Churn(benchmark::State& state) {
       else
          ++refused;
    }
+   const int64_t allocs = allocations.load() - allocsBefore;
    state.SetItemsProcessed(int64_t(state.iterations()) * 2);
    state.counters["fillEntries"] = double(m.ctx->entries(RouteType::v4)) / kTableSize;
    state.counters["movesPerInsert"] = double(m.moves() - movesBefore) / double(readds + refused);
    state.counters["refused"] = double(refused);
+   state.counters["allocations"] = double(allocs);
 }
 BENCHMARK(BM_Churn);
 
@@ -162,7 +167,7 @@ void BM_ChurnRotate(benchmark::State& state) {
    const auto& r = routes();
    Model m;
    std::vector<size_t> present;
-   std::deque<size_t> withdrawn;
+   std::vector<size_t> withdrawn;  // a queue without allocations: popped from `head`
    size_t next = 0;
    const uint32_t entriesTarget = kTableSize * 90 / 100;
    while (m.ctx->entries(RouteType::v4) < entriesTarget && next < r.size()) {
@@ -171,29 +176,40 @@ void BM_ChurnRotate(benchmark::State& state) {
    }
    for (; next < r.size(); ++next)
       withdrawn.push_back(next);
+   withdrawn.reserve(r.size() * 2);
+   size_t head = 0;
+   const auto push = [&](size_t i) {
+      if (withdrawn.size() == withdrawn.capacity()) {  // compact before the vector would grow
+         withdrawn.erase(withdrawn.begin(), withdrawn.begin() + std::ptrdiff_t(head));
+         head = 0;
+      }
+      withdrawn.push_back(i);
+   };
    std::mt19937_64 rng(9);
    const uint64_t movesBefore = m.moves();
+   const int64_t allocsBefore = allocations.load();
    uint64_t adds = 0, refused = 0;
    for (auto _ : state) {
       const size_t slot = rng() % present.size();
       m.ctx->deleteRoute4(r[present[slot]], true, 0);
-      withdrawn.push_back(present[slot]);
-      const size_t in = withdrawn.front();
-      withdrawn.pop_front();
+      push(present[slot]);
+      const size_t in = withdrawn[head++];
       if (m.ctx->addRoute4(r[in], false).routeId) {
          present[slot] = in;
          ++adds;
       } else {
          present[slot] = present.back();
          present.pop_back();
-         withdrawn.push_back(in);
+         push(in);
          ++refused;
       }
    }
+   const int64_t allocs = allocations.load() - allocsBefore;
    state.SetItemsProcessed(int64_t(state.iterations()) * 2);
    state.counters["fillEntries"] = double(m.ctx->entries(RouteType::v4)) / kTableSize;
    state.counters["movesPerInsert"] = double(m.moves() - movesBefore) / double(adds + refused);
    state.counters["refused"] = double(refused);
+   state.counters["allocations"] = double(allocs);
 }
 BENCHMARK(BM_ChurnRotate);
 
@@ -220,27 +236,54 @@ BENCHMARK(BM_ChurnBaseline);
 
 namespace {
 
-// Laying out a context: blocks, bitmaps, borders and the reserved entries of a 64 K-entry table,
-// up to the point where it takes its first route. Baseline: clearing as many bytes as the
-// context's position array holds, the least any layout has to touch.
-L3TcamManagerContext::Config layoutConfig() {
+// Laying out a 64 K-entry context: blocks, bitmaps, borders and reserved entries, and its first
+// route placed (arrays that grow on demand are counted too), for four layouts. Baseline: clearing
+// one 8-byte word per entry, what a layout that touched every entry once would cost at least.
+L3TcamManagerContext::Config layoutConfig(int64_t kind) {
    L3TcamManagerContext::Config c = bench::benchConfig();
    c.tcamSize = 65536;
-   c.numUcastDefipBlocks = 16;
+   switch (kind) {
+      case 1:  // double-size IPv6 entries below a fixed pairing border
+         c.supportsDefipPairing = true;
+         break;
+      case 2:  // pairing, the IPv4/IPv6 border moving with demand, 16 blocks
+         c.supportsDefipPairing = true;
+         c.dynamicV4V6Boundary = true;
+         c.numUcastDefipBlocks = 16;
+         break;
+      case 3:  // IPv4 and IPv6 blocks interleaved, pairing
+         c.supportsDefipPairing = true;
+         c.v4V6InterleavingDisabled = false;
+         break;
+      default:  // separate IPv4 and IPv6 partitions
+         break;
+   }
    return c;
 }
 
 void BM_Layout64K(benchmark::State& state) {
-   const L3TcamManagerContext::Config c = layoutConfig();
+   const L3TcamManagerContext::Config c = layoutConfig(state.range(0));
+   static const char* const names[] = {"separate", "pairing", "moving border", "interleaved"};
+   state.SetLabel(names[state.range(0)]);
+   const Ipv4UcastKey first(VrfId(0), Ulo::Prefix(0x0a000000u, 24));
    for (auto _ : state) {
       Ulo::Ptr<L3TcamManagerContext> ctx = l3TcamManagerContextFactory(c);
       ctx->handleInitialized(true);
-      benchmark::DoNotOptimize(ctx.get());
+      if (ctx->addRoute4(first, false).routeId == 0) state.SkipWithError("first route refused");
       state.PauseTiming();
       ctx.reset();
       state.ResumeTiming();
    }
 }
-BENCHMARK(BM_Layout64K)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Layout64K)->DenseRange(0, 3)->Unit(benchmark::kMicrosecond);
+
+void BM_Layout64KBaseline(benchmark::State& state) {
+   for (auto _ : state) {
+      std::vector<uint64_t> words(65536);
+      benchmark::DoNotOptimize(words.data());
+      benchmark::ClobberMemory();
+   }
+}
+BENCHMARK(BM_Layout64KBaseline)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
