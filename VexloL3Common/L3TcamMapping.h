@@ -133,9 +133,22 @@ class MappingV4Base {
                              VrfId delVrfId, uint64_t sequence) = 0;
 
  protected:
-   // clearEntryKey(key, oldPos) then setEntryKey(key, newPos), with one lookup of the key when
-   // the key traces are off.
-   void relocateKey(const Ipv4UcastKey& key, uint32_t oldPos, uint32_t newPos);
+   // An entry's keys and, per half, the key-table slot of that key's record when it was last
+   // seen there. A hint only: slots move when the table grows or erases, so it is checked
+   // against the key before use. Kept beside the keys so that a move reads both in one line.
+   struct KeysAndHints {
+      Ipv4Keys keys;
+      uint32_t hint[2] = {~0u, ~0u};  // [0] left, [1] right
+   };
+   KeysAndHints keysAndHints(uint32_t pos) const;  // default when absent
+   // Moves an entry's keys and hints from oldPos to newPos; returns them.
+   KeysAndHints moveKeys(uint32_t newPos, uint32_t oldPos);
+
+   // clearEntryKey(key, oldPos) then setEntryKey(key, newPos), for a key that lands in half
+   // `newRight` of newPos. With the key traces off the record is reached through `hint`, the
+   // slot hint its old half carried, and the key is looked up only when the hint is stale.
+   void relocateKey(const Ipv4UcastKey& key, uint32_t oldPos, uint32_t newPos, uint32_t hint,
+                    bool newRight);
 
  private:
    static constexpr uint32_t maxLen = 32;
@@ -146,12 +159,15 @@ class MappingV4Base {
    V4PrefixToEntryIdMap* recordAt(const Ipv4UcastKey& key, uint32_t pos);
    const V4PrefixToEntryIdMap* recordAt(const Ipv4UcastKey& key, uint32_t pos) const;
 
+   void hintIs(uint32_t pos, bool right, const V4PrefixToEntryIdMap* r);
+   V4PrefixToEntryIdMap* recordEntryKey(const Ipv4UcastKey& key, uint32_t pos);
+
    bool twoV4RoutesPerEntry_;
    bool initialized_ = false;
    uint32_t halfFullCount_ = 0;
    std::array<uint32_t, maxLen + 1> halfFull_{};  // by prefix length; 0: none
    KeyTable keyToEntryId_;
-   internal::PositionArray<Ipv4Keys> keys_;
+   internal::PositionArray<KeysAndHints> keys_;
 };
 
 class MappingV4 : public MappingV4Base {
@@ -297,7 +313,7 @@ class MappingMcastV4 {
 
 template <class F>
 void MappingV4Base::forEachKeys(F&& f) const {
-   keys_.forEach(f);
+   keys_.forEach([&f](uint32_t pos, const KeysAndHints& k) { f(pos, k.keys); });
 }
 
 template <class F>

@@ -130,8 +130,8 @@ size_t MappingV4Base::keyToEntryIdSize() const {
 }
 
 Ipv4Keys MappingV4Base::keys(uint32_t pos) const {
-   const Ipv4Keys* k = keys_.find(pos);
-   return k ? *k : Ipv4Keys();
+   const KeysAndHints* k = keys_.find(pos);
+   return k ? k->keys : Ipv4Keys();
 }
 
 bool MappingV4Base::keysHas(uint32_t pos) const {
@@ -140,7 +140,28 @@ bool MappingV4Base::keysHas(uint32_t pos) const {
 
 void MappingV4Base::keysIs(uint32_t pos, const Ipv4Keys& k) {
    assertPos(pos);
-   keys_.set(pos, k);
+   if (KeysAndHints* existing = keys_.find(pos)) {
+      existing->keys = k;
+   } else {
+      keys_.set(pos, KeysAndHints{k});
+   }
+}
+
+MappingV4Base::KeysAndHints MappingV4Base::keysAndHints(uint32_t pos) const {
+   const KeysAndHints* k = keys_.find(pos);
+   return k ? *k : KeysAndHints{};
+}
+
+MappingV4Base::KeysAndHints MappingV4Base::moveKeys(uint32_t newPos, uint32_t oldPos) {
+   assertPos(newPos);
+   const KeysAndHints moved = keysAndHints(oldPos);
+   keys_.set(newPos, moved);
+   keys_.erase(oldPos);
+   return moved;
+}
+
+void MappingV4Base::hintIs(uint32_t pos, bool right, const V4PrefixToEntryIdMap* r) {
+   if (KeysAndHints* k = keys_.find(pos)) k->hint[right] = keyToEntryId_.indexOf(r);
 }
 
 void MappingV4Base::keysDel(uint32_t pos) {
@@ -205,10 +226,15 @@ uint32_t MappingV4Base::getEntryId(const Ipv4UcastKey& key) const {
 }
 
 void MappingV4Base::setEntryKey(const Ipv4UcastKey& key, uint32_t pos) {
+   recordEntryKey(key, pos);
+}
+
+V4PrefixToEntryIdMap* MappingV4Base::recordEntryKey(const Ipv4UcastKey& key, uint32_t pos) {
    assertPos(pos);
    V4PrefixToEntryIdMap& r = *keyToEntryId_.tryEmplace(key).first;
    r.entryIdInc(pos, 1);
    TRACE(th, 1, "setEntryKey key: ", key, " pos: ", pos, " cnt: ", r.entryIdCount());
+   return &r;
 }
 
 const V4PrefixToEntryIdMap* MappingV4Base::recordAt(const Ipv4UcastKey& key, uint32_t pos) const {
@@ -241,7 +267,8 @@ void MappingV4Base::clearEntryKey(const Ipv4UcastKey& key, uint32_t pos) {
    TRACE(th, 1, "clearEntryKey key: ", key, " pos: ", pos);
 }
 
-void MappingV4Base::relocateKey(const Ipv4UcastKey& key, uint32_t oldPos, uint32_t newPos) {
+void MappingV4Base::relocateKey(const Ipv4UcastKey& key, uint32_t oldPos, uint32_t newPos,
+                                uint32_t hint, bool newRight) {
    if (th.enabled(1)) {
       clearEntryKey(key, oldPos);
       setEntryKey(key, newPos);
@@ -249,7 +276,8 @@ void MappingV4Base::relocateKey(const Ipv4UcastKey& key, uint32_t oldPos, uint32
    }
    assertPos(oldPos);
    assertPos(newPos);
-   V4PrefixToEntryIdMap* r = keyToEntryId_.find(key);
+   V4PrefixToEntryIdMap* r = keyToEntryId_.at(hint);
+   if (!r || !(r->key() == key)) r = keyToEntryId_.find(key);
    if (!r) {
       setEntryKey(key, newPos);
       return;
@@ -262,6 +290,7 @@ void MappingV4Base::relocateKey(const Ipv4UcastKey& key, uint32_t oldPos, uint32
       if (r->entryId(oldPos) == 0) r->entryIdDel(oldPos);
    }
    r->entryIdInc(newPos, 1);
+   hintIs(newPos, newRight, r);
 }
 
 // ---- MappingV4Base: placement and removal ------------------------------------------------
@@ -278,7 +307,7 @@ void MappingV4Base::insertFirstEntry(const Ipv4UcastKey& key, uint32_t pos) {
    TRACE(th, 4, "   insertFirstEntry, key: ", key.prefix, " (vrf ", key.vrfId, "), pos: ", pos);
    // The first route of an entry always takes the right half.
    keysIs(pos, Ipv4Keys(Ipv4UcastKey::nullKey(key.vrfId), key));
-   setEntryKey(key, pos);
+   hintIs(pos, true, recordEntryKey(key, pos));
    const uint32_t len = key.len();
    VEXLO_ASSERT_MSG(halfFull(len) == 0, "halfFull( len ) == 0", "len: ", len,
                     ", halfFull( len ): ", halfFull(len));
@@ -321,11 +350,11 @@ uint32_t MappingV4Base::insertSecondEntry(const Ipv4UcastKey& key, uint32_t entr
 void MappingV4Base::insertEntry(const Ipv4UcastKey& key, uint32_t pos, bool right, bool trackHalf) {
    TRACE(th, 4, "   insertEntry, key: ", key.prefix, " (vrf ", key.vrfId, "), pos: ", pos,
          right ? ", right" : ", left", " trackHalf: ", trackHalf);
-   setEntryKey(key, pos);
+   const V4PrefixToEntryIdMap* r = recordEntryKey(key, pos);
    const uint32_t len = key.len();
    Ipv4Keys k;
-   if (const Ipv4Keys* existing = keys_.find(pos)) {
-      k = *existing;
+   if (const KeysAndHints* existing = keys_.find(pos)) {
+      k = existing->keys;
       // The second half is being filled.
       if (trackHalf && halfFull(len) == pos) halfFullDel(len);
    } else {
@@ -336,6 +365,7 @@ void MappingV4Base::insertEntry(const Ipv4UcastKey& key, uint32_t pos, bool righ
    }
    (right ? k.right : k.left) = key;
    keysIs(pos, k);
+   hintIs(pos, right, r);
 }
 
 bool MappingV4Base::deleteEntry(const Ipv4UcastKey& key, uint32_t pos, bool right) {
@@ -443,9 +473,9 @@ bool MappingV4Base::rightKey(const Ipv4UcastKey& key, uint32_t pos) const {
 
 Ipv4UcastKey MappingV4Base::getKey(uint32_t pos, bool right) const {
    assertPos(pos);
-   const Ipv4Keys* k = keys_.find(pos);
+   const KeysAndHints* k = keys_.find(pos);
    if (!k) return Ipv4UcastKey();
-   return right ? k->right : k->left;
+   return right ? k->keys.right : k->keys.left;
 }
 
 // ---- MappingV4: moves and merges ---------------------------------------------------------
@@ -463,14 +493,13 @@ MappingV4::MappingV4(bool twoV4RoutesPerEntry, Ulo::Ptr<TcamStats> tcamStats,
 void MappingV4::moveEntry(uint32_t len, uint32_t newPos, uint32_t oldPos, bool notify) {
    assertPos(newPos);
    assertPos(oldPos);
-   const Ipv4Keys k = keys(oldPos);
-   keysIs(newPos, k);
-   keysDel(oldPos);
+   const KeysAndHints moved = moveKeys(newPos, oldPos);
+   const Ipv4Keys& k = moved.keys;
    TRACE(th, 4, "   moveEntry, new: ", newPos, ", old: ", oldPos, ",", k);
    const bool hasRight = !k.right.isNull();
    const bool hasLeft = !k.left.isNull();
-   if (hasRight) relocateKey(k.right, oldPos, newPos);
-   if (hasLeft) relocateKey(k.left, oldPos, newPos);
+   if (hasRight) relocateKey(k.right, oldPos, newPos, moved.hint[1], true);
+   if (hasLeft) relocateKey(k.left, oldPos, newPos, moved.hint[0], false);
    const EntryType type = hasRight && hasLeft ? EntryType::v4Both
                           : hasRight          ? EntryType::v4Right
                           : hasLeft           ? EntryType::v4Left
@@ -489,7 +518,8 @@ void MappingV4::mergeEntries(uint32_t prefixLength, uint32_t newPos, uint32_t ol
          ", sequence: ", sequence, ", delVrfIdL ", delVrfId);
    assertPos(newPos);
    assertPos(oldPos);
-   const Ipv4Keys src = keys(oldPos);
+   const KeysAndHints srcAt = keysAndHints(oldPos);
+   const Ipv4Keys& src = srcAt.keys;
    Ipv4UcastKey srcKey;
    EntryType srcType;
    if (src.right.isNull()) {
@@ -519,7 +549,8 @@ void MappingV4::mergeEntries(uint32_t prefixLength, uint32_t newPos, uint32_t ol
       dstType = EntryType::v4Left;
    }
    keysIs(newPos, dst);
-   relocateKey(srcKey, oldPos, newPos);
+   relocateKey(srcKey, oldPos, newPos, srcAt.hint[srcType == EntryType::v4Right],
+               dstType == EntryType::v4Right);
 
    // After the merge no entry of this length has a free half.
    VEXLO_ASSERT_MSG(halfFull(prefixLength) != 0, "halfFull( prefixLength )",

@@ -104,6 +104,12 @@ class FlatHashTable {
    }
    bool contains(const key_type& key) const { return findIndex(key) != npos; }
 
+   // Slot indices as hints: indexOf names a slot found by find() or tryEmplace(); at(i) is the
+   // slot at index i if it is occupied, else null. Any insertion or erasure may move slots, so
+   // whoever keeps an index must check that at(i) still holds the key it expects.
+   uint32_t indexOf(const Slot* s) const { return uint32_t(s - slots_.data()); }
+   Slot* at(uint32_t i) { return i < ctrl_.size() && ctrl_[i] != 0 ? &slots_[i] : nullptr; }
+
    // The slot of `key`, created from (key, args...) when absent; second is true when created.
    template <class... Args>
    std::pair<Slot*, bool> tryEmplace(const key_type& key, Args&&... args) {
