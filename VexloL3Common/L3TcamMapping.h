@@ -141,8 +141,9 @@ class MappingV4Base {
       uint32_t hint[2] = {~0u, ~0u};  // [0] left, [1] right
    };
    KeysAndHints keysAndHints(uint32_t pos) const;  // default when absent
-   // Moves an entry's keys and hints from oldPos to newPos; returns them.
-   KeysAndHints moveKeys(uint32_t newPos, uint32_t oldPos);
+   // Moves an entry's keys and hints from oldPos to newPos; returns them where they now are
+   // (valid until keys are added elsewhere).
+   const KeysAndHints& moveKeys(uint32_t newPos, uint32_t oldPos);
 
    // clearEntryKey(key, oldPos) then setEntryKey(key, newPos), for a key that lands in half
    // `newRight` of newPos. With the key traces off the record is reached through `hint`, the

@@ -152,12 +152,15 @@ MappingV4Base::KeysAndHints MappingV4Base::keysAndHints(uint32_t pos) const {
    return k ? *k : KeysAndHints{};
 }
 
-MappingV4Base::KeysAndHints MappingV4Base::moveKeys(uint32_t newPos, uint32_t oldPos) {
+const MappingV4Base::KeysAndHints& MappingV4Base::moveKeys(uint32_t newPos, uint32_t oldPos) {
    assertPos(newPos);
-   const KeysAndHints moved = keysAndHints(oldPos);
-   keys_.set(newPos, moved);
+   // The new position first: growing the array would move the old one.
+   if (!keys_.has(newPos)) keys_.set(newPos, KeysAndHints{});
+   KeysAndHints& dst = *keys_.find(newPos);
+   const KeysAndHints* src = keys_.find(oldPos);
+   dst = src ? *src : KeysAndHints{};
    keys_.erase(oldPos);
-   return moved;
+   return dst;
 }
 
 void MappingV4Base::hintIs(uint32_t pos, bool right, const V4PrefixToEntryIdMap* r) {
@@ -493,7 +496,7 @@ MappingV4::MappingV4(bool twoV4RoutesPerEntry, Ulo::Ptr<TcamStats> tcamStats,
 void MappingV4::moveEntry(uint32_t len, uint32_t newPos, uint32_t oldPos, bool notify) {
    assertPos(newPos);
    assertPos(oldPos);
-   const KeysAndHints moved = moveKeys(newPos, oldPos);
+   const KeysAndHints& moved = moveKeys(newPos, oldPos);
    const Ipv4Keys& k = moved.keys;
    TRACE(th, 4, "   moveEntry, new: ", newPos, ", old: ", oldPos, ",", k);
    const bool hasRight = !k.right.isNull();
