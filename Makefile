@@ -6,6 +6,10 @@
 #   make test-sanitize   the same under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make bench           Release build, runs every benchmark program (BENCH_ARGS passed on)
 #   make install         Release build installed to $(PREFIX) (default /usr/local), honours DESTDIR
+#   make fuzz            clang fuzz preset, every libFuzzer target run FUZZ_SECONDS (default 600)
+#   make fuzz-smoke      a repeatable run of about a minute: fixed seed, FUZZ_SMOKE_RUNS inputs (CI)
+#   make fuzz-merge      folds what the fuzzer found that adds coverage into fuzz/corpus/
+#   make random-long     Release build, RANDOM_OPS (default 10 M) seeded random TCAM operations
 #   make format          clang-format -i on every .h/.cpp of ours
 #   make format-check    fails if any file is not formatted
 #   make clean           removes build/
@@ -14,11 +18,16 @@ PREFIX ?= /usr/local
 BENCH_ARGS ?=
 CLANG_FORMAT ?= clang-format
 CTEST_ARGS = --output-on-failure --parallel 2
+FUZZ_SECONDS ?= 600
+FUZZ_JOBS ?= 1
+FUZZ_SMOKE_RUNS ?= 6000
+FUZZ_TARGETS = $(basename $(notdir $(wildcard fuzz/*Fuzz.cpp)))
 
 SOURCE_DIRS = platform VexloL3Common sim tools tests bench fuzz
 FORMAT_FILES = $(shell find $(SOURCE_DIRS) -type f \( -name '*.h' -o -name '*.cpp' \) 2>/dev/null | sort)
 
-.PHONY: deps test-deps demo test test-sanitize bench install format format-check clean
+.PHONY: deps test-deps demo test test-sanitize bench install fuzz-build fuzz fuzz-smoke fuzz-merge \
+        format format-check clean
 
 deps:
 	bash scripts/install-deps
@@ -58,6 +67,47 @@ install: deps
 	cmake --preset release -DCMAKE_INSTALL_PREFIX=$(PREFIX)
 	cmake --build --preset release --target vexlo_installables
 	DESTDIR="$(DESTDIR)" cmake --install build/release --prefix $(PREFIX)
+
+fuzz-build:
+	bash scripts/install-deps --fuzz
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+
+fuzz: fuzz-build
+	@set -e; for t in $(FUZZ_TARGETS); do bash fuzz/run-fuzzer $(FUZZ_SECONDS) $(FUZZ_JOBS) $$t; done
+
+# Repeatable: a fixed seed and number of inputs from the committed corpus (about a minute here),
+# so that the smoke fails only for a change of the code, never for the luck of the draw.
+fuzz-smoke: fuzz-build
+	@set -e; for t in $(FUZZ_TARGETS); do \
+	   rm -rf build/fuzz/smoke/$$t; \
+	   FUZZ_SEED=1 FUZZ_RUNS=$(FUZZ_SMOKE_RUNS) FUZZ_WORK=build/fuzz/smoke/$$t \
+	      bash fuzz/run-fuzzer 300 1 $$t; \
+	done
+
+fuzz-merge: fuzz-build
+	@set -e; for t in $(FUZZ_TARGETS); do \
+	   mkdir -p fuzz/corpus/$$t build/fuzz/corpus/$$t; \
+	   build/fuzz/fuzz/$$t -merge=1 -max_len=4096 fuzz/corpus/$$t build/fuzz/corpus/$$t; \
+	   echo "fuzz-merge: fuzz/corpus/$$t: $$(ls fuzz/corpus/$$t | wc -l) inputs, $$(du -sk fuzz/corpus/$$t | cut -f1) KB"; \
+	done
+
+# The long seeded random run: RANDOM_OPS operations in all, shared evenly among the runs of the
+# TcamRandom tests (one per layout: 16 IPv4, multicast, 5 IPv6 beside IPv4; each gets RANDOM_OPS
+# divided by the number of runs). The model verifies itself after every operation and the whole
+# emulated table is checked every RANDOM_FULL_CHECK operations (997 in `make test`). A Release
+# build: the model's assertions and its verification do not depend on NDEBUG, so they stay on.
+# RANDOM_LONG_DIR picks the build directory; VEXLO_RANDOM_SEED=N runs other seeds and
+# VEXLO_RANDOM_DIGESTS=FILE records every run's digest.
+RANDOM_OPS ?= 10000000
+RANDOM_FULL_CHECK ?= 3
+RANDOM_LONG_DIR ?= build/release
+.PHONY: random-long
+random-long: deps
+	cmake -S . -B $(RANDOM_LONG_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Release -DVEXLO_WERROR=ON
+	cmake --build $(RANDOM_LONG_DIR) --target L3TcamRandomTest
+	VEXLO_RANDOM_TOTAL_OPS=$(RANDOM_OPS) VEXLO_RANDOM_FULL_CHECK=$(RANDOM_FULL_CHECK) \
+	   ctest --test-dir $(RANDOM_LONG_DIR) -R '^TcamRandom\.' $(CTEST_ARGS) --timeout 14400
 
 format:
 	@if [ -n "$(FORMAT_FILES)" ]; then $(CLANG_FORMAT) -i $(FORMAT_FILES); fi

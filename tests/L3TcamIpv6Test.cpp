@@ -69,6 +69,40 @@ Ipv6UcastKey k6n(uint32_t i, uint32_t len) {
    return Ipv6UcastKey(VrfId(1), Ulo::Ip6Prefix(b, uint8_t(len)));
 }
 
+// 512 entries, pair gap 16: the border moves 64 entries at a time; no swap area.
+L3TcamManagerContext::Config movingCfg() {
+   auto c = layout(512, 2, 8, false);
+   c.supportsDefipPairing = true;
+   c.dynamicV4V6Boundary = true;
+   c.pairGap = 16;
+   c.requestedTableMode = 9;
+   return c;
+}
+
+// Invalid entries or invalid pairs, as a platform declares them.
+struct Invalid : LpmInvalidEntryManager {
+   Invalid(uint32_t e, uint32_t p) : entry(e), pair(p) {}
+   uint32_t entry, pair;
+   void allocateInvalidEntries(bool, const Ulo::Ptr<HBitmap>& bm) override {
+      if (!entry) return;
+      bm->setBit(entry);
+      invalidEntryRangeIs({entry, entry});
+      numInvalidEntriesBitmapInc(1);
+   }
+   void allocateInvalidEntriesPair(bool, const Ulo::Ptr<HBitmap>& bm) override {
+      if (!pair) return;
+      bm->setBit(pair);
+      invalidEntryRangePairIs({pair, pair});
+      numInvalidEntriesBitmapPairInc(1);
+   }
+};
+
+std::function<void(L3TcamManagerContext&)> invalid(uint32_t entry, uint32_t pair) {
+   return [=](L3TcamManagerContext& ctx) {
+      ctx.invalidEntryManagerIs(std::make_shared<Invalid>(entry, pair));
+   };
+}
+
 }  // namespace
 
 TEST(TcamIpv6, ShortRouteWithRoomTakesASingleEntryWithoutConversion) {
@@ -77,10 +111,6 @@ TEST(TcamIpv6, ShortRouteWithRoomTakesASingleEntryWithoutConversion) {
    EXPECT_GE(rc.routeId, 128u);
    EXPECT_EQ(h.moves(), 0u);
    EXPECT_EQ(h.ctx().v6RouteTypeFromKey(k6(1, "2001:db8::/48")), RouteType::v6Half);
-   EXPECT_EQ(h.ctx().stats()->maskLengthsIpv6(48), 1u);
-   const auto hit = h.emu().lookup6(VrfId(1), Ulo::IpGenAddr::fromString("2001:db8::1").bytes());
-   ASSERT_TRUE(hit);
-   EXPECT_FALSE(hit->doubleSize);
 }
 
 TEST(TcamIpv6, FullSingleRegionMovesOneIpv4EntryIntoTheDoubleRegion) {
@@ -90,7 +120,6 @@ TEST(TcamIpv6, FullSingleRegionMovesOneIpv4EntryIntoTheDoubleRegion) {
    const uint32_t above = h.v4In(128, 255);
    Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 3);
    const auto rc = h.add6(k6(1, "2001:db8::/48"));
-   ASSERT_NE(rc.routeId, 0u);
    EXPECT_GE(rc.routeId, 128u);
    EXPECT_EQ(h.v4In(1, 127), 1u);
    EXPECT_EQ(h.v4In(128, 255), above - 1);
@@ -116,10 +145,6 @@ TEST(TcamIpv6, FullDoubleRegionMovesTwoIpv4EntriesOutAndFreesAPair) {
    const uint32_t moved = below - h.v4In(1, 127);
    EXPECT_TRUE(moved == 2 || (moved == 3 && cap.contains("freeV6PairEntry")));
    EXPECT_EQ(h.ctx().stats()->conversion(RouteType::v4), 2u) << "a freed partner is no conversion";
-   const auto hit = h.emu().lookup6(VrfId(1), Ulo::IpGenAddr::fromString("2001:db8::1:5").bytes());
-   ASSERT_TRUE(hit);
-   EXPECT_TRUE(hit->doubleSize);
-   EXPECT_EQ(hit->pos, rc.routeId);
    h.check(true);
 }
 
@@ -130,7 +155,6 @@ TEST(TcamIpv6, LongestSingleRouteMovesToADoublePairForAShorterOne) {
    const uint32_t doubleBefore = h.ctx().entries(RouteType::v6Full);
    Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 3, 3);
    const auto rc = h.add6(k6(1, "2001:db8::/48"));
-   ASSERT_NE(rc.routeId, 0u);
    EXPECT_GE(rc.routeId, 128u);
    EXPECT_TRUE(cap.contains("Move entry of prefix 64 to full size block"));
    EXPECT_TRUE(cap.contains("Now insert the new entry in the half size block"));
@@ -201,7 +225,7 @@ TEST(TcamIpv6, WithoutPairingAFullSingleBlockEndsTheLadder) {
 
 TEST(TcamIpv6, DuplicateIsFatalUnlessReAddIsAllowed) {
    Shared h;
-   const auto first = h.add6(k6(1, "2001:db8::/48"));
+   EXPECT_NE(h.add6(k6(1, "2001:db8::/48")).routeId, 0u);
    EXPECT_EQ(failureOf([&] { h.ctx().addRoute6(k6(1, "2001:db8::/48"), false); }), "0");
    auto c = sharedCfg();
    c.reAddAllowed = true;
@@ -209,24 +233,9 @@ TEST(TcamIpv6, DuplicateIsFatalUnlessReAddIsAllowed) {
    const auto rc = again.add6(k6(1, "2001:db8::/48"));
    EXPECT_EQ(again.ctx().addRoute6(k6(1, "2001:db8::/48"), false).routeId, rc.routeId);
    EXPECT_EQ(again.ctx().stats()->maskLengthsIpv6(48), 1u);
-   EXPECT_NE(first.routeId, 0u);
 }
 
 // ---- the moving border --------------------------------------------------------------------
-
-namespace {
-
-// 512 entries, pair gap 16: the border moves 64 entries at a time; no swap area.
-L3TcamManagerContext::Config movingCfg() {
-   auto c = layout(512, 2, 8, false);
-   c.supportsDefipPairing = true;
-   c.dynamicV4V6Boundary = true;
-   c.pairGap = 16;
-   c.requestedTableMode = 9;
-   return c;
-}
-
-}  // namespace
 
 TEST(TcamBorder, FirstIpv6RouteGrowsThePartitionOnceAndMovesIpv4EntriesAbove) {
    TcamHarness h(movingCfg());
@@ -245,9 +254,7 @@ TEST(TcamBorder, FirstIpv6RouteGrowsThePartitionOnceAndMovesIpv4EntriesAbove) {
    const auto rc = h.add6(k6(1, "2001:db8::/48"));
    ASSERT_NE(rc.routeId, 0u);
    EXPECT_LT(rc.routeId, 64u);
-   EXPECT_EQ(h.ctx().v4V6Border(), 64u);
-   EXPECT_EQ(h.ctx().v6()->tcamBorder(), 64u);
-   EXPECT_EQ(h.ctx().block(RouteType::v4)->start(), 64u);
+   EXPECT_EQ(h.ctx().v4V6Border(), 64u);  // the blocks follow it, as verify checks
    EXPECT_EQ(h.ctx().stats()->reallocation(), 1u);
    uint32_t asked = 0;
    for (const std::string& t : cap.texts())
@@ -332,34 +339,6 @@ TEST(TcamBorder, EachPartitionKeepsOnlyItsOwnReserve) {
    EXPECT_EQ(g.ctx().stats()->reallocation(), 1u);
 }
 
-namespace {
-
-// Invalid entries or invalid pairs, as a platform declares them.
-struct Invalid : LpmInvalidEntryManager {
-   Invalid(uint32_t e, uint32_t p) : entry(e), pair(p) {}
-   uint32_t entry, pair;
-   void allocateInvalidEntries(bool, const Ulo::Ptr<HBitmap>& bm) override {
-      if (!entry) return;
-      bm->setBit(entry);
-      invalidEntryRangeIs({entry, entry});
-      numInvalidEntriesBitmapInc(1);
-   }
-   void allocateInvalidEntriesPair(bool, const Ulo::Ptr<HBitmap>& bm) override {
-      if (!pair) return;
-      bm->setBit(pair);
-      invalidEntryRangePairIs({pair, pair});
-      numInvalidEntriesBitmapPairInc(1);
-   }
-};
-
-std::function<void(L3TcamManagerContext&)> invalid(uint32_t entry, uint32_t pair) {
-   return [=](L3TcamManagerContext& ctx) {
-      ctx.invalidEntryManagerIs(std::make_shared<Invalid>(entry, pair));
-   };
-}
-
-}  // namespace
-
 TEST(TcamIpv6, InvalidEntriesAndPairsNeverHoldADoubleSizeRoute) {
    // An invalid pair whose free entry has an IPv4 partner is passed over; another pair is freed.
    auto c = sharedCfg();
@@ -373,13 +352,11 @@ TEST(TcamIpv6, InvalidEntriesAndPairsNeverHoldADoubleSizeRoute) {
    EXPECT_NE(h.ctx().physicalToPair(pos), 5u);
 
    // An invalid entry takes its pair, on every pairing layout.
-   auto fixed = layout(512, 2, 8, false);
-   fixed.supportsDefipPairing = true;
-   fixed.requestedTableMode = 9;
-   fixed.invalidEntryManagerType = 1;
-   auto moving = movingCfg();
-   moving.invalidEntryManagerType = 1;
-   for (const auto& cfg : {fixed, moving}) {
+   for (const bool moves : {false, true}) {
+      auto cfg = movingCfg();
+      cfg.dynamicV4V6Boundary = moves;
+      cfg.pairGap = moves ? 16 : 0;
+      cfg.invalidEntryManagerType = 1;
       TcamHarness t(cfg, false, invalid(5, 0));
       EXPECT_TRUE(t.ctx().bitmapPair()->isBitSet(5));
       for (uint32_t i = 0; i < 300; ++i)

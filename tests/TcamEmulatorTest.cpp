@@ -384,14 +384,11 @@ TEST(TcamEmulatorCheck, ShorterCoveringPrefixFirstIsReportedByBothChecks) {
 
 // Nested prefixes: /24 at 10-12, /20 at 20-22, /16 at 30-32, /8 at 40-41.
 void writeNested(TcamEmulator& emu) {
-   const char* p[4][3] = {{"10.1.16.0/24", "10.1.17.0/24", "10.2.32.0/24"},
-                          {"10.1.16.0/20", "10.2.32.0/20", "10.3.0.0/20"},
-                          {"10.1.0.0/16", "10.2.0.0/16", "10.3.0.0/16"},
-                          {"10.0.0.0/8", "11.0.0.0/8", nullptr}};
-   for (uint32_t len = 0; len < 4; ++len) {
-      for (uint32_t i = 0; i < 3 && p[len][i]; ++i)
-         emu.writeV4(10 * (len + 1) + i, right(k4(1, p[len][i])));
-   }
+   const char* p[] = {"10.1.16.0/24", "10.1.17.0/24", "10.2.32.0/24", "10.1.16.0/20",
+                      "10.2.32.0/20", "10.3.0.0/20",  "10.1.0.0/16",  "10.2.0.0/16",
+                      "10.3.0.0/16",  "10.0.0.0/8",   "11.0.0.0/8"};
+   for (uint32_t i = 0; i < std::size(p); ++i)
+      emu.writeV4(10 * (i / 3 + 1) + i % 3, right(k4(1, p[i])));
 }
 
 // Every move is checked automatically and fatally, and the full check must agree after each; a
