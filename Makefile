@@ -7,7 +7,7 @@
 #   make bench           Release build, runs every benchmark program (BENCH_ARGS passed on)
 #   make install         Release build installed to $(PREFIX) (default /usr/local), honours DESTDIR
 #   make fuzz            clang fuzz preset, every libFuzzer target run FUZZ_SECONDS (default 600)
-#   make fuzz-smoke      a repeatable run of about a minute: fixed seed, FUZZ_SMOKE_RUNS inputs (CI)
+#   make fuzz-smoke      about a minute, fixed seed and FUZZ_SMOKE_RUNS inputs (CI)
 #   make fuzz-merge      folds what the fuzzer found that adds coverage into fuzz/corpus/
 #   make random-long     Release build, RANDOM_OPS (default 10 M) seeded random TCAM operations
 #   make format          clang-format -i on every .h/.cpp of ours
@@ -76,8 +76,9 @@ fuzz-build:
 fuzz: fuzz-build
 	@set -e; for t in $(FUZZ_TARGETS); do bash fuzz/run-fuzzer $(FUZZ_SECONDS) $(FUZZ_JOBS) $$t; done
 
-# Repeatable: a fixed seed and number of inputs from the committed corpus (about a minute here),
-# so that the smoke fails only for a change of the code, never for the luck of the draw.
+# A fixed seed and number of inputs from the committed corpus (about a minute here), so that CI
+# draws nearly the same inputs every time (not exactly: libFuzzer reads the corpus in directory
+# order, which differs between clones).
 fuzz-smoke: fuzz-build
 	@set -e; for t in $(FUZZ_TARGETS); do \
 	   rm -rf build/fuzz/smoke/$$t; \
