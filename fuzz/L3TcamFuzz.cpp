@@ -434,6 +434,16 @@ class Run {
       if (!uc_->v6Placeable(len)) return false;
       const Ipv6UcastKey key = key6(x, len);
       if (in6_.has(key)) return false;
+      // With the two IPv6 regions side by side, the conversion ladder moves routes of up to /64
+      // into double-size entries, which the hardware searches before every single-size one; a
+      // later, longer route of up to /64 still goes single-size and is shadowed by a shorter
+      // double-size one that holds it. Until the ladder takes the lengths held in double-size
+      // entries into account, such routes are not added;
+      // fuzz/regressions/side-by-side-regions-short-double-size-route-shadows-longer-single
+      // takes that path once this guard is dropped.
+      if (shared_ && len > 0 && len <= 64 &&
+          ctx().block(RouteType::v6Full)->prevLength(len - 1) != TcamBlock::none)
+         return false;
       const RouteReturnCode rc = ctx().addRoute6(key, useSwapArea);
       if (rc.routeId) {
          emu().writeV6(rc.routeId, key, uc_->doubleSizeAt(rc.routeId));
