@@ -726,19 +726,7 @@ class Run {
       L3TcamManagerContext& c = ctx();
       const uint32_t eff = c.effectiveSize(), g = c.lpmPairGap();
       if (g == 0 || eff % (4 * g) != 0) return false;
-      const uint32_t border = eff / 2;
-      auto half = std::make_shared<TcamBlock>(0, 64);
-      half->startIs(border);
-      half->endIs(eff - 1);
-      half->bitmapIs(0, eff, false);
-      auto full = std::make_shared<TcamBlock>(64, 128);
-      full->startIs(1);
-      full->endIs(border - 1);
-      full->bitmapIs(0, eff / 2, false);
-      c.block(RouteType::v4)->startIs(1);
-      c.blockIs(RouteType::v6Half, half);
-      c.blockIs(RouteType::v6Full, full);
-      c.v6()->tcamBorderIs(border);
+      uc_->shareRegions(eff / 2);
       c.verify();
       return true;
    }

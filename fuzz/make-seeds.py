@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes the seed corpus of L3TcamFuzz: one small input per kind of layout, each running the
+"""Writes the starting inputs of L3TcamFuzz: one small input for each layout family, each running the
 operations that layout is for, so that the fuzzer starts from inputs that fill tables, drain them,
 move borders, switch uRPF and restart. The byte format is described at the top of L3TcamFuzz.cpp.
 

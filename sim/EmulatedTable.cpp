@@ -40,6 +40,23 @@ EmulatedTable::~EmulatedTable() {
    if (emu_) emu_->detach();
 }
 
+void EmulatedTable::shareRegions(uint32_t border) {
+   L3TcamManagerContext& c = ctx();
+   const uint32_t eff = c.effectiveSize();
+   auto half = std::make_shared<TcamBlock>(0, 64);
+   half->startIs(border);
+   half->endIs(eff - 1);
+   half->bitmapIs(0, eff, false);
+   auto full = std::make_shared<TcamBlock>(64, 128);
+   full->startIs(1);
+   full->endIs(border - 1);
+   full->bitmapIs(0, eff / 2, false);
+   c.block(RouteType::v4)->startIs(1);
+   c.blockIs(RouteType::v6Half, half);
+   c.blockIs(RouteType::v6Full, full);
+   c.v6()->tcamBorderIs(border);
+}
+
 bool EmulatedTable::doubleSizeAt(uint32_t pos) const {
    return ctx_->supportsDefipPairing() && ctx_->v6() &&
           ctx_->v6()->v6RouteTypeFromPos(pos) == RouteType::v6Full;

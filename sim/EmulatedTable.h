@@ -57,6 +57,10 @@ class EmulatedTable {
    uint32_t usedEntries() const;
    // Whether an IPv6 entry at pos is double-size (what the writer must know).
    bool doubleSizeAt(uint32_t pos) const;
+   // Reshapes a paired table with interleaving allowed into separate single- and double-size
+   // IPv6 regions split at `border`, the IPv4 block spanning both: IPv4 entries may then stand in
+   // either region and the conversion ladder has work to do. Call on an empty table.
+   void shareRegions(uint32_t border);
    // The agent's write after an IPv4 delete or merge: what the model still holds at pos, or
    // nothing.
    void rewriteV4(uint32_t pos);

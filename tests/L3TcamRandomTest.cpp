@@ -170,7 +170,7 @@ class RandomRun {
       if (s.v6MaxLen) fams_.push_back({RouteType::v6Full, pool6_.size()});
    }
 
-   // The digest, or nothing after a fatal failure (reported with the seed and operation).
+   // The run's digest; empty once a fatal failure was reported (with its seed and operation).
    std::optional<uint64_t> run(uint64_t ops) {
       SCOPED_TRACE(::testing::Message() << s_.name << ", seed " << seed_);
       Ulo::Subscription moves = h_.move().changed().subscribe([this](const RoutePosition& p) {

@@ -33,25 +33,8 @@ class TcamHarness {
                         const std::function<void(L3TcamManagerContext&)>& beforeInit = {})
        : table_(std::move(cfg), urpf, /*emulate*/ true, beforeInit) {}
 
-   // Reshapes a paired table with interleaving allowed into separate single- and double-size
-   // IPv6 regions split at `border`, the IPv4 block spanning both: IPv4 entries may then stand in
-   // either region and the conversion ladder has work to do. Call on an empty table.
-   void shareRegions(uint32_t border) {
-      L3TcamManagerContext& c = *ctx_;
-      const uint32_t eff = c.effectiveSize();
-      auto half = std::make_shared<TcamBlock>(0, 64);
-      half->startIs(border);
-      half->endIs(eff - 1);
-      half->bitmapIs(0, eff, false);
-      auto full = std::make_shared<TcamBlock>(64, 128);
-      full->startIs(1);
-      full->endIs(border - 1);
-      full->bitmapIs(0, eff / 2, false);
-      c.block(RouteType::v4)->startIs(1);
-      c.blockIs(RouteType::v6Half, half);
-      c.blockIs(RouteType::v6Full, full);
-      c.v6()->tcamBorderIs(border);
-   }
+   // Separate single- and double-size IPv6 regions split at `border` (sim::EmulatedTable).
+   void shareRegions(uint32_t border) { table_.shareRegions(border); }
 
    L3TcamManagerContext& ctx() { return table_.ctx(); }
    sim::TcamEmulator& emu() { return *table_.emu(); }
