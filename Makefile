@@ -20,7 +20,7 @@ CLANG_FORMAT ?= clang-format
 CTEST_ARGS = --output-on-failure --parallel 2
 FUZZ_SECONDS ?= 600
 FUZZ_JOBS ?= 1
-FUZZ_SMOKE_RUNS ?= 6000
+FUZZ_SMOKE_RUNS ?= 2500
 FUZZ_TARGETS = $(basename $(notdir $(wildcard fuzz/*Fuzz.cpp)))
 
 SOURCE_DIRS = platform VexloL3Common sim tools tests bench fuzz

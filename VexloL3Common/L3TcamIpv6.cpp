@@ -63,8 +63,11 @@ RouteReturnCode L3TcamManagerContext::addRoute6Internal(const Ipv6UcastKey& key,
    const uint32_t len = key.len();
    const Ulo::Ptr<TcamBlock>& half = block(RouteType::v6Half);
    const Ulo::Ptr<TcamBlock>& full = block(RouteType::v6Full);
-   // -1: no double-size block to convert into or out of.
-   const int64_t fullMin = usable(full) ? int64_t(full->prefixLenMin()) : -1;
+   // The shortest length held double-size; -1 when no double-size block holds a route. The
+   // hardware searches every double-size entry before any single-size one, so a route may take a
+   // single-size entry only if no shorter double-size route could cover it.
+   const uint32_t fullHeld = usable(full) ? full->nextLength(0) : TcamBlock::none;
+   const int64_t fullMin = fullHeld == TcamBlock::none ? -1 : int64_t(fullHeld);
    const uint32_t halfMax = half ? half->lengthRangeMax() : TcamBlock::none;
    TRACE(th, 7, "len: ", len, ", fullMin: ", fullMin, ", halfMax: ", halfMax);
 
@@ -128,9 +131,10 @@ RouteReturnCode L3TcamManagerContext::addRoute6Internal(const Ipv6UcastKey& key,
          convertV4Entry(true);
       } else {
          TRACE(th, 3, "Try moving a full size entry in the half size block");
-         const uint32_t shortest = uint32_t(fullMin);
-         const bool possible = usableHalf(half) && full->lengthRange(shortest).start() != 0;
-         if (!possible || convertV6Entry(RouteType::v6Half, shortest, useSwapArea) == 0) {
+         // The shortest double-size route makes way: single-size, it still covers nothing
+         // longer that is searched after it.
+         if (!usableHalf(half) ||
+             convertV6Entry(RouteType::v6Half, uint32_t(fullMin), useSwapArea) == 0) {
             return rc;
          }
       }

@@ -231,20 +231,17 @@ bool L3TcamManagerContext::handleUrpf(bool enabled) {
    }
 
    // What the layout set itself (index 0, the pair-gap entry, the invalid entries) is not a
-   // route. Each double-size route also takes its two physical entries in `bitmap`; they are
-   // counted once, as a pair.
+   // route. Each double-size route takes two physical entries in `bitmap`; they are counted
+   // once, from the double-size block's own map (the pair map also marks pairs that IPv4 entries
+   // hold a part of, where the regions lie side by side).
    const uint32_t g = lpmPairGap_;
    const uint32_t gapEntry = numReservedEntriesInBitmap_ > 1 && g != 0 ? g : HBitmap::npos;
    const uint32_t layoutSingle =
        numReservedEntriesInBitmap_ +
        setBitsIn(*bitmap_, invalidEntryManager_->invalidEntryRange(), 0, gapEntry);
-   const uint32_t layoutPair =
-       numReservedEntriesInBitmapPair_ +
-       setBitsIn(*bitmapPair_, invalidEntryManager_->invalidEntryRangePair(), 0, HBitmap::npos);
-   VEXLO_ASSERT_MSG(bitmap_->count() >= layoutSingle && bitmapPair_->count() >= layoutPair,
-                    "layout entries in use", "bitmap: ", bitmap_->count(), "/", layoutSingle,
-                    ", bitmapPair: ", bitmapPair_->count(), "/", layoutPair);
-   const uint32_t pairs = bitmapPair_->count() - layoutPair;
+   VEXLO_ASSERT_MSG(bitmap_->count() >= layoutSingle, "layout entries in use",
+                    "bitmap: ", bitmap_->count(), "/", layoutSingle);
+   const uint32_t pairs = entries(RouteType::v6Full);
    const uint32_t singleEntries = bitmap_->count() - layoutSingle;
    VEXLO_ASSERT_MSG(singleEntries >= 2 * pairs, "double-size routes hold two entries",
                     "entries: ", singleEntries, ", pairs: ", pairs);

@@ -569,6 +569,7 @@ RouteReturnCode L3TcamManagerContext::addRoute4AtIndex(const Ipv4UcastKey& key, 
    checkV4(*this, LiveState(*this), "addRoute4AtIndex", key, index, right);
    place4(*this, key, index, right);
    if (twoV4RoutesPerEntry()) trackHalfFull(*this, key.len(), index);
+   recheckSwapReserve();
    RouteReturnCode rc;
    rc.routeId = index;
    rc.tcamV4RightKey = right;
@@ -582,6 +583,7 @@ RouteReturnCode L3TcamManagerContext::addRoute6AtIndex(const Ipv6UcastKey& key, 
    if (!v6_) refuse("addRoute6AtIndex", index, key, "no IPv6 routes in a multicast table");
    const bool doubleSize = checkV6(*this, LiveState(*this), "addRoute6AtIndex", key, index);
    place6(*this, key, index, doubleSize);
+   recheckSwapReserve();
    RouteReturnCode rc;
    rc.routeId = index;
    return rc;
@@ -597,6 +599,12 @@ RouteReturnCode L3TcamManagerContext::addMroute4AtIndex(const IpMcastPrefixKey& 
    RouteReturnCode rc;
    rc.routeId = index;
    return rc;
+}
+
+void L3TcamManagerContext::recheckSwapReserve() {
+   // A half-full entry's free half does not count: a later add fills a free right half even when
+   // the reserve is short, and the reserve must then still be whole.
+   if (v4_ && entriesFree(RouteType::v4) < swapAreaSize(RouteType::v4)) swapReserveKept_ = false;
 }
 
 // ---- rebuild -----------------------------------------------------------------------------
@@ -643,9 +651,7 @@ void L3TcamManagerContext::rebuildFromHardware(const std::vector<TcamHardwareEnt
       buildHalfFullCache();
       // Placements before the restart may have taken the IPv4 swap reserve; the model cannot
       // keep what the hardware no longer leaves free.
-      if (entriesFree(RouteType::v4) + v4_->halfFullSize() < swapAreaSize(RouteType::v4)) {
-         swapReserveKept_ = false;
-      }
+      recheckSwapReserve();
    }
    TRACE(th, 1, rebuildOp, " done, border: ", border);
 }

@@ -326,6 +326,9 @@ class L3TcamManagerContext {
    void markPair(uint32_t physical);
    // Pair 0 and the pairs the invalid-entry manager set aside.
    bool pairReserved(uint32_t pair) const;
+   // Placements that bypass insertion (at a known index, or rebuilt from the hardware) take
+   // whatever entries they are given, so the IPv4 reserve is kept only while it is still free.
+   void recheckSwapReserve();
 
    Config config_;
    Ulo::Ptr<LpmInvalidEntryManager> invalidEntryManager_;

@@ -1,5 +1,6 @@
 // Consistency verification of a whole TCAM context. Every check is fatal: a model that fails one
 // can no longer be trusted to place routes.
+#include <algorithm>
 #include <array>
 
 #include "VexloL3Common/L3TcamTable.h"
@@ -197,7 +198,7 @@ void L3TcamManagerContext::verify() const {
    }
 
    // IPv6: the border decides the size; a double-size route stands on the first entry of a pair.
-   uint32_t routesHalf = 0, routesFull = 0;
+   uint32_t routesHalf = 0, routesFull = 0, longestHalf = 0, shortestFull = 129;
    std::array<uint32_t, 129> perLen6{};
    v6_->forEachEntryIdToKey([&](uint32_t pos, const Ipv6UcastKey& key) {
       v6_->verifyEntry(key, pos);
@@ -212,10 +213,12 @@ void L3TcamManagerContext::verify() const {
          VEXLO_ASSERT_MSG(!expectedPair.isBitSet(pair), "verify: one claim per pair",
                           "double-size IPv6 route at ", pos, " shares its pair");
          claim(expectedPair, pair, "double-size IPv6 pair");
+         shortestFull = std::min(shortestFull, key.len());
          ++routesFull;
       } else {
          verifyPlacement(RouteType::v6Half, *block(RouteType::v6Half), pos, key.len());
          claim(expected, pos, "single-size IPv6 route");
+         longestHalf = std::max(longestHalf, key.len());
          ++routesHalf;
       }
       ++perLen6[key.len()];
@@ -224,6 +227,11 @@ void L3TcamManagerContext::verify() const {
                     routesHalf, " vs ", entries(RouteType::v6Half));
    VEXLO_ASSERT_MSG(routesFull == entries(RouteType::v6Full), "verify: double-size entries counted",
                     routesFull, " vs ", entries(RouteType::v6Full));
+   // The hardware searches double-size entries first: a shorter double-size route would answer
+   // for the addresses of a longer single-size one.
+   VEXLO_ASSERT_MSG(routesHalf == 0 || longestHalf <= shortestFull,
+                    "verify: no double-size route shorter than a single-size one",
+                    "longest single-size /", longestHalf, ", shortest double-size /", shortestFull);
    for (uint32_t len = 0; len <= 128; ++len) {
       VEXLO_ASSERT_MSG(perLen6[len] == stats_->maskLengthsIpv6(len),
                        "verify: IPv6 routes per length", "len ", len, ": ", perLen6[len],

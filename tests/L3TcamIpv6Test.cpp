@@ -23,14 +23,7 @@ L3TcamManagerContext::Config sharedCfg() {
 
 // A shared table: double-size region [1, 127], single-size region [128, 255], IPv4 over both.
 struct Shared : TcamHarness {
-   explicit Shared(uint32_t fullMin = 64) : TcamHarness(sharedCfg()) {
-      shareRegions(128);
-      auto full = std::make_shared<TcamBlock>(fullMin, 128);
-      full->startIs(1);
-      full->endIs(127);
-      full->bitmapIs(0, 128, false);
-      ctx().blockIs(RouteType::v6Full, full);
-   }
+   Shared() : TcamHarness(sharedCfg()) { shareRegions(128); }
 
    uint32_t v4In(uint32_t first, uint32_t last) {
       return ctx().block(RouteType::v4)->bitmap()->count(first, last);
@@ -133,7 +126,7 @@ TEST(TcamIpv6, FullSingleRegionMovesOneIpv4EntryIntoTheDoubleRegion) {
 }
 
 TEST(TcamIpv6, FullDoubleRegionMovesTwoIpv4EntriesOutAndFreesAPair) {
-   Shared h(65);  // no double-size route of /64 or less: IPv4 entries make way
+   Shared h;  // no double-size route of /64 or less: IPv4 entries make way
    clearV4(h, fillV4(h), [](uint32_t pos) { return pos >= 128; });
    const uint32_t below = h.v4In(1, 127);
    Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 3);
@@ -173,6 +166,30 @@ TEST(TcamIpv6, LongestSingleRouteMovesToADoublePairForAShorterOne) {
    EXPECT_EQ(doubles, h.ctx().entries(RouteType::v6Full));
 }
 
+// Double-size entries are searched before every single-size one: once a /56 went double-size, a
+// /64 inside it must go double-size too, or the /56 answers for the /64's addresses.
+TEST(TcamIpv6, RouteInsideAShorterDoubleSizeRouteGoesDoubleSize) {
+   Shared h;
+   uint32_t n = 0;
+   while (h.ctx().entriesFree(RouteType::v6Half) > 0)
+      ASSERT_NE(h.add6(k6n(n++, 56)).routeId, 0u);
+   ASSERT_NE(h.add6(k6(1, "2001:db8::/48")).routeId, 0u);  // a /56 makes way, double-size
+   uint32_t moved = n;
+   for (uint32_t i = 0; i < n; ++i)
+      if (h.ctx().v6RouteTypeFromKey(k6n(i, 56)) == RouteType::v6Full) moved = i;
+   ASSERT_LT(moved, n);
+   h.del6(k6n(moved == 0 ? 1 : 0, 56));  // room among the singles
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 7, 7);
+   const auto rc = h.add6(k6n(moved, 64));
+   ASSERT_NE(rc.routeId, 0u);
+   EXPECT_TRUE(cap.contains("len: 64, fullMin: 56, halfMax: 56"));
+   EXPECT_EQ(h.ctx().v6RouteTypeFromKey(k6n(moved, 64)), RouteType::v6Full);
+   const auto hit = h.emu().lookup6(VrfId(1), k6n(moved, 64).prefix.bytes());
+   ASSERT_TRUE(hit.has_value());
+   EXPECT_EQ(hit->pos, rc.routeId);
+   h.check(true);
+}
+
 TEST(TcamIpv6, FullDoubleRegionSendsItsShortestRouteToASingleEntry) {
    Shared h;
    // Singles until their region is full; the next /64 goes double.
@@ -192,6 +209,17 @@ TEST(TcamIpv6, FullDoubleRegionSendsItsShortestRouteToASingleEntry) {
    EXPECT_EQ(h.ctx().block(RouteType::v6Full)->lengthRangeGet(64), std::nullopt);
    EXPECT_EQ(h.ctx().stats()->moveRoute(RouteType::v6Full), 1u);
    h.check(true);
+}
+
+// The pair map marks pairs that IPv4 entries hold a part of; the uRPF switch must count those
+// entries as IPv4 entries, not as double-size routes.
+TEST(TcamIpv6, UrpfSwitchCountsIpv4EntriesInTheDoubleRegionOnce) {
+   Shared h;
+   fillV4(h);
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 1, 1);
+   EXPECT_FALSE(h.ctx().handleUrpf(true));
+   EXPECT_TRUE(cap.contains(fmt::format(" tcam table still in use. v4/v6-64: {} v6Full: 0",
+                                        h.ctx().entries(RouteType::v4))));
 }
 
 TEST(TcamIpv6, FailedLadderChangesNothing) {

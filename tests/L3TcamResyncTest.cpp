@@ -306,6 +306,44 @@ TEST(TcamResync, AtIndexPlacementsInAnyOrderMatchTheRebuild) {
    }
 }
 
+// The hardware holds one free entry fewer than the IPv4 swap reserve, and a /16 entry with a free
+// right half (a platform that ran with a smaller reserve). Rebuilt or placed entry by entry, the
+// model must not expect the reserve kept, since filling that right half (always allowed) leaves
+// it short.
+TEST(TcamResync, RestartPastTheIpv4SwapReserveNoLongerExpectsItKept) {
+   Ulo::ScopedThrowingAssertHandler guard;
+   const auto cfg = layout(256, 2, 8, true);
+   TcamHarness h(cfg);
+   const uint32_t swap = h.ctx().swapAreaSize(RouteType::v4);
+   ASSERT_EQ(swap, 32u);
+   for (RouteType t : allRouteTypes)
+      h.ctx().swapAreaSizeIs(t, 0);
+   for (uint32_t i = 0; h.ctx().entriesFree(RouteType::v4) > swap || h.ctx().v4()->halfFull(24);
+        ++i)
+      ASSERT_NE(h.add4(k4(1, fmt::format("10.{}.{}.0/24", i / 256, i % 256).c_str())).routeId, 0u);
+   const Ipv4UcastKey b16 = k4(1, "20.2.0.0/16");
+   const uint32_t pos = h.add4(b16).routeId;
+   ASSERT_EQ(h.ctx().entriesFree(RouteType::v4), swap - 1);
+   std::vector<TcamHardwareEntry> image = sim::imageOf(h.emu());
+   for (TcamHardwareEntry& e : image)
+      if (e.pos == pos) e.v4 = Ipv4Keys(b16, Ipv4UcastKey::nullKey(b16.vrfId));  // left, right
+
+   TcamHarness rebuilt(cfg), placed(cfg);
+   rebuilt.ctx().rebuildFromHardware(image);
+   for (const TcamHardwareEntry& e : image) {
+      if (!e.v4.right.isNull()) placed.ctx().addRoute4AtIndex(e.v4.right, e.pos, true);
+      if (!e.v4.left.isNull()) placed.ctx().addRoute4AtIndex(e.v4.left, e.pos, false);
+   }
+   for (TcamHarness* t : {&rebuilt, &placed}) {
+      EXPECT_FALSE(t->ctx().swapReserveKept());
+      install(image, t->emu());
+      const RouteReturnCode rc = t->add4(k4(1, "20.3.0.0/16"));
+      EXPECT_EQ(rc.routeId, pos);
+      EXPECT_TRUE(rc.tcamV4RightKey);
+      EXPECT_EQ(t->add4(k4(1, "30.0.0.0/24")).routeId, 0u) << "the reserve is short";
+   }
+}
+
 TEST(TcamResync, CorruptImageIsRefusedNamingTheEntryAndChangesNothing) {
    Ulo::ScopedThrowingAssertHandler guard;
    const auto separate = layout(512, 2, 8, true), single = layout(512, 2, 8, false),
