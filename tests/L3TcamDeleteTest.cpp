@@ -12,7 +12,7 @@ IndexRange range(TcamHarness& h, uint32_t len) {
 }
 }  // namespace
 
-TEST(TcamDelete, RangesShrinkOnlyAtTheirEnds) {
+TEST(TcamDelete, RangesShrinkOnlyAtTheirEndsAndHolesAreRefilledInPlace) {
    TcamHarness h(layout(1024, 2, 8, false));
    for (int i = 0; i < 6; ++i)
       h.add4(k4(1, fmt::format("10.{}.0.0/16", i).c_str()));
@@ -22,42 +22,25 @@ TEST(TcamDelete, RangesShrinkOnlyAtTheirEnds) {
 
    h.del4(keyAt(full.start() + 2));  // middle: a hole, same range
    EXPECT_EQ(range(h, 16), full);
+   // A new route of the length takes the hole without moving anything.
+   EXPECT_EQ(h.add4(k4(1, "10.9.0.0/16")).routeId, full.start() + 2);
+   h.del4(k4(1, "10.9.0.0/16"));
    h.del4(keyAt(full.start() + 1));
    EXPECT_EQ(range(h, 16), full);
    h.del4(keyAt(full.start()));  // first: the new start skips both holes
    EXPECT_EQ(range(h, 16), IndexRange(full.start() + 3, full.end()));
    h.del4(keyAt(full.end()));
    EXPECT_EQ(range(h, 16), IndexRange(full.start() + 3, full.end() - 1));
-   EXPECT_EQ(h.moves(), 0u) << "deletion never moves other entries";
-}
-
-TEST(TcamDelete, LastRouteOfTheLongestLengthLowersLengthRangeMax) {
-   TcamHarness h(layout(1024, 2, 8, false));
-   h.add4(k4(1, "10.0.0.0/8"));
-   h.add4(k4(1, "10.1.0.0/16"));
-   h.add4(k4(1, "10.1.1.0/24"));
-   const TcamBlock& blk = *h.ctx().block(RouteType::v4);
-   EXPECT_EQ(blk.lengthRangeMax(), 24u);
-   h.del4(k4(1, "10.1.1.0/24"));
-   EXPECT_FALSE(blk.lengthRangeHas(24));
-   EXPECT_EQ(blk.lengthRangeMax(), 16u);
-   h.del4(k4(1, "10.0.0.0/8"));
-   EXPECT_EQ(blk.lengthRangeMax(), 16u);
-   h.del4(k4(1, "10.1.0.0/16"));
-   EXPECT_EQ(blk.lengthRangeMax(), TcamBlock::none);
-   EXPECT_EQ(h.ctx().entries(RouteType::v4), 0u);
+   EXPECT_EQ(h.moves(), 0u) << "neither deletion nor filling a hole moves other entries";
 }
 
 TEST(TcamDelete, HalfEntriesMergeNowOrReportTheMerge) {
    for (bool mergeNow : {true, false}) {
       TcamHarness h(layout(1024, 2, 8, true));
-      RouteReturnCode r1 = h.add4(k4(1, "10.1.1.0/24"));
-      RouteReturnCode l1 = h.add4(k4(1, "10.1.2.0/24"));
-      RouteReturnCode r2 = h.add4(k4(1, "10.1.3.0/24"));
-      RouteReturnCode l2 = h.add4(k4(1, "10.1.4.0/24"));
-      const uint32_t a = r1.routeId, b = r2.routeId;
-      ASSERT_EQ(l1.routeId, a);
-      ASSERT_EQ(l2.routeId, b);
+      const uint32_t a = h.add4(k4(1, "10.1.1.0/24")).routeId;
+      ASSERT_EQ(h.add4(k4(1, "10.1.2.0/24")).routeId, a);
+      const uint32_t b = h.add4(k4(1, "10.1.3.0/24")).routeId;
+      ASSERT_EQ(h.add4(k4(1, "10.1.4.0/24")).routeId, b);
       h.del4(k4(1, "10.1.2.0/24"));  // a keeps its right half and becomes the half-full entry
       EXPECT_EQ(h.ctx().v4()->halfFull(24), a);
 
@@ -79,11 +62,8 @@ TEST(TcamDelete, HalfEntriesMergeNowOrReportTheMerge) {
       } else {
          EXPECT_TRUE(rc.merged);
       }
-      ASSERT_EQ(merges.size(), 1u);
-      EXPECT_EQ(merges[0].srcRouteId, b);
-      EXPECT_EQ(merges[0].srcRouteType, EntryType::v4Left);
-      EXPECT_EQ(merges[0].dstRouteId, a);
-      EXPECT_EQ(merges[0].dstRouteType, EntryType::v4Left);
+      EXPECT_EQ(merges,
+                (std::vector<RouteMergeInfo>{{1, b, EntryType::v4Left, a, EntryType::v4Left}}));
       EXPECT_TRUE(
           cap.contains(fmt::format("Table range for prefix length 24 updated: {}/{}", a, a)));
       EXPECT_EQ(h.ctx().v4()->getEntryId(k4(1, "10.1.4.0/24")), a);

@@ -11,17 +11,15 @@ using namespace VexloL3Common::testing;
 
 namespace {
 
-Ulo::Ptr<L3TcamManagerContext> up(L3TcamManagerContext::Config c, bool urpf = false) {
+using Config = L3TcamManagerContext::Config;
+
+Ulo::Ptr<L3TcamManagerContext> up(Config c, bool urpf = false) {
    auto status = std::make_shared<Ulo::RoutingStatus>();
    status->urpfEnabledIs(urpf);
    c.globalRoutingStatus = status;
    auto ctx = l3TcamManagerContextFactory(c);
    ctx->handleInitialized(true);
    return ctx;
-}
-
-IndexRange range(const L3TcamManagerContext& ctx, RouteType t) {
-   return IndexRange(ctx.block(t)->start(), ctx.block(t)->end());
 }
 
 // Runs f with VEXLOL3COMMON_TCAM_SIZE set (or unset) and restores it afterwards.
@@ -36,67 +34,111 @@ void withSizeVariable(const char* value, F f) {
    set(saved ? saved->c_str() : nullptr);
 }
 
+std::string setBits(const HBitmap& bm) {
+   std::string out;
+   for (uint32_t i = bm.findFirstSet(0, HBitmap::npos); i != HBitmap::npos;
+        i = bm.findFirstSet(i + 1, HBitmap::npos))
+      out += fmt::format("{}{}", out.empty() ? "" : ",", i);
+   return out;
+}
+
+// A freshly laid out table in one line: effective size, pair gap, IPv6 border, swap area (and
+// whether single-size IPv6 gets it), the set entries of the entry and pair bitmaps with their
+// sizes, then every block that exists: its range and prefix lengths, or "-" when it is empty.
+std::string describe(const L3TcamManagerContext& c) {
+   std::string s = fmt::format(
+       "size {} gap {} border {} swap {} {}{} | set {} of {}, pairs {} of {}", c.effectiveSize(),
+       c.lpmPairGap(), c.v6() ? c.v6()->tcamBorder() : 0, c.swapArea(),
+       c.useSwapArea() ? "on" : "off", c.swapAreaHalf() ? "+half" : "", setBits(*c.bitmap()),
+       c.bitmap()->size(), setBits(*c.bitmapPair()), c.bitmapPair()->size());
+   for (RouteType t : allRouteTypes) {
+      const TcamBlock* b = c.block(t).get();
+      if (!b) continue;
+      s += b->isValid() ? fmt::format(" | {} {}/{} {}-{}", t, b->start(), b->end(),
+                                      b->prefixLenMin(), b->prefixLenMax())
+                        : fmt::format(" | {} -", t);
+   }
+   return s;
+}
+
+Config pairing(uint32_t mode, uint8_t blocks) {
+   auto c = layout(8192, mode, blocks, false);
+   c.supportsDefipPairing = true;
+   return c;
+}
+
+template <class V>
+Config with(Config c, V Config::*field, V value) {
+   c.*field = value;
+   return c;
+}
+
 }  // namespace
 
-TEST(TcamLayout, SeparateLayoutMode2) {
-   withSizeVariable(nullptr, [] {
-      Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 1, 1);
-      auto ctx = up(layout(8192, 2, 8, false));
-      EXPECT_TRUE(
-          cap.contains("doCreateBlocks TcamSize: 8192, tcamMode: 2, effective size: 8192, "
-                       "blockSize: 1024, border: 4096, urpfEnabled: false"));
-      EXPECT_TRUE(cap.contains("handleInitialized using default invalid entry manager"));
-      EXPECT_EQ(ctx->effectiveSize(), 8192u);
-      EXPECT_EQ(ctx->lpmPairGap(), 1024u);
-      EXPECT_EQ(range(*ctx, RouteType::v4), IndexRange(1, 8191));
-      EXPECT_EQ(range(*ctx, RouteType::v6Full), IndexRange(1, 4095));
-      EXPECT_EQ(range(*ctx, RouteType::v6Half), IndexRange(4096, 8191));
-      EXPECT_EQ(ctx->block(RouteType::v6Full)->prefixLenMin(), 64u);
-      EXPECT_EQ(ctx->block(RouteType::v6Half)->prefixLenMax(), 64u);
-      EXPECT_EQ(ctx->v6()->tcamBorder(), 4096u);
-      EXPECT_EQ(ctx->bitmap()->count(), 2u);
-      EXPECT_TRUE(ctx->bitmap()->isBitSet(0));
-      EXPECT_TRUE(ctx->bitmap()->isBitSet(1024));
-      EXPECT_EQ(ctx->numReservedEntriesInBitmap(), 2u);
-      EXPECT_EQ(ctx->bitmapPair()->size(), 4096u);
-      EXPECT_EQ(ctx->bitmapPair()->count(), 1u);
-      EXPECT_EQ(ctx->block(RouteType::v6Full)->bitmap()->size(), 4096u);
-      EXPECT_EQ(ctx->block(RouteType::v4Mcast), nullptr);
-      // Modes equal and initialised: the swap area is in force.
-      EXPECT_EQ(ctx->swapArea(), 32u);
-      EXPECT_TRUE(ctx->useSwapArea());
-      EXPECT_TRUE(ctx->swapAreaHalf());
-      EXPECT_EQ(ctx->entriesFree(RouteType::v4), 8191u - 1u);
-      ctx->verify();
-   });
-}
-
-// A fallback VRF uses quarter blocks: gap 2048, border (4 / 2) x 2048 x 2.
-TEST(TcamLayout, Mode4BorderIsTheWholeTable) {
-   for (auto [blocks, fallback] : {std::pair{4, 0}, {8, 0}, {8, 9}}) {
-      SCOPED_TRACE(fmt::format("blocks {} fallback {}", blocks, fallback));
-      auto c = layout(8192, 4, uint8_t(blocks), false);
-      if (fallback) c.fallbackVrfId = VrfId(fallback);
-      auto ctx = up(c);
-      EXPECT_EQ(ctx->v6()->tcamBorder(), 8192u);
-      EXPECT_FALSE(ctx->block(RouteType::v6Half)->isValid());
-      EXPECT_EQ(range(*ctx, RouteType::v6Full), IndexRange(1, 8191));
-      EXPECT_FALSE(ctx->swapAreaHalf());
-      if (fallback) {
-         EXPECT_EQ(ctx->lpmPairGap(), 2048u);
+TEST(TcamLayout, EachConfigurationLaysOutItsBlocks) {
+   const std::pair<Config, const char*> rows[] = {
+       {layout(8192, 2, 8, false),
+        "size 8192 gap 1024 border 4096 swap 32 on+half | set 0,1024 of 8192, pairs 0 of 4096 | v4 "
+        "1/8191 0-32 | v6Full 1/4095 64-128 | v6Half 4096/8191 0-64"},
+       // Mode 4: the border is the whole table; a fallback VRF uses quarter blocks.
+       {layout(8192, 4, 4, false),
+        "size 8192 gap 2048 border 8192 swap 32 on | set 0,2048 of 8192, pairs 0 of 4096 | v4 "
+        "1/8191 0-32 | v6Full 1/8191 64-128 | v6Half -"},
+       {layout(8192, 4, 8, false),
+        "size 8192 gap 1024 border 8192 swap 32 on | set 0,1024 of 8192, pairs 0 of 4096 | v4 "
+        "1/8191 0-32 | v6Full 1/8191 64-128 | v6Half -"},
+       {with(layout(8192, 4, 8, false), &Config::fallbackVrfId, VrfId(9)),
+        "size 8192 gap 2048 border 8192 swap 32 on | set 0,2048 of 8192, pairs 0 of 4096 | v4 "
+        "1/8191 0-32 | v6Full 1/8191 64-128 | v6Half -"},
+       // Interleaved: no border, so no IPv6 block without pairing.
+       {with(layout(8192, 2, 8, false), &Config::v4V6InterleavingDisabled, false),
+        "size 8192 gap 1024 border 0 swap 32 on+half | set 0 of 8192, pairs 0 of 4096 | v4 "
+        "1/8191 0-32 | v6Full - | v6Half -"},
+       {with(pairing(2, 8), &Config::v4V6InterleavingDisabled, false),
+        "size 8192 gap 1024 border 0 swap 32 on+half | set 0 of 8192, pairs 0 of 4096 | v4 "
+        "4096/8191 0-32 | v6Full - | v6Half 1/8191 0-128"},
+       // The fixed pairing border.
+       {pairing(2, 8),
+        "size 8192 gap 1024 border 4096 swap 32 on+half | set 0,1024 of 8192, pairs 0 of 4096 | v4 "
+        "4096/8191 0-32 | v6Full 1/4095 0-128 | v6Half -"},
+       {with(layout(2048, 0, 0, false), &Config::v4Mcast, true),
+        "size 2048 gap 0 border 0 swap 0 off | set 0 of 2048, pairs 0 of 1024 | v4Mcast 1/2047 "
+        "0-90"},
+       // Modes differ: no swap area.
+       {with(layout(1024, 2, 8, false), &Config::requestedTableMode, 1u),
+        "size 1024 gap 128 border 512 swap 0 off | set 0,128 of 1024, pairs 0 of 512 | v4 "
+        "1/1023 0-32 | v6Full 1/511 64-128 | v6Half 512/1023 0-64"},
+   };
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 1, 1);
+   withSizeVariable(nullptr, [&] {
+      for (const auto& [cfg, expected] : rows) {
+         auto ctx = up(cfg);
+         EXPECT_EQ(describe(*ctx), expected);
+         ctx->verify();
       }
-   }
+   });
+   EXPECT_TRUE(
+       cap.contains("doCreateBlocks TcamSize: 8192, tcamMode: 2, effective size: 8192, "
+                    "blockSize: 1024, border: 4096, urpfEnabled: false"));
+   EXPECT_TRUE(cap.contains("handleInitialized using default invalid entry manager"));
+   auto ctx = up(rows[0].first);
+   EXPECT_EQ(ctx->numReservedEntriesInBitmap(), 2u);
+   EXPECT_EQ(ctx->block(RouteType::v6Full)->bitmap()->size(), 4096u);
+   EXPECT_EQ(ctx->entriesFree(RouteType::v4), 8191u - 1u);
+   EXPECT_EQ(up(rows[4].first)->numReservedEntriesInBitmap(), 1u);
+   auto mc = up(rows[7].first);
+   EXPECT_NE(mc->mcastV4(), nullptr);
+   EXPECT_EQ(mc->v4(), nullptr);
 }
 
-TEST(TcamLayout, UrpfHalvesTheTable) {
+TEST(TcamLayout, UrpfHalvesTheTableInMode2Or4WithoutAFallbackVrf) {
    auto ctx = up(layout(8192, 4, 8, false), true);
    EXPECT_TRUE(ctx->urpfEnabled());
-   EXPECT_EQ(ctx->effectiveSize(), 4096u);
-   EXPECT_EQ(ctx->lpmPairGap(), 1024u);
-   EXPECT_EQ(ctx->v6()->tcamBorder(), 4096u);
-   EXPECT_EQ(range(*ctx, RouteType::v4), IndexRange(1, 4095));
+   EXPECT_EQ(describe(*ctx),
+             "size 4096 gap 1024 border 4096 swap 32 on | set 0,1024 of 4096, pairs 0 of 2048 | v4 "
+             "1/4095 0-32 | v6Full 1/4095 64-128 | v6Half -");
    ctx->verify();
-
+   // Only modes 2 and 4 have room for it, and never beside a fallback VRF.
    auto withFallback = layout(8192, 2, 8, false);
    withFallback.fallbackVrfId = VrfId(3);
    EXPECT_EQ(failureOf([&] { up(withFallback, true); }),
@@ -110,67 +152,19 @@ TEST(TcamLayout, UrpfHalvesTheTable) {
 TEST(TcamLayout, PairGapUnlessTheSizeVariableIsPresent) {
    auto c = layout(8192, 2, 8, false);
    c.pairGap = 512;
-   withSizeVariable(nullptr, [&] {
-      auto ctx = up(c);
-      EXPECT_EQ(ctx->lpmPairGap(), 512u);
-      EXPECT_TRUE(ctx->bitmap()->isBitSet(512));
-      EXPECT_FALSE(ctx->bitmap()->isBitSet(1024));
-   });
-   withSizeVariable("", [&] {
-      auto ctx = up(c);
-      EXPECT_EQ(ctx->lpmPairGap(), 1024u);
-      EXPECT_TRUE(ctx->bitmap()->isBitSet(1024));
-   });
+   withSizeVariable(nullptr, [&] { EXPECT_EQ(setBits(*up(c)->bitmap()), "0,512"); });
+   withSizeVariable("", [&] { EXPECT_EQ(setBits(*up(c)->bitmap()), "0,1024"); });
 }
 
-TEST(TcamLayout, InterleavedLayoutKeepsNoBorder) {
-   auto c = layout(8192, 2, 8, false);
-   c.v4V6InterleavingDisabled = false;
-   auto ctx = up(c);
-   EXPECT_EQ(ctx->v6()->tcamBorder(), 0u);
-   EXPECT_FALSE(ctx->block(RouteType::v6Full)->isValid());
-   EXPECT_FALSE(ctx->block(RouteType::v6Half)->isValid());  // start = border = 0
-   EXPECT_EQ(ctx->bitmap()->count(), 1u);
-   EXPECT_EQ(ctx->numReservedEntriesInBitmap(), 1u);
-
-   c.supportsDefipPairing = true;
-   auto paired = up(c);
-   EXPECT_EQ(range(*paired, RouteType::v6Half), IndexRange(1, 8191));
-   EXPECT_EQ(paired->block(RouteType::v6Half)->prefixLenMax(), 128u);
-   EXPECT_FALSE(paired->block(RouteType::v6Full)->isValid());
-}
-
-TEST(TcamLayout, FixedPairingBorder) {
-   auto c = layout(8192, 2, 8, false);
-   c.supportsDefipPairing = true;
-   auto ctx = up(c);
+TEST(TcamLayout, PairsFillTheLowerBankOfEveryDoubleBank) {
+   auto ctx = up(pairing(2, 8));
    EXPECT_EQ(ctx->v4V6Border(), 4096u);
-   EXPECT_EQ(range(*ctx, RouteType::v4), IndexRange(4096, 8191));
-   EXPECT_EQ(range(*ctx, RouteType::v6Full), IndexRange(1, 4095));
-   EXPECT_EQ(ctx->block(RouteType::v6Full)->prefixLenMin(), 0u);
-   EXPECT_FALSE(ctx->block(RouteType::v6Half)->isValid());
-   // Pair numbering: pairs fill the lower bank of every double bank.
    EXPECT_EQ(ctx->pairToPhysical(1023), 1023u);
    EXPECT_EQ(ctx->pairToPhysical(1024), 2048u);
    EXPECT_EQ(ctx->physicalToPair(2048), 1024u);
    EXPECT_EQ(ctx->physicalToPair(3072), 1024u);  // a second entry names its pair
    EXPECT_EQ(ctx->physicalBoundToPair(4095), 2047u);
    EXPECT_EQ(ctx->physicalBoundToPair(1), 1u);
-}
-
-TEST(TcamLayout, MulticastContext) {
-   auto c = layout(2048, 0, 0, false);
-   c.v4Mcast = true;
-   auto ctx = up(c);
-   EXPECT_EQ(range(*ctx, RouteType::v4Mcast), IndexRange(1, 2047));
-   EXPECT_EQ(ctx->block(RouteType::v4Mcast)->prefixLenMax(), 90u);
-   EXPECT_EQ(ctx->bitmap()->size(), 2048u);
-   EXPECT_EQ(ctx->bitmapPair()->size(), 1024u);
-   EXPECT_EQ(ctx->lpmPairGap(), 0u);
-   EXPECT_EQ(ctx->block(RouteType::v4), nullptr);
-   EXPECT_NE(ctx->mcastV4(), nullptr);
-   EXPECT_EQ(ctx->v4(), nullptr);
-   ctx->verify();
 }
 
 TEST(TcamLayout, InvalidEntryManagers) {
@@ -190,7 +184,6 @@ TEST(TcamLayout, InvalidEntryManagers) {
    auto c = layout(8192, 2, 8, false);
    c.invalidEntryManagerType = 1;
    EXPECT_EQ(failureOf([&] { up(c); }), "Please define new LPM InvalidEntryManager helper");
-
    auto ctx = l3TcamManagerContextFactory(c);
    auto mgr = std::make_shared<FourInvalid>();
    ctx->invalidEntryManagerIs(mgr);
@@ -200,18 +193,14 @@ TEST(TcamLayout, InvalidEntryManagers) {
       EXPECT_EQ(mgr->isEntryInvalid(i), i >= 100 && i <= 103) << i;
       EXPECT_FALSE(none.isEntryInvalid(i)) << i;
    }
-   EXPECT_TRUE(ctx->bitmap()->isBitSet(101));
-   EXPECT_TRUE(ctx->bitmapPair()->isBitSet(7));
+   EXPECT_EQ(setBits(*ctx->bitmap()), "0,100,101,102,103,1024");
+   EXPECT_EQ(setBits(*ctx->bitmapPair()), "0,7");
    EXPECT_EQ(ctx->entriesFree(RouteType::v4), 8191u - 1u - 4u);
    ctx->verify();
 }
 
 TEST(TcamLayout, InitialisationHappensOnce) {
-   auto c = layout(1024, 2, 8, false);
-   c.requestedTableMode = 1;  // modes differ: no swap area
-   auto ctx = up(c);
-   EXPECT_EQ(ctx->swapArea(), 0u);
-   EXPECT_FALSE(ctx->useSwapArea());
+   auto ctx = up(layout(1024, 2, 8, false));
    Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 1, 1);
    ctx->handleInitialized(true);
    EXPECT_EQ(cap.texts(), std::vector<std::string>{"Tcam table manager Ctx already initialized"});
@@ -225,20 +214,12 @@ TEST(TcamLayout, UnsupportedConfigurationsAreRefused) {
    auto ctx = l3TcamManagerContextFactory(layout(1024, 2, 2, false));
    EXPECT_THROW(ctx->handleInitialized(true), std::range_error);
    EXPECT_FALSE(ctx->layoutDone());
-
-   auto pairing = [](uint32_t mode, uint8_t blocks) {
-      auto c = layout(8192, mode, blocks, false);
-      c.supportsDefipPairing = true;
-      return c;
-   };
    // Pairing, mode 1: double-size routes up to the pairing border 4096, single size from 2048 on.
    EXPECT_THROW(up(pairing(1, 8)), std::range_error);
    // Two blocks: the last pair below 4096 would have its partner at 8191, among IPv4 entries.
    EXPECT_THROW(up(pairing(4, 2)), std::range_error);
    EXPECT_THROW(up(pairing(2, 8), true), std::range_error);  // uRPF
-   auto fallback = pairing(2, 8);
-   fallback.fallbackVrfId = VrfId(2);
-   EXPECT_THROW(up(fallback), std::range_error);
+   EXPECT_THROW(up(with(pairing(2, 8), &Config::fallbackVrfId, VrfId(2))), std::range_error);
    EXPECT_NO_THROW(up(pairing(3, 8)));
    EXPECT_NO_THROW(up(pairing(4, 4)));
 }

@@ -174,36 +174,26 @@ TEST(TcamManager, PositionalArgumentsMatchTheConfiguration) {
    EXPECT_EQ(mgr.tcamManagerLowCtx(), ctx) << "every compared attribute landed in its place";
 }
 
-TEST(TcamManager, VrfSelectsTheContextAndAMissingOneIsFatal) {
-   Table main, low;
+TEST(TcamManager, VrfSelectsTheContextAMissingOneIsFatalResultsEqualDirectCalls) {
+   Table mainT, lowT, twinT, mcTwinT;
    L3TcamManager mgr;
    EXPECT_EQ(failureOf([&] { mgr.addRoute4(k4(1, "10.0.0.0/8"), false); }), "tcamManagerCtx()");
-   mgr.tcamManagerCtxIs(main.config(1024));
+   mgr.tcamManagerCtxIs(mainT.config(512, 2, true));
    const auto mainCtx = mgr.tcamManagerCtx();
-   mainCtx->handleInitialized(true);
    // Until a low VRF is named nothing reaches the low context, not even the invalid VRF.
    EXPECT_EQ(mgr.selectTcamManagerCtx(VrfId::invalidVrfId()), mainCtx);
    mgr.lowCtxVrfIdIs(VrfId(5));
    EXPECT_EQ(failureOf([&] { mgr.showSoftwareTcamTable(VrfId(5), 1, false); }),
              "tcamManagerLowCtx()");
-
-   mgr.tcamManagerLowCtxIs(low.config(1024));
+   mgr.tcamManagerLowCtxIs(lowT.config(128));
    const auto lowCtx = mgr.tcamManagerLowCtx();
+   lowCtx->handleInitialized(true);
    EXPECT_EQ(mgr.selectTcamManagerCtx(k6(5, "2001:db8::/48")), lowCtx);
    EXPECT_EQ(mgr.selectTcamManagerCtx(mcastKey(5, 1)), lowCtx);
    EXPECT_EQ(mgr.selectTcamManagerCtx(k6(6, "2001:db8::/48")), mainCtx);
    EXPECT_EQ(mgr.selectTcamManagerCtx(mcastKey(4, 1)), mainCtx);
-}
 
-TEST(TcamManager, ForwardedResultsEqualDirectCalls) {
-   Table mainT, lowT, twinT, mcTwinT;
-   L3TcamManager mgr;
-   mgr.lowCtxVrfIdIs(VrfId(5));
-   mgr.tcamManagerCtxIs(mainT.config(512, 2, true));
-   mgr.tcamManagerLowCtxIs(lowT.config(128));
-   mgr.tcamManagerLowCtx()->handleInitialized(true);
    const auto twin = twinT.context(twinT.config(128));
-
    const std::vector<Ipv4UcastKey> keys = routes4(5, 104);  // the last ones shift entries
    for (const Ipv4UcastKey& k : keys) {
       const RouteReturnCode rc = mgr.addRoute4(k, false);
@@ -234,10 +224,10 @@ TEST(TcamManager, ForwardedResultsEqualDirectCalls) {
       }
    }
    EXPECT_GT(twin->stats()->moveRoute(RouteType::v4), 0u);
-   EXPECT_EQ(snapshot(*mgr.tcamManagerLowCtx()), snapshot(*twin));
+   EXPECT_EQ(snapshot(*lowCtx), snapshot(*twin));
 
    // Multicast routes reach the main context, which here models the multicast table.
-   mgr.tcamManagerCtx()->handleInitialized(true);
+   mainCtx->handleInitialized(true);
    const auto mcTwin = mcTwinT.context(mcTwinT.config(512, 2, true));
    for (int i = 0; i < 8; ++i) {
       ASSERT_EQ(mgr.addMroute4(mcastKey(2, i), false), mcTwin->addMroute4(mcastKey(2, i), false));
@@ -245,7 +235,7 @@ TEST(TcamManager, ForwardedResultsEqualDirectCalls) {
          EXPECT_EQ(mgr.deleteMroute4(mcastKey(2, i)), mcTwin->deleteMroute4(mcastKey(2, i)));
       }
    }
-   EXPECT_EQ(snapshot(*mgr.tcamManagerCtx()), snapshot(*mcTwin));
+   EXPECT_EQ(snapshot(*mainCtx), snapshot(*mcTwin));
 }
 
 TEST(TcamUrpf, InstalledRoutesRefuseTheSwitchAndChangeNothing) {

@@ -77,7 +77,7 @@ const char* const routes =
 
 }  // namespace
 
-TEST(TcamShow, ReportIsExactWithRangesOnlyOnDetail) {
+TEST(TcamShow, ReportIsExactAndTracedWithRangesOnlyOnDetail) {
    // Single- and double-size IPv6 regions (gap 128) below an IPv4 block over the whole table.
    TcamHarness h(paired(1024, true));
    h.shareRegions(256);
@@ -94,8 +94,12 @@ TEST(TcamShow, ReportIsExactWithRangesOnlyOnDetail) {
    h.ctx().stats()->moveRouteIs(RouteType::v6Half, 3);
    h.ctx().stats()->moveRouteIs(RouteType::v6Full, 5000000000);
 
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 8, 8);
    EXPECT_EQ(captured([&](int fd) { h.ctx().showSoftwareTcamTable(fd, true); }),
              std::string(summary) + ranges + routes);
+   EXPECT_EQ(cap.texts(),
+             (std::vector<std::string>{"showSoftwareTcamTable", "showSoftwareTcamTableSummary",
+                                       "showSoftwareTcamTableIndexRange"}));
    EXPECT_EQ(captured([&](int fd) { h.ctx().showSoftwareTcamTable(fd, false); }),
              std::string(summary) + routes);
 }
@@ -117,15 +121,6 @@ TEST(TcamShow, EmptyTableUsageAndPairRangesInHardwareEntries) {
              "Index range for IPv6 routes (double size)\n"
              "Prefix length: 100, range: 1000/1100 (actual: 1000/2124)\n"
              "Prefix length: 120, range: 2048/3071 (actual: 4096/5119)\n");
-}
-
-TEST(TcamShow, EachReportTracesItsName) {
-   TcamHarness h(layout(1024, 2, 8));
-   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 8, 8);
-   captured([&](int fd) { h.ctx().showSoftwareTcamTable(fd, true); });
-   EXPECT_EQ(cap.texts(),
-             (std::vector<std::string>{"showSoftwareTcamTable", "showSoftwareTcamTableSummary",
-                                       "showSoftwareTcamTableIndexRange"}));
 }
 
 TEST(TcamShow, MulticastTableAndUnwritableDescriptorAreRefused) {

@@ -1,13 +1,15 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <string>
-#include <unordered_set>
 
 #include "platform/NetTypes.h"
 #include "platform/VersionId.h"
 
 using namespace Ulo;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 namespace {
 
@@ -15,17 +17,6 @@ template <class T>
 void expectRoundTrips(std::initializer_list<const char*> texts) {
    for (const char* text : texts)
       EXPECT_EQ(T::fromString(text).toString(), text);
-}
-
-// The what() of the range error f raises, or "no range error".
-template <class F>
-std::string rangeError(F&& f) {
-   try {
-      f();
-   } catch (const std::range_error& e) {
-      return e.what();
-   }
-   return "no range error";
 }
 
 template <class Parse>
@@ -44,9 +35,9 @@ TEST(NetTypes, TextFormsRoundTrip) {
    expectRoundTrips<IpGenRouteKey>({"239.1.1.1/32,10.0.0.0/8"});
    EXPECT_EQ(EthAddr::fromString("00:1A:2b:3c:4d:5e").toString(), "00:1a:2b:3c:4d:5e");
    EXPECT_EQ(EthAddr::fromString("001a.2b3c.4d5e").toString(), "00:1a:2b:3c:4d:5e");
-   EXPECT_EQ(VrfId::fromString("42").value(), 42u);
-   EXPECT_EQ(VlanId::fromString("4095").value(), 4095u);
-   EXPECT_EQ(fmt::format("{} {} {}", VrfId(3), AdjId(9), VlanId(10)), "3 9 10");
+   EXPECT_EQ(fmt::format("{} {} {} {} {}", VrfId(3), AdjId(9), VlanId(10), VrfId::fromString("42"),
+                         VlanId::fromString("4095")),
+             "3 9 10 42 4095");
    EXPECT_EQ(fmt::format("{}", AddressFamily::ipv6), "ipv6");
 }
 
@@ -61,8 +52,9 @@ TEST(NetTypes, BadTextIsARangeError) {
    expectRangeErrors(IntfId::fromString, {"Ethernet", "Tunnel1"});
    expectRangeErrors(EthAddr::fromString, {"00:11:22:33:44", "00:11:22:33:44:zz"});
    expectRangeErrors(IpGenRouteKey::fromString, {"239.1.1.1/32,::/0"});
-   EXPECT_THROW(addressFamilyFromInt(3), std::range_error);
-   EXPECT_EQ(rangeError([] { addressFamilyFromInt(7); }), "Invalid AddressFamily type");
+   for (int af : {3, 7})
+      EXPECT_THAT([=] { addressFamilyFromInt(af); },
+                  ThrowsMessage<std::range_error>(StrEq("Invalid AddressFamily type")));
 }
 
 TEST(NetTypes, PrefixesRefuseHostBitsButKeepTheNullPrefix) {
@@ -75,7 +67,6 @@ TEST(NetTypes, PrefixesRefuseHostBitsButKeepTheNullPrefix) {
    EXPECT_THROW(Prefix(1, 255), std::range_error);  // only address 0 may carry the null length
    Prefix null = Prefix::nullPrefix();
    EXPECT_TRUE(null.isNullPrefix());
-   EXPECT_EQ(null.len(), 255);
    EXPECT_EQ(Prefix(0, 255), null);
    EXPECT_FALSE(Prefix().isNullPrefix()) << "a default prefix is 0.0.0.0/0, not the null prefix";
    EXPECT_FALSE(null.contains(0));
@@ -110,16 +101,6 @@ TEST(NetTypes, OrderingAndHashing) {
    EXPECT_LT(IpGenAddr::fromString("9.255.255.255"), IpGenAddr::fromString("10.0.0.0"));
    EXPECT_LT(IpGenAddr::fromString("255.255.255.255"), IpGenAddr::fromString("::"));
    EXPECT_LT(Prefix::fromString("10.0.0.0/8"), Prefix::fromString("10.0.0.0/9"));
-   std::unordered_set<Prefix> prefixes;
-   std::unordered_set<Ip6Prefix> prefixes6;
-   for (uint32_t i = 0; i < 1000; ++i) {
-      prefixes.insert(Prefix(i << 8, 24));
-      Ip6Prefix::Bytes b{0x20};
-      b[5] = uint8_t(i);
-      b[6] = uint8_t(i >> 8);
-      prefixes6.insert(Ip6Prefix(b, 56));
-   }
-   EXPECT_EQ(prefixes.size() + prefixes6.size(), 2000u);
    EXPECT_NE(std::hash<Prefix>()(Prefix::fromString("10.0.0.0/8")),
              std::hash<Prefix>()(Prefix::fromString("10.0.0.0/9")));
 }
@@ -128,9 +109,10 @@ TEST(UloPdVersionId, RefusesTheTwoReservedValuesWithTheExactText) {
    for (uint64_t good : {0ull, 0x7FFFFFFFFFFFFFFEull, 0x8000000000000000ull})
       EXPECT_EQ(UloPdVersionId(good).version(), good);
    for (uint64_t bad : {0x7FFFFFFFFFFFFFFFull, 0xFFFFFFFFFFFFFFFFull}) {
-      EXPECT_EQ(rangeError([=] { (void)UloPdVersionId(bad); }),
-                "Ulo::UloPdVersionId::version < 0 or > Ulo::UloPdVersionId::maxVersion not "
-                "allowed");
+      EXPECT_THAT([=] { (void)UloPdVersionId(bad); },
+                  ThrowsMessage<std::range_error>(
+                      StrEq("Ulo::UloPdVersionId::version < 0 or > Ulo::UloPdVersionId::maxVersion "
+                            "not allowed")));
    }
    EXPECT_EQ(UloPdVersionId::fromString("12").version(), 12u);
    expectRangeErrors(UloPdVersionId::fromString, {"18446744073709551615", "abc", "12x"});

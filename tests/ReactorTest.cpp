@@ -25,15 +25,6 @@ TEST(Notifier, CallsSubscribersInOrderUntilTheyUnsubscribeOrTheNotifierGoes) {
    changed.notify(3, "z");
    EXPECT_EQ(calls.size(), 3u);
    EXPECT_EQ(changed.subscribers(), 0u);
-
-   Subscription s;  // outliving its notifier is harmless
-   {
-      Notifier<int> n;
-      s = n.subscribe([](int) {});
-      EXPECT_TRUE(s.active());
-   }
-   EXPECT_FALSE(s.active());
-   s.reset();
 }
 
 TEST(Notifier, SubscribersMayChangeTheListWhileNotified) {
@@ -51,10 +42,11 @@ TEST(Notifier, SubscribersMayChangeTheListWhileNotified) {
    EXPECT_EQ(seen, (std::vector<int>{1, 11, 12, 102}));
 
    // A subscriber may destroy the notifier itself: the rest of that notification still runs,
-   // and the subscriptions end with it.
+   // and the subscriptions end with it (and may outlive it harmlessly).
    auto owner = std::make_unique<Notifier<int>>();
    Subscription killer = owner->subscribe([&](int) { owner.reset(); });
    Subscription after = owner->subscribe([&](int i) { seen.push_back(1000 + i); });
+   EXPECT_TRUE(after.active());
    owner->notify(3);
    EXPECT_EQ(owner, nullptr);
    EXPECT_EQ(seen.back(), 1003);

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <numeric>
 #include <sstream>
 
 #include "TcamFixture.h"
@@ -32,10 +33,9 @@ std::vector<Route> v4Routes(uint32_t n, uint32_t len, uint32_t first = 0) {
    return out;
 }
 
-const ReportData::CapacityRow& rowOf(const std::vector<ReportData::CapacityRow>& rows, Region r) {
-   for (const auto& row : rows) {
+ReportData::CapacityRow rowOf(const Simulation& sim, Region r) {
+   for (const auto& row : sim.capacity(70, 85))
       if (row.region == regionName(r)) return row;
-   }
    throw std::runtime_error("no row");
 }
 
@@ -80,7 +80,7 @@ TEST(Simulation, FreeCapacityIsWhatTheTableStillTakes) {
       SCOPED_TRACE(c.name);
       Simulation sim(c.cfg);
       sim.load(c.load);
-      const auto row = rowOf(sim.capacity(70, 85), c.region);
+      const auto row = rowOf(sim, c.region);
       EXPECT_EQ(row.used, c.load.size() - (c.region == Region::v6Double ? 300 : 0));
       EXPECT_EQ(row.max, row.used + row.free);
       ASSERT_GT(row.free, 0u);
@@ -90,7 +90,7 @@ TEST(Simulation, FreeCapacityIsWhatTheTableStillTakes) {
       sim.load(extra);
       EXPECT_EQ(sim.statistics().refused(), 1u) << "free " << row.free;
       EXPECT_TRUE(sim.checkTables().empty());
-      const auto full = rowOf(sim.capacity(70, 85), c.region);
+      const auto full = rowOf(sim, c.region);
       EXPECT_EQ(full.free, 0u);
       EXPECT_EQ(full.percentUsed, 100.0);
       EXPECT_THAT(full.warning, ::testing::StartsWith("critical: 100.0 % used"));
@@ -122,16 +122,13 @@ TEST(Simulation, TraceIsCheckedWholeBeforeAnythingIsApplied) {
 }
 
 TEST(Simulation, RefusedRoutesAreCountedAndTheirDeletesSkipped) {
-   SimulationConfig cfg = small();
-   Simulation sim(cfg);
+   Simulation sim(small());
    std::vector<Route> routes = v4Routes(2500, 24);  // more than 1 024 entries hold
    sim.load(routes);
    const Statistics& st = sim.statistics();
    ASSERT_GT(st.family[0].refused, 0u);
    EXPECT_EQ(st.family[0].placed + st.family[0].refused, routes.size());
-   std::ostringstream trace;
-   trace << "del " << routes.back().toString() << "\n";
-   std::istringstream in(trace.str());
+   std::istringstream in("del " + routes.back().toString() + "\n");
    sim.replay(readTrace(in, "t"), "t");
    EXPECT_EQ(st.family[0].skipped, 1u);
    EXPECT_EQ(st.installed(), st.family[0].placed);
@@ -157,10 +154,8 @@ TEST(Simulation, ChurnKeepsTheTableAndTheTwinAgrees) {
    EXPECT_LE(loaded - st.installed(), loaded / 100 + 1);
    EXPECT_GT(st.phases[1].moves, 0u) << "announces land in other lengths than the withdraws";
    EXPECT_EQ(st.operations, loaded + 3001);
-   EXPECT_EQ(st.movesPerUpdate.operations(), st.operations);
    EXPECT_EQ(st.movesPerUpdate.total(), st.moves);
    sim.finish();  // fatal if the twin placed anything differently
-   EXPECT_EQ(st.phases[0].name, "load");
    EXPECT_EQ(st.phases[1].operations, 3001u);
    EXPECT_GT(st.phases[1].modelNs, 0u);
    EXPECT_EQ(st.modelBytes, 1000);
@@ -197,10 +192,7 @@ TEST(Simulation, ReportFiguresFollowTheEmulatedTable) {
    EXPECT_EQ(v4, sim.unicast()->ctx().entries(RouteType::v4));
    EXPECT_EQ(at16, 2u) << "three /16 routes, two to an entry";
    EXPECT_EQ(entries[0].cell, ReportData::Cell::reserved);
-   uint64_t updates = 0;
-   for (uint64_t c : d.movesPerUpdate)
-      updates += c;
-   EXPECT_EQ(updates, 603u);
+   EXPECT_EQ(std::accumulate(d.movesPerUpdate.begin(), d.movesPerUpdate.end(), uint64_t(0)), 603u);
    ASSERT_FALSE(d.occupancy.empty());
    EXPECT_EQ(d.occupancy.front().op, 0u);
    EXPECT_EQ(d.occupancy.back().op, 603u);
@@ -213,11 +205,10 @@ TEST(Simulation, LayoutThatCannotBeServedIsARangeError) {
    cfg.unicast.tcamMode = 1;
    cfg.urpf = true;  // uRPF needs mode 2 or 4
    EXPECT_THROW(Simulation{cfg}, std::range_error);
-   cfg = small();
-   std::vector<Route> mc{
-       Route::of(IpMcastPrefixKey(0, 0, Ulo::IpGenAddr::v4(0xe0000000), Ulo::IpGenAddr::v4(0), 8))};
-   Simulation sim(cfg);
-   EXPECT_THROW(sim.load(mc), std::invalid_argument) << "no multicast table";
+   Simulation sim(small());
+   const Route mc =
+       Route::of(IpMcastPrefixKey(0, 0, Ulo::IpGenAddr::v4(0xe0000000), Ulo::IpGenAddr::v4(0), 8));
+   EXPECT_THROW(sim.load({mc}), std::invalid_argument) << "no multicast table";
 }
 
 }  // namespace

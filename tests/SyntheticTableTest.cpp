@@ -16,19 +16,14 @@ namespace {
 
 using Family = Route::Family;
 
-SyntheticMix mixOf(size_t v4, size_t v6, size_t mcast, uint64_t seed = 1, uint32_t vrf = 0) {
-   return SyntheticMix{v4, v6, mcast, seed, vrf};
-}
-
 // Percent of the routes of `family` whose length lies in [lo, hi].
 double percentIn(const std::vector<Route>& t, Family family, uint32_t lo, uint32_t hi) {
    size_t all = 0, in = 0;
    for (const Route& r : t) {
-      if (r.family != family) continue;
-      ++all;
-      in += r.len() >= lo && r.len() <= hi;
+      all += r.family == family;
+      in += r.family == family && r.len() >= lo && r.len() <= hi;
    }
-   return all ? 100.0 * double(in) / double(all) : 0;
+   return 100.0 * double(in) / double(all);
 }
 
 // Percent of the IPv4 routes with a shorter route of the table covering them.
@@ -38,26 +33,23 @@ double percentCovered(const std::vector<Route>& t) {
       present.insert((uint64_t(r.v4.prefix.addr()) << 8) | r.v4.len());
    size_t covered = 0;
    for (const Route& r : t) {
-      for (uint32_t len = 0; len < r.v4.len(); ++len) {
-         uint32_t mask = len ? ~uint32_t(0) << (32 - len) : 0;
-         if (present.count((uint64_t(r.v4.prefix.addr() & mask) << 8) | len)) {
-            ++covered;
-            break;
-         }
-      }
+      bool in = false;
+      for (uint32_t len = 0; len < r.v4.len() && !in; ++len)
+         in = present.count((uint64_t(r.v4.prefix.addr() & (len ? ~0u << (32 - len) : 0)) << 8) |
+                            len);
+      covered += in;
    }
    return 100.0 * double(covered) / double(t.size());
 }
 
 TEST(SyntheticTable, SameSeedSameTableOtherSeedOtherTable) {
-   std::vector<Route> a = syntheticTable(mixOf(2000, 500, 200, 7));
-   EXPECT_EQ(syntheticTable(mixOf(2000, 500, 200, 7)), a);
-   std::vector<Route> b = syntheticTable(mixOf(2000, 500, 200, 8));
-   std::set<Route> inA(a.begin(), a.end());
-   size_t shared = 0;
-   for (const Route& r : b)
-      shared += inA.count(r);
-   EXPECT_LT(shared, b.size() / 10) << "another seed must give mostly other routes";
+   std::vector<Route> a = syntheticTable({2000, 500, 200, 7});
+   EXPECT_EQ(syntheticTable({2000, 500, 200, 7}), a);
+   std::vector<Route> b = syntheticTable({2000, 500, 200, 8});
+   const std::set<Route> inA(a.begin(), a.end());
+   EXPECT_LT(std::count_if(b.begin(), b.end(), [&](const Route& r) { return inA.count(r); }),
+             b.size() / 10)
+       << "another seed must give mostly other routes";
    // Shuffled, not grouped by family or length: the family changes often along the table.
    size_t changes = 0;
    for (size_t i = 1; i < a.size(); ++i)
@@ -67,7 +59,7 @@ TEST(SyntheticTable, SameSeedSameTableOtherSeedOtherTable) {
 }
 
 TEST(SyntheticTable, CountsAreExactRoutesDistinctAndInTheVrf) {
-   std::vector<Route> t = syntheticTable(mixOf(30000, 5000, 1000, 3, 9));
+   std::vector<Route> t = syntheticTable({30000, 5000, 1000, 3, 9});
    std::map<Family, size_t> perFamily;
    for (const Route& r : t) {
       ++perFamily[r.family];
@@ -81,47 +73,40 @@ TEST(SyntheticTable, CountsAreExactRoutesDistinctAndInTheVrf) {
    EXPECT_EQ(std::unordered_set<Route>(t.begin(), t.end()).size(), t.size());
 }
 
-TEST(SyntheticTable, LengthSharesFollowAnInternetTable) {
-   std::vector<Route> t = syntheticTable(mixOf(30000, 10000, 0, 5));
-   EXPECT_NEAR(percentIn(t, Family::v4, 24, 24), 60, 2);
-   EXPECT_NEAR(percentIn(t, Family::v4, 22, 22), 12, 1);
-   EXPECT_NEAR(percentIn(t, Family::v4, 23, 23), 10, 1);
-   EXPECT_NEAR(percentIn(t, Family::v4, 21, 21), 6, 1);
-   EXPECT_NEAR(percentIn(t, Family::v4, 20, 20), 5, 1);
-   EXPECT_NEAR(percentIn(t, Family::v4, 8, 19), 6, 1.5);
-   EXPECT_NEAR(percentIn(t, Family::v4, 25, 32), 1, 0.7);
-   EXPECT_EQ(percentIn(t, Family::v4, 0, 7), 0);
-   EXPECT_NEAR(percentIn(t, Family::v6, 48, 48), 45, 2);
-   EXPECT_NEAR(percentIn(t, Family::v6, 32, 32), 13, 1);
-   EXPECT_NEAR(percentIn(t, Family::v6, 65, 128), 2.5, 1);
-   EXPECT_EQ(percentIn(t, Family::v6, 0, 28), 0);
-}
-
-TEST(SyntheticTable, ManyRoutesNestInCoveringRoutesAndSomeStandAlone) {
-   double covered = percentCovered(syntheticTable(mixOf(30000, 0, 0, 11)));
+// Shares of lengths, and many routes nested in covering routes while some stand alone.
+TEST(SyntheticTable, LengthSharesAndNestingFollowAnInternetTable) {
+   std::vector<Route> t = syntheticTable({30000, 10000, 0, 5});
+   const struct {
+      Family family;
+      uint32_t lo, hi;
+      double percent, within;
+   } shares[] = {
+       {Family::v4, 24, 24, 60, 2},  {Family::v4, 22, 22, 12, 1},   {Family::v4, 23, 23, 10, 1},
+       {Family::v4, 21, 21, 6, 1},   {Family::v4, 20, 20, 5, 1},    {Family::v4, 8, 19, 6, 1.5},
+       {Family::v4, 25, 32, 1, 0.7}, {Family::v4, 0, 7, 0, 0},      {Family::v6, 48, 48, 45, 2},
+       {Family::v6, 32, 32, 13, 1},  {Family::v6, 65, 128, 2.5, 1}, {Family::v6, 0, 28, 0, 0}};
+   for (const auto& s : shares)
+      EXPECT_NEAR(percentIn(t, s.family, s.lo, s.hi), s.percent, s.within) << s.lo << "-" << s.hi;
+   double covered = percentCovered(syntheticTable({30000, 0, 0, 11}));
    EXPECT_GT(covered, 30);
    EXPECT_LT(covered, 80);
 }
 
 TEST(SyntheticTable, MulticastIsMostlySourceSpecificWithSomeAnySource) {
-   std::vector<Route> t = syntheticTable(mixOf(0, 0, 2000, 4, 3));
+   std::vector<Route> t = syntheticTable({0, 0, 2000, 4, 3});
    size_t sg = 0, starG = 0, ranges = 0;
    for (const Route& r : t) {
+      SCOPED_TRACE(r.toString());
       const IpMcastPrefixKey& k = r.mcast;
-      uint32_t group = k.group.v4Addr();
-      ASSERT_TRUE(k.group.isV4() && k.source.isV4()) << r.toString();
+      const uint32_t group = k.group.v4Addr();
+      const bool sourceSpecific = k.len == 64;
+      ASSERT_TRUE(k.group.isV4() && k.source.isV4());
       EXPECT_EQ(k.tableId, 0);
-      if (k.len == 64) {
-         ++sg;
-         EXPECT_EQ(group >> 24, 232u) << r.toString();
-         EXPECT_FALSE(k.source.isZero()) << r.toString();
-         continue;
-      }
-      ASSERT_LE(k.len, 32) << r.toString();
-      EXPECT_TRUE(k.source.isZero()) << r.toString();
-      EXPECT_EQ(group >> 24, 239u) << r.toString();
-      EXPECT_EQ(group & ~(~uint32_t(0) << (32 - k.len)), 0u) << "host bits " << r.toString();
-      ++(k.len == 32 ? starG : ranges);
+      EXPECT_EQ(group >> 24, sourceSpecific ? 232u : 239u);
+      EXPECT_EQ(k.source.isZero(), !sourceSpecific);
+      ASSERT_TRUE(sourceSpecific || k.len <= 32);
+      EXPECT_EQ(sourceSpecific ? 0u : group & ~(~0u << (32 - k.len)), 0u) << "host bits";
+      ++(sourceSpecific ? sg : k.len == 32 ? starG : ranges);
    }
    EXPECT_NEAR(double(sg) / 20, 80, 3);
    EXPECT_NEAR(double(starG) / 20, 17, 3);
@@ -129,10 +114,10 @@ TEST(SyntheticTable, MulticastIsMostlySourceSpecificWithSomeAnySource) {
 }
 
 TEST(SyntheticTable, VrfsOutsideTheirRangeAreRangeErrors) {
-   EXPECT_THROW(syntheticTable(mixOf(10, 0, 10, 1, 65536)), std::range_error);
-   EXPECT_EQ(syntheticTable(mixOf(10, 0, 0, 1, 65536)).size(), 10u);
-   EXPECT_THROW(syntheticTable(mixOf(10, 0, 0, 1, 0xffffff)), std::range_error);
-   EXPECT_THROW(syntheticTable(mixOf(10, 0, 0, 1, 0x1000000)), std::range_error);
+   EXPECT_THROW(syntheticTable({10, 0, 10, 1, 65536}), std::range_error);
+   EXPECT_EQ(syntheticTable({10, 0, 0, 1, 65536}).size(), 10u);
+   EXPECT_THROW(syntheticTable({10, 0, 0, 1, 0xffffff}), std::range_error);
+   EXPECT_THROW(syntheticTable({10, 0, 0, 1, 0x1000000}), std::range_error);
 }
 
 }  // namespace

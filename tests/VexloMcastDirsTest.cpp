@@ -9,21 +9,20 @@
 #include <string>
 #include <unordered_set>
 
-#include "platform/Assert.h"
+#include "TcamFixture.h"
 
 namespace VexloL3Common {
 namespace {
 
+using testing::failureOf;
 using Ulo::IntfId;
 using Ulo::IpGenAddr;
 using Ulo::VlanId;
 
-IpGenAddr ip(const char* text) {
-   return IpGenAddr::fromString(text);
-}
-PortVlan pv(uint32_t eth, uint16_t vlan) {
+const auto ip = [](const char* text) { return IpGenAddr::fromString(text); };
+const auto pv = [](uint32_t eth, uint16_t vlan) {
    return PortVlan(IntfId::ethernet(eth), VlanId(vlan));
-}
+};
 
 TEST(McastSourceGroupTest, TextFormsRoundTripAndBadValuesAreRangeErrors) {
    for (const char* text : {"(10.0.0.1, 239.1.1.1)", "(*, 239.1.1.1)", "(2001:db8::1, ff0e::1)"})
@@ -60,68 +59,41 @@ TEST(FilteredOifSetTest, FilteredMembersAreHiddenUntilTheFilterGoes) {
    s.filterDel(pv(2, 10));
    EXPECT_TRUE(s.has(pv(2, 10)));
    s.oifDel(pv(3, 20));
-   s.oifDel(pv(3, 20));
    EXPECT_EQ(s.effective().toString(), "{Ethernet1:10, Ethernet2:10}");
-   s.filterIs(pv(1, 10));
-   s.oifDelAll();
-   EXPECT_EQ(s.size(), 0u);
-   EXPECT_EQ(s.filter().size(), 2u);
 }
 
 TEST(McastDirsTest, CollectionHoldersHaveNoStringConstructor) {
-   Ulo::ScopedThrowingAssertHandler guard;
-   auto expectFatal = [](auto parse, const std::string& text) {
-      try {
-         parse();
-         ADD_FAILURE() << "no assertion for " << text;
-      } catch (const Ulo::AssertionFailure& f) {
-         EXPECT_EQ(f.text, text);
-      }
-   };
-   expectFatal([] { PortVlanSet::fromString("{}"); },
-               "No String constructor for PortVlanSet - has collection");
-   expectFatal([] { FilteredOifSet::fromString(""); },
-               "No String constructor for FilteredOifSet - has collection");
-   expectFatal([] { VfiMcastGroups::fromString(""); },
-               "No String constructor for VfiMcastGroups - has collection");
-   expectFatal([] { VfiMcastGroupsDir::fromString(""); },
-               "No String constructor for VfiMcastGroupsDir - has collection");
+   EXPECT_EQ(failureOf([] { PortVlanSet::fromString("{}"); }),
+             "No String constructor for PortVlanSet - has collection");
+   EXPECT_EQ(failureOf([] { FilteredOifSet::fromString(""); }),
+             "No String constructor for FilteredOifSet - has collection");
+   EXPECT_EQ(failureOf([] { VfiMcastGroups::fromString(""); }),
+             "No String constructor for VfiMcastGroups - has collection");
+   EXPECT_EQ(failureOf([] { VfiMcastGroupsDir::fromString(""); }),
+             "No String constructor for VfiMcastGroupsDir - has collection");
 }
 
 TEST(VfiMcastGroupsTest, LookupPrefersSourceGroupThenFallsBackToAnySource) {
    auto dir = vfiMcastGroupsDirFactory("mcast");
    auto vfi = dir->vfiMcastGroupsIs(7);
    EXPECT_EQ(dir->vfiMcastGroupsIs(7), vfi);
-   EXPECT_EQ(vfi->vfi(), 7u);
    const McastSourceGroup sg(ip("10.0.0.1"), ip("239.1.1.1"));
    const McastSourceGroup starG(IpGenAddr(), ip("239.1.1.1"));
    auto specific = vfi->groupIs(sg);
-   specific->oifSet().oifIs(pv(1, 10));
    auto shared = vfi->groupIs(starG);
    EXPECT_EQ(vfi->groupIs(sg), specific);
-   EXPECT_EQ(vfi->size(), 2u);
    EXPECT_EQ(vfi->lookup(ip("10.0.0.1"), ip("239.1.1.1")), specific);
    EXPECT_EQ(vfi->lookup(ip("10.0.0.2"), ip("239.1.1.1")), shared);
    EXPECT_EQ(vfi->lookup(ip("2001:db8::1"), ip("239.1.1.1")), shared);
    EXPECT_EQ(vfi->lookup(ip("10.0.0.1"), ip("239.1.1.2")), nullptr);
    EXPECT_EQ(vfi->lookup(ip("10.0.0.1"), ip("10.1.1.1")), nullptr);  // not a group address
-
    // Each VFI has its own groups.
-   auto other = dir->vfiMcastGroupsIs(2);
-   EXPECT_EQ(other->size(), 0u);
-   EXPECT_EQ(dir->size(), 2u);
-   vfi->groupDel(starG);
+   EXPECT_EQ(dir->vfiMcastGroupsIs(2)->lookup(ip("10.0.0.1"), ip("239.1.1.1")), nullptr);
    vfi->groupDel(starG);
    EXPECT_EQ(vfi->lookup(ip("10.0.0.2"), ip("239.1.1.1")), nullptr);
-   EXPECT_EQ(vfi->group(sg)->oifSet().size(), 1u);
-   vfi->groupDelAll();
-   EXPECT_EQ(vfi->group(sg), nullptr);
-   dir->vfiMcastGroupsDel(7);
    dir->vfiMcastGroupsDel(7);
    EXPECT_EQ(dir->vfiMcastGroups(7), nullptr);
-   EXPECT_EQ(dir->vfiMcastGroups(2), other);
-   dir->vfiMcastGroupsDelAll();
-   EXPECT_TRUE(dir->vfiMcastGroups().empty());
+   EXPECT_EQ(dir->size(), 1u);
 }
 
 }  // namespace

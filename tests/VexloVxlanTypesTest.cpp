@@ -20,16 +20,15 @@ namespace {
 using testing::failureOf;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
+using Names = std::vector<std::string>;
 
-IpGenAddr ip(const char* text) {
-   return IpGenAddr::fromString(text);
-}
+const auto ip = [](const char* text) { return IpGenAddr::fromString(text); };
 
 // Records the names an entity notifies.
 struct ChangeLog {
    explicit ChangeLog(VxlanEntity& e)
        : sub(e.changed().subscribe([this](std::string_view a) { names.emplace_back(a); })) {}
-   std::vector<std::string> names;
+   Names names;
    Ulo::Subscription sub;
 };
 
@@ -39,23 +38,21 @@ TEST(VexloVxlanStateTest, LocalVtepIsKeptPerFamilyAndWritersNotifyOnlyOnChange) 
    VexloVxlanState s("s");
    ChangeLog log(s);
    s.setLocalVtep(ip("2001:db8::1"));
-   EXPECT_EQ(s.localVtep(), ip("0.0.0.0"));
-   EXPECT_EQ(s.getLocalVtep(AddressFamily::ipv6), ip("2001:db8::1"));
    s.setLocalVtep(ip("10.0.0.1"));
-   EXPECT_EQ(s.getLocalVtep(AddressFamily::ipv4), ip("10.0.0.1"));
-   EXPECT_EQ(s.localVtep6(), ip("2001:db8::1"));
    // A family that is neither is a range error and changes nothing.
    const auto badFamily = ThrowsMessage<std::range_error>(StrEq("Invalid AddressFamily type"));
    EXPECT_THAT([&] { s.getLocalVtep(AddressFamily::ipunknown); }, badFamily);
    EXPECT_THAT([&] { s.setLocalVtep(IpGenAddr()); }, badFamily);
-   EXPECT_EQ(s.localVtep(), ip("10.0.0.1"));
+   EXPECT_EQ(fmt::format("{} {} {} {}", s.localVtep(), s.localVtep6(),
+                         s.getLocalVtep(AddressFamily::ipv4), s.getLocalVtep(AddressFamily::ipv6)),
+             "10.0.0.1 2001:db8::1 10.0.0.1 2001:db8::1");
    s.ttlIs(64);
    s.udpPortIs(4789);
    s.ttlIs(10);
    s.localVtepIs(ip("10.0.0.2"));
    s.localVtepIs(ip("10.0.0.2"));
    s.egrL3TunnelIndexIs(7);
-   EXPECT_EQ(log.names, (std::vector<std::string>{"ttl", "localVtep", "egrL3TunnelIndex"}));
+   EXPECT_EQ(log.names, (Names{"ttl", "localVtep", "egrL3TunnelIndex"}));
 }
 
 TEST(VxlanTunnelKeyTest, TextFormParsesBackHashesEveryFieldAndBadTextOrTtlIsARangeError) {
@@ -85,16 +82,12 @@ TEST(VxlanTunnelKeyTest, TextFormParsesBackHashesEveryFieldAndBadTextOrTtlIsARan
                   ThrowsMessage<std::range_error>(
                       StrEq("VexloL3Common::VxlanTunnelKey::ttl < 1 or > 64 not allowed")))
           << ttl;
-}
-
-TEST(VxlanTableConstantsTest, TextNamesTheHardwareTables) {
-   EXPECT_EQ(fmt::format("{}", VnIdTableConstants()),
-             "sourceTableName: VnIdTable-0_4095 numEntries: 4095");
-   EXPECT_EQ(fmt::format("{}", VtepCtrTblConstants()),
+   EXPECT_EQ(fmt::format("{} | {}", VnIdTableConstants(), VtepCtrTblConstants()),
+             "sourceTableName: VnIdTable-0_4095 numEntries: 4095 | "
              "ingSourceTableName: SVP egrSourceTableName: EGR_DVP");
 }
 
-TEST(VxlanIndexMapsTest, CollectionsInsertOverwriteAndIgnoreAbsentDeletes) {
+TEST(VxlanIndexMapsTest, CollectionsAndCountersNotifyOnlyWhenTheContentChanges) {
    VxlanDvpToVtepMap m("dvp");
    ChangeLog log(m);
    m.dvpToVtepMapIs(5, ip("10.0.0.1"));
@@ -102,24 +95,21 @@ TEST(VxlanIndexMapsTest, CollectionsInsertOverwriteAndIgnoreAbsentDeletes) {
    m.dvpToVtepMapIs(5, ip("10.0.0.2"));
    m.dvpToVtepMapIs(6, ip("10.0.0.3"));
    m.dvpToVtepMapDel(99);
+   m.dvpToVtepMapDel(6);
    EXPECT_EQ(m.dvpToVtepMap(5), ip("10.0.0.2"));
-   EXPECT_EQ(m.dvpToVtepMap().size(), 2u);
-   m.dvpToVtepMapDel(5);
-   EXPECT_EQ(m.dvpToVtepMap(5), std::nullopt);
+   EXPECT_EQ(m.dvpToVtepMap(6), std::nullopt);
    m.dvpToVtepMapDelAll();
    m.dvpToVtepMapDelAll();
    EXPECT_TRUE(m.dvpToVtepMap().empty());
    EXPECT_EQ(log.names.size(), 5u);  // two writes that changed, one add, one delete, one clear
-}
-
-TEST(VxlanClearHitBitConfigTest, EachIncrementIsARequestAndTheCounterWraps) {
+   // Each increment is a request, and the counter wraps.
    VxlanClearHitBitConfig c("clear");
-   ChangeLog log(c);
+   ChangeLog clearLog(c);
    c.clearReqIdIs(0xFFFFFFFF);
    c.clearReqIdInc();
    c.clearReqIdInc(2);
    EXPECT_EQ(c.clearReqId(), 2u);
-   EXPECT_EQ(log.names.size(), 3u);
+   EXPECT_EQ(clearLog.names.size(), 3u);
 }
 
 TEST(VexloVxlanBumVtepConfigDirTest, FindOrCreateKeepsEntitiesWithTheSameAttributes) {
@@ -133,10 +123,7 @@ TEST(VexloVxlanBumVtepConfigDirTest, FindOrCreateKeepsEntitiesWithTheSameAttribu
    auto nh2 = a->nextHopsIs(IntfId::vlan(10), ip("10.1.1.2"), mac("00:00:00:00:00:02"));
    EXPECT_NE(nh2, nh);
    EXPECT_EQ(a->nextHops(IntfId::vlan(10)), nh2);
-   EXPECT_EQ(a->nextHops().size(), 1u);
-   auto b = dir->bumVtepConfigIs(ip("10.0.0.1"), EncapId(6));
-   EXPECT_NE(b, a);
-   EXPECT_TRUE(b->nextHops().empty());
+   EXPECT_NE(dir->bumVtepConfigIs(ip("10.0.0.1"), EncapId(6)), a);
 }
 
 TEST(EncapIdToBumVtepIpConfigDirTest, SyncFollowsTheForwardDirectory) {
@@ -191,8 +178,7 @@ TEST(VtepToVtepBridgingTest, StatusAcknowledgesTheConfiguration) {
    status->ackConfig(*config);
    status->ackConfig(*config);
    EXPECT_TRUE(status->vtepToVtepBridging());
-   EXPECT_EQ(log.names,
-             (std::vector<std::string>{"vtepToVtepBridging", "vtepSetForSourcePruning"}));
+   EXPECT_EQ(log.names, (Names{"vtepToVtepBridging", "vtepSetForSourcePruning"}));
    config->vtepSetForSourcePruningDel(ip("10.0.0.1"));
    status->ackConfig(*config);
    EXPECT_EQ(status->vtepSetForSourcePruning(), std::set<IpGenAddr>{ip("10.0.0.2")});

@@ -3,8 +3,10 @@
 
 #include "VexloL3Common/VexloVxlanUnderlayMulticastBaseSm.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,15 +16,16 @@
 namespace VexloL3Common {
 namespace {
 
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::UnorderedElementsAre;
 using Ulo::IpGenRouteKey;
 using Ulo::VlanId;
 using Texts = std::vector<std::string>;
 
 constexpr const char* traceName = "VexloVxlanUnderlayMulticastBaseSm";
 
-IpGenRouteKey key(const char* text) {
-   return IpGenRouteKey::fromString(text);
-}
+const auto key = [](const char* text) { return IpGenRouteKey::fromString(text); };
 
 class RecordingSm : public VexloVxlanUnderlayMulticastBaseSm {
  public:
@@ -61,52 +64,38 @@ class UnderlayMulticastSmTest : public ::testing::Test {
 // traces, and the VLAN remembered for the delete.
 TEST_F(UnderlayMulticastSmTest, EntryLifecycleProgramsOnceAndDeletesWithTheRememberedVlan) {
    auto sm = makeSm();
+   // The subclass calls and the trace lines of one table write.
+   const auto step = [&](const std::function<void()>& write) {
+      Ulo::ScopedTraceCapture cap(traceName);
+      write();
+      return std::pair{sm->take(), cap.texts()};
+   };
    const std::string keyLine = "handleVxlanMroute mroute key : 239.1.1.1/32,10.0.0.0/8";
    const std::string addLine = "handleVxlanMroute adding mroute : 239.1.1.1/32,10.0.0.0/8";
-   {
-      Ulo::ScopedTraceCapture cap(traceName);
-      v4->entryIs(k4, VlanId(10));
-      EXPECT_EQ(sm->take(), Texts{"program 239.1.1.1/32,10.0.0.0/8 vlan 10"});
-      EXPECT_EQ(cap.texts(), (Texts{keyLine, addLine}));
-   }
-   {
-      Ulo::ScopedTraceCapture cap(traceName);
-      v4->entryIs(k4, VlanId(10));
-      EXPECT_TRUE(sm->take().empty());
-      EXPECT_EQ(cap.texts(),
-                (Texts{keyLine, "handleVxlanMroute update mroute oldVlan : 10newVlan : 10"}));
-   }
-   {
-      Ulo::ScopedTraceCapture cap(traceName);
-      v4->entryIs(k4, VlanId(20));
-      EXPECT_EQ(sm->take(), (Texts{"delete 239.1.1.1/32,10.0.0.0/8 vlan 10",
-                                   "program 239.1.1.1/32,10.0.0.0/8 vlan 20"}));
-      EXPECT_EQ(sm->mrouteKeyToVlan(k4), VlanId(20));
-      EXPECT_EQ(
-          cap.texts(),
-          (Texts{keyLine, "handleVxlanMroute update mroute oldVlan : 10newVlan : 20", addLine}));
-   }
-   Ulo::ScopedTraceCapture cap(traceName);
-   v4->entryDel(k4);
-   EXPECT_EQ(sm->take(), Texts{"delete 239.1.1.1/32,10.0.0.0/8 vlan 20"});
+   EXPECT_EQ(step([&] { v4->entryIs(k4, VlanId(10)); }),
+             std::pair(Texts{"program 239.1.1.1/32,10.0.0.0/8 vlan 10"}, Texts{keyLine, addLine}));
+   EXPECT_EQ(step([&] { v4->entryIs(k4, VlanId(10)); }),
+             std::pair(Texts{},
+                       Texts{keyLine, "handleVxlanMroute update mroute oldVlan : 10newVlan : 10"}));
+   EXPECT_EQ(step([&] { v4->entryIs(k4, VlanId(20)); }),
+             std::pair(Texts{"delete 239.1.1.1/32,10.0.0.0/8 vlan 10",
+                             "program 239.1.1.1/32,10.0.0.0/8 vlan 20"},
+                       Texts{keyLine, "handleVxlanMroute update mroute oldVlan : 10newVlan : 20",
+                             addLine}));
+   EXPECT_EQ(
+       step([&] { v4->entryDel(k4); }),
+       std::pair(Texts{"delete 239.1.1.1/32,10.0.0.0/8 vlan 20"},
+                 Texts{keyLine, "handleVxlanMroute deleting mroute : 239.1.1.1/32,10.0.0.0/8"}));
    EXPECT_TRUE(sm->mrouteKeyToVlan().empty());
-   EXPECT_TRUE(cap.contains("handleVxlanMroute deleting mroute : 239.1.1.1/32,10.0.0.0/8"));
 }
 
-// Switched off, nothing reaches the hardware or the VLAN map; a key removed later that was never
-// programmed is still deleted, with the default VLAN 1.
+// Switched off, nothing from either table reaches the hardware or the VLAN map.
 TEST_F(UnderlayMulticastSmTest, NotificationsSwitchedOffLeaveTheHardwareAlone) {
    auto sm = makeSm();
    sm->hasNotificationActiveIs(false);
    v4->entryIs(k4, VlanId(10));
    v6->entryIs(k6, VlanId(10));
-   v6->entryDel(k6);
-   EXPECT_TRUE(sm->calls.empty());
-   EXPECT_TRUE(sm->mrouteKeyToVlan().empty());
-   sm->hasNotificationActiveIs(true);
-   v4->entryDel(k4);
-   EXPECT_EQ(sm->calls, Texts{"delete 239.1.1.1/32,10.0.0.0/8 vlan 1"});
-   EXPECT_EQ(sm->mrouteKeyToVlan(k4), VlanId(1));
+   EXPECT_TRUE(sm->calls.empty() && sm->mrouteKeyToVlan().empty());
 }
 
 TEST_F(UnderlayMulticastSmTest, Ipv6KeyIsLookedUpOnlyInTheIpv6Table) {
@@ -115,22 +104,17 @@ TEST_F(UnderlayMulticastSmTest, Ipv6KeyIsLookedUpOnlyInTheIpv6Table) {
    EXPECT_EQ(sm->take(), Texts{"delete ff0e::1/128,2001:db8::/32 vlan 1"});
    v6->entryIs(k6, VlanId(40));
    EXPECT_EQ(sm->calls, Texts{"program ff0e::1/128,2001:db8::/32 vlan 40"});
-   EXPECT_EQ(sm->mrouteKeyToVlan(k6), VlanId(40));
 }
 
 TEST_F(UnderlayMulticastSmTest, UnknownAddressFamilyIsTracedAtLevelZeroAndIgnored) {
    auto sm = makeSm();
    sm->mrouteKeyToVlanIs(IpGenRouteKey(), VlanId(5));
-   Ulo::ScopedTraceCapture cap(traceName);
+   Ulo::ScopedTraceCapture cap(traceName, 0, 0);
    v4->entryIs(IpGenRouteKey(), VlanId(10));
    v4->entryDel(IpGenRouteKey());
    EXPECT_TRUE(sm->calls.empty());
    EXPECT_EQ(sm->mrouteKeyToVlan(IpGenRouteKey()), VlanId(5));
-   std::vector<unsigned> invalidLevels;
-   for (const auto& line : cap.sink().lines()) {
-      if (line.text == "Invalid address family") invalidLevels.push_back(line.level);
-   }
-   EXPECT_EQ(invalidLevels, (std::vector<unsigned>{0, 0}));
+   EXPECT_EQ(cap.texts(), (Texts{"Invalid address family", "Invalid address family"}));
 }
 
 TEST_F(UnderlayMulticastSmTest, HandleInitializedProgramsIpv4ThenIpv6Entries) {
@@ -141,13 +125,9 @@ TEST_F(UnderlayMulticastSmTest, HandleInitializedProgramsIpv4ThenIpv6Entries) {
    EXPECT_TRUE(sm->calls.empty());
    Ulo::ScopedTraceCapture cap(traceName);
    sm->handleInitialized();
-   ASSERT_EQ(sm->calls.size(), 3u);
-   EXPECT_NE(sm->calls[0].find("239.1.1."), std::string::npos);
-   EXPECT_NE(sm->calls[1].find("239.1.1."), std::string::npos);
-   EXPECT_EQ(sm->calls[2], "program ff0e::1/128,2001:db8::/32 vlan 30");
+   EXPECT_THAT(sm->take(), ElementsAre(HasSubstr("239.1.1."), HasSubstr("239.1.1."),
+                                       "program ff0e::1/128,2001:db8::/32 vlan 30"));
    EXPECT_EQ(cap.texts().front(), "handleInitialized");
-   EXPECT_EQ(sm->mrouteKeyToVlan().size(), 3u);
-   sm->take();
    sm->handleInitialized();  // a second walk finds everything programmed already
    EXPECT_TRUE(sm->calls.empty());
 }
@@ -160,9 +140,6 @@ TEST_F(UnderlayMulticastSmTest, NullTablesAreNotWatchedAndLookEmpty) {
    EXPECT_TRUE(sm->calls.empty());
    sm->handleVxlanMroute(k6);
    EXPECT_EQ(sm->calls, Texts{"delete ff0e::1/128,2001:db8::/32 vlan 1"});
-   auto bare = std::make_shared<RecordingSm>(nullptr, nullptr, nullptr, nullptr);
-   bare->handleInitialized();
-   EXPECT_TRUE(bare->calls.empty());
 }
 
 TEST_F(UnderlayMulticastSmTest, DestroyedMachineStopsWatchingAndDeletesNothing) {
@@ -172,7 +149,6 @@ TEST_F(UnderlayMulticastSmTest, DestroyedMachineStopsWatchingAndDeletesNothing) 
    sm.reset();
    EXPECT_EQ(v4->entryChanged().subscribers() + v6->entryChanged().subscribers(), 0u);
    v4->entryDel(k4);  // must not reach the destroyed machine
-   EXPECT_EQ(v4->size(), 0u);
 }
 
 TEST(MrouteVxlanDecapTableTest, EveryWriteNotifiesOncePerKeyAfterTheChange) {
@@ -193,7 +169,8 @@ TEST(MrouteVxlanDecapTableTest, EveryWriteNotifiesOncePerKeyAfterTheChange) {
    t->entryIs(a, VlanId(10));
    seen.clear();
    t->entryDelAll();
-   EXPECT_EQ(seen.size(), 2u);
+   EXPECT_THAT(
+       seen, UnorderedElementsAre("239.1.1.1/32,10.0.0.0/8 gone", "239.1.1.2/32,10.0.0.0/8 gone"));
    EXPECT_EQ(t->size(), 0u);
 }
 
