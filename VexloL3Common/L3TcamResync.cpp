@@ -319,6 +319,19 @@ bool checkV6(const L3TcamManagerContext& ctx, const State& st, const char* op,
    if (const uint32_t at = st.where(key))
       bad(fmt::format("duplicate key, already at entry {}", at));
    checkOrder(ranges, key.len(), slot, doubleSize ? "pairs" : "range", bad);
+   // Double-size entries are searched before every single-size one: a shorter double-size route
+   // would answer for the addresses of a longer single-size one.
+   if (doubleSize) {
+      const uint32_t longest = st.ranges(RouteType::v6Half).findLengthRangeMax();
+      if (longest != TcamBlock::none && longest > key.len()) {
+         bad(fmt::format("double-size, but shorter than single-size routes of length {}", longest));
+      }
+   } else {
+      const uint32_t shortest = st.ranges(RouteType::v6Full).nextLength(0);
+      if (shortest != TcamBlock::none && shortest < key.len()) {
+         bad(fmt::format("single-size, but longer than double-size routes of length {}", shortest));
+      }
+   }
    return doubleSize;
 }
 

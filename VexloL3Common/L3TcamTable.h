@@ -234,8 +234,12 @@ class L3TcamManagerContext {
    // that was freed, or 0 when nothing was converted.
    uint32_t convertV4Entry(bool toHalf);
    // Moves one IPv6 route of prefixLen into the block of routeType from the other IPv6 block;
-   // the freed index of the source block, or 0.
+   // the freed index of the source block, or 0. prefixLen must be the longest single-size length
+   // (to double size) or the shortest double-size one (to single size): double-size entries are
+   // searched first, so no double-size route may be shorter than a single-size one.
    uint32_t convertV6Entry(RouteType routeType, uint32_t prefixLen, bool useSwapArea);
+   // Converts every single-size route of prefixLen in range to double size (prefixLen as above);
+   // false when the double-size block filled up first.
    bool convertV6Range(uint32_t prefixLen, const IndexRange& range, bool useSwapArea);
    // Frees the pair partner of the free entry entryId, which holds an IPv4 entry, so that the
    // whole pair is free.

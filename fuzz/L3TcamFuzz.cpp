@@ -634,12 +634,12 @@ class Run {
    // A fresh context of the same configuration rebuilt from the hardware image must be the same
    // model; the run goes on with it and a new emulator that holds the same image.
    void restartUnicast(uint8_t how) {
-      // The side-by-side IPv6 regions are a reshaped layout that a fresh context does not have.
-      if (shared_) return;
       const L3TcamManagerContext& c = ctx();
       // Entry by entry only where a fresh context already has the border the image needs.
       const bool entryByEntry = (how & 4) && !c.borderMoves();
       std::unique_ptr<sim::EmulatedTable> next = unicastTable(c.urpfEnabled());
+      // The platform that reshaped the layout before does so again before the rebuild.
+      if (shared_) next->shareRegions(c.v6()->tcamBorder());
       const std::vector<TcamHardwareEntry> image = sim::imageOf(emu());
       if (entryByEntry)
          placeAtIndex(next->ctx(), image, how >> 3);

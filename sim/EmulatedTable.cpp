@@ -47,7 +47,8 @@ void EmulatedTable::shareRegions(uint32_t border) {
    half->startIs(border);
    half->endIs(eff - 1);
    half->bitmapIs(0, eff, false);
-   auto full = std::make_shared<TcamBlock>(64, 128);
+   // The conversion ladder moves routes of any length up to /64 into double-size entries.
+   auto full = std::make_shared<TcamBlock>(0, 128);
    full->startIs(1);
    full->endIs(border - 1);
    full->bitmapIs(0, eff / 2, false);

@@ -207,7 +207,7 @@ TEST(TcamIpv6, FullDoubleRegionSendsItsShortestRouteToASingleEntry) {
    EXPECT_TRUE(cap.contains("Try moving a full size entry in the half size block"));
    EXPECT_EQ(h.ctx().v6RouteTypeFromKey(wentDouble), RouteType::v6Half);
    EXPECT_EQ(h.ctx().block(RouteType::v6Full)->lengthRangeGet(64), std::nullopt);
-   EXPECT_EQ(h.ctx().stats()->moveRoute(RouteType::v6Full), 1u);
+   EXPECT_EQ(h.ctx().stats()->conversion(RouteType::v6Full), 1u);
    h.check(true);
 }
 

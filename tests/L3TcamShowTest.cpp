@@ -54,7 +54,7 @@ const char* const ranges =
     "Prefix length: 48, range: 454/454\n"
     "\n"
     "Index range for IPv6 routes (double size)\n"
-    "Prefix length: 96, range: 65/65 (actual: 65/65)\n"
+    "Prefix length: 96, range: 2/2 (actual: 2/2)\n"
     "Prefix length: 128, range: 1/1 (actual: 1/1)\n";
 
 const char* const routes =
@@ -72,7 +72,7 @@ const char* const routes =
     "IPv6 routes (double size)\n"
     "Entry1   Entry2     Vrf   Route\n"
     "     1      129       1   2001:db8::1/128\n"
-    "    65      193       7   2001:db8:2::/96\n"
+    "     2      130       7   2001:db8:2::/96\n"
     "\n";
 
 }  // namespace
