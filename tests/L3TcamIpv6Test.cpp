@@ -1,5 +1,6 @@
 // The IPv6 conversion ladder and the moving IPv4/IPv6 border, on the emulator-backed harness:
 // after every operation the model verifies itself and the emulator has checked every move.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -188,6 +189,37 @@ TEST(TcamIpv6, RouteInsideAShorterDoubleSizeRouteGoesDoubleSize) {
    ASSERT_TRUE(hit.has_value());
    EXPECT_EQ(hit->pos, rc.routeId);
    h.check(true);
+}
+
+// No way around that order: a conversion of any other length than the edge of its block is a
+// caller fault, and a hardware image that breaks it is refused.
+TEST(TcamIpv6, ConversionsAndImagesKeepDoubleSizeRoutesNoShorterThanSingleSize) {
+   Shared h;
+   const Ipv6UcastKey outer = k6(1, "2001:db8:100::/56"), inner = k6(1, "2001:db8:100::/64");
+   ASSERT_NE(h.add6(outer).routeId, 0u);
+   ASSERT_NE(h.add6(inner).routeId, 0u);
+   EXPECT_EQ(failureOf([&] { h.ctx().convertV6Entry(RouteType::v6Full, 56, false); }),
+             "convertV6Entry: the longest single-size or shortest double-size length");
+
+   std::vector<TcamHardwareEntry> image(3);
+   image[0].kind = TcamHardwareEntry::Kind::v6Double;
+   image[0].pos = 2;
+   image[0].v6 = outer;
+   image[1] = image[0];
+   image[1].kind = TcamHardwareEntry::Kind::v6DoubleSecond;
+   image[1].pos = 2 + h.ctx().lpmPairGap();
+   image[2].kind = TcamHardwareEntry::Kind::v6Single;
+   image[2].pos = 200;
+   image[2].v6 = inner;
+   Shared fresh;
+   try {
+      fresh.ctx().rebuildFromHardware(image);
+      ADD_FAILURE() << "the image was taken";
+   } catch (const std::range_error& e) {
+      EXPECT_THAT(e.what(), ::testing::HasSubstr(
+                                "entry 200, key 2001:db8:100::/64(vrf1): single-size, but longer "
+                                "than double-size routes of length 56"));
+   }
 }
 
 TEST(TcamIpv6, FullDoubleRegionSendsItsShortestRouteToASingleEntry) {
