@@ -39,11 +39,10 @@ struct FlatBitmap {
 
 // All four searches and the count over [a, b] agree with the reference.
 void expectSame(const HBitmap& hb, const FlatBitmap& ref, uint32_t a, uint32_t b) {
-   using Find = uint32_t (HBitmap::*)(uint32_t, uint32_t) const;
-   static constexpr Find finds[] = {&HBitmap::findFirstSet, &HBitmap::findLastSet,
-                                    &HBitmap::findFirstClear, &HBitmap::findLastClear};
+   const uint32_t found[] = {hb.findFirstSet(a, b), hb.findLastSet(a, b), hb.findFirstClear(a, b),
+                             hb.findLastClear(a, b)};
    for (uint32_t op = 0; op < 4; ++op) {
-      EXPECT_EQ((hb.*finds[op])(a, b), ref.find(a, b, op < 2, op % 2 == 0))
+      EXPECT_EQ(found[op], ref.find(a, b, op < 2, op % 2 == 0))
           << "find first/last set, first/last clear: " << op << ", range " << a << ".." << b;
    }
    EXPECT_EQ(hb.count(a, b), ref.count(a, b)) << "count, range " << a << ".." << b;
