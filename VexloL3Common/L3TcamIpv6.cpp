@@ -201,9 +201,8 @@ uint32_t L3TcamManagerContext::convertV6Entry(RouteType routeType, uint32_t pref
    // Only the longest single-size length may go double-size, and only the shortest double-size
    // length single-size: anything else leaves a shorter double-size route ahead of a longer
    // single-size one that it covers.
-   const uint32_t edge = routeType == RouteType::v6Full
-                             ? block(RouteType::v6Half)->findLengthRangeMax()
-                             : block(RouteType::v6Full)->nextLength(0);
+   const uint32_t edge = routeType == RouteType::v6Full ? block(RouteType::v6Half)->lengthRangeMax()
+                                                        : block(RouteType::v6Full)->nextLength(0);
    VEXLO_ASSERT_MSG(
        prefixLen == edge, "convertV6Entry: the longest single-size or shortest double-size length",
        "prefixLen: ", prefixLen, ", type: ", routeType, ", edge of the source block: ", edge);

@@ -229,7 +229,7 @@ void L3TcamManagerContext::verify() const {
                     routesFull, " vs ", entries(RouteType::v6Full));
    // The hardware searches double-size entries first: a shorter double-size route would answer
    // for the addresses of a longer single-size one.
-   VEXLO_ASSERT_MSG(routesHalf == 0 || longestHalf <= shortestFull,
+   VEXLO_ASSERT_MSG(longestHalf <= shortestFull,
                     "verify: no double-size route shorter than a single-size one",
                     "longest single-size /", longestHalf, ", shortest double-size /", shortestFull);
    for (uint32_t len = 0; len <= 128; ++len) {
