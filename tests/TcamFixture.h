@@ -39,7 +39,6 @@ class TcamHarness {
    L3TcamManagerContext& ctx() { return table_.ctx(); }
    sim::TcamEmulator& emu() { return *table_.emu(); }
    RouteMove& move() { return table_.move(); }
-   RouteMove& moveStatus() { return table_.moveStatus(); }
    RouteMerge& merge() { return table_.merge(); }
 
    RouteReturnCode add4(const Ipv4UcastKey& key, bool useSwapArea = false) {
