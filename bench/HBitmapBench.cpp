@@ -13,7 +13,7 @@
 #include <random>
 #include <vector>
 
-#include "VexloL3Common/HBitmap.h"
+#include "VexloL3Common/types/HBitmap.h"
 
 namespace {
 

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "TcamBenchSupport.h"
-#include "VexloL3Common/L3TcamTable.h"
+#include "VexloL3Common/tcam/L3TcamTable.h"
 
 namespace {
 std::atomic<int64_t> liveBytes{0};

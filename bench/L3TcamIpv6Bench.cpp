@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "TcamBenchSupport.h"
-#include "VexloL3Common/L3TcamTable.h"
+#include "VexloL3Common/tcam/L3TcamTable.h"
 
 using namespace VexloL3Common;
 

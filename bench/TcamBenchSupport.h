@@ -7,7 +7,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "VexloL3Common/L3TcamTable.h"
+#include "VexloL3Common/tcam/L3TcamTable.h"
 
 namespace VexloL3Common::bench {
 

@@ -63,7 +63,7 @@
 #include <utility>
 #include <vector>
 
-#include "VexloL3Common/L3TcamTable.h"
+#include "VexloL3Common/tcam/L3TcamTable.h"
 #include "platform/Assert.h"
 #include "platform/RoutingStatus.h"
 #include "sim/EmulatedTable.h"

@@ -20,7 +20,7 @@
 #include <functional>
 #include <memory>
 
-#include "VexloL3Common/L3TcamTable.h"
+#include "VexloL3Common/tcam/L3TcamTable.h"
 #include "sim/Route.h"
 #include "sim/TcamEmulator.h"
 

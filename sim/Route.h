@@ -37,7 +37,7 @@
 #include <string_view>
 #include <vector>
 
-#include "VexloL3Common/L3RouteTypes.h"
+#include "VexloL3Common/types/L3RouteTypes.h"
 
 namespace VexloL3Common::sim {
 

@@ -35,7 +35,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "VexloL3Common/L3TcamTable.h"
+#include "VexloL3Common/tcam/L3TcamTable.h"
 #include "sim/EmulatedTable.h"
 #include "sim/HtmlReport.h"
 #include "sim/Route.h"

@@ -13,7 +13,7 @@
 
 #include <vector>
 
-#include "VexloL3Common/L3TcamTable.h"
+#include "VexloL3Common/tcam/L3TcamTable.h"
 #include "sim/TcamEmulator.h"
 
 namespace VexloL3Common::sim {

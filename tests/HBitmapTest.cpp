@@ -3,7 +3,7 @@
 // must find across every summary level; range ends at the edges of words and levels, past the
 // end and inverted), equality, and the fatal position check.
 
-#include "VexloL3Common/HBitmap.h"
+#include "VexloL3Common/types/HBitmap.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // Index allocators: seeded random runs against a reference set, exhaustion, and the fatal misuses.
 
-#include "VexloL3Common/IndexAllocator.h"
+#include "VexloL3Common/common/IndexAllocator.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // String forms of the constant enumerations, and the properties the constant tables promise.
 
-#include "VexloL3Common/L3Constants.h"
+#include "VexloL3Common/common/L3Constants.h"
 
 #include <gtest/gtest.h>
 

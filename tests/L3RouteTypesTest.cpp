@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "TcamFixture.h"
-#include "VexloL3Common/L3RouteTypes.h"
+#include "VexloL3Common/types/L3RouteTypes.h"
 
 using namespace VexloL3Common;
 using namespace VexloL3Common::testing;

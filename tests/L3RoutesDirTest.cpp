@@ -1,6 +1,6 @@
 // Route and pivot directories, adjacency reference counts and CliSorter.
 
-#include "VexloL3Common/L3RoutesDir.h"
+#include "VexloL3Common/state/L3RoutesDir.h"
 
 #include <gtest/gtest.h>
 

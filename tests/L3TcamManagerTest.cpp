@@ -1,4 +1,4 @@
-#include "VexloL3Common/L3TcamManager.h"
+#include "VexloL3Common/tcam/L3TcamManager.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // and IPv6 and multicast bookkeeping. Placement through the context, end to end, is tested by the
 // L3TcamInsert, L3TcamDelete and L3TcamRandom tests.
 
-#include "VexloL3Common/L3TcamMapping.h"
+#include "VexloL3Common/tcam/L3TcamMapping.h"
 
 #include <gtest/gtest.h>
 

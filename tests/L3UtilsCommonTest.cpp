@@ -1,6 +1,6 @@
 // FIB acknowledgement (ackSequence, FibAckState, CurrSequences) and port readiness (isPortReady).
 
-#include "VexloL3Common/L3UtilsCommon.h"
+#include "VexloL3Common/state/L3UtilsCommon.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "VexloL3Common/L3FibAckTypes.h"
+#include "VexloL3Common/state/L3FibAckTypes.h"
 #include "platform/Trace.h"
 
 namespace VexloL3Common {

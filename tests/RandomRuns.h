@@ -21,7 +21,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "VexloL3Common/L3RouteTypes.h"
+#include "VexloL3Common/types/L3RouteTypes.h"
 
 namespace VexloL3Common::testing {
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "VexloL3Common/L3TcamTable.h"
+#include "VexloL3Common/tcam/L3TcamTable.h"
 #include "platform/Assert.h"
 #include "sim/EmulatedTable.h"
 #include "sim/TcamEmulator.h"

@@ -1,6 +1,6 @@
 // Capacity-monitoring configuration of the L3 adjacency tables, and the hardware resource types.
 
-#include "VexloL3Common/VexloCapacityTableMonitor.h"
+#include "VexloL3Common/monitoring/VexloCapacityTableMonitor.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "TcamFixture.h"
-#include "VexloL3Common/L3HardwareResource.h"
+#include "VexloL3Common/monitoring/L3HardwareResource.h"
 
 namespace VexloL3Common {
 namespace {

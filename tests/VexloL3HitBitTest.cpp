@@ -1,7 +1,7 @@
 // The hit-bit manager driven through the request directories' own notifications: a recording
 // subclass stands in for the chip and logs every processHitBitHwTable call.
 
-#include "VexloL3Common/VexloL3HitBit.h"
+#include "VexloL3Common/monitoring/VexloL3HitBit.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

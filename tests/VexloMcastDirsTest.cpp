@@ -1,7 +1,7 @@
 // Multicast forwarding directories: (S,G) keys, port/VLAN sets, filtered output-interface sets
 // and per-VFI group lookup with the (*,G) fallback.
 
-#include "VexloL3Common/VexloMcastDirs.h"
+#include "VexloL3Common/mcast/VexloMcastDirs.h"
 
 #include <gtest/gtest.h>
 

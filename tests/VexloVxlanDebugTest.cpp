@@ -1,6 +1,6 @@
 // The transient-status line and the VXLAN show commands: text forms, filters and rendering.
 
-#include "VexloL3Common/VexloVxlanDebug.h"
+#include "VexloL3Common/vxlan/VexloVxlanDebug.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

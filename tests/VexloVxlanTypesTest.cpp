@@ -2,7 +2,7 @@
 // notifications, the tunnel key's ttl range and text form, find-or-create collections and the
 // encapId reverse index.
 
-#include "VexloL3Common/VexloVxlanTypes.h"
+#include "VexloL3Common/vxlan/VexloVxlanTypes.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // The underlay multicast state machine driven through the decap tables' own notifications: a
 // recording subclass stands in for the chip and logs programEntry / deleteEntry in order.
 
-#include "VexloL3Common/VexloVxlanUnderlayMulticastBaseSm.h"
+#include "VexloL3Common/vxlan/VexloVxlanUnderlayMulticastBaseSm.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

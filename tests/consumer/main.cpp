@@ -1,5 +1,5 @@
 // Uses the installed library as a client would: exits 0 only when the types behave.
-#include <VexloL3Common/L3RouteTypes.h>
+#include <VexloL3Common/types/L3RouteTypes.h>
 
 #include <cstdio>
 #include <iterator>

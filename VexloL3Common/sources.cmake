@@ -1,0 +1,53 @@
+# Every file of the library, by subsystem folder (see docs/ARCHITECTURE.md). A new file is added
+# here; nothing is globbed, so a stray file never slips into the installed library.
+set(VEXLO_SOURCES
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/common/IndexAllocator.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/common/L3Constants.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/mcast/VexloMcastDirs.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/monitoring/L3HardwareResource.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/monitoring/VexloCapacityTableMonitor.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/monitoring/VexloL3HitBit.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/state/L3FibAckTypes.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/state/L3RoutesDir.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/state/L3UtilsCommon.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3Stats.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamAccounting.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamDelete.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamInsert.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamIpv6.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamLayout.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamManager.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamMappingV4.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamMappingV6.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamReallocate.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamResync.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamShow.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamVerify.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/types/HBitmap.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/types/L3RouteTypes.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanDebug.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanTypes.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanUnderlayMulticastBaseSm.cpp)
+set(VEXLO_HEADERS
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/common/IndexAllocator.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/common/L3Constants.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/internal/FlatHashMap.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/mcast/VexloMcastDirs.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/monitoring/L3HardwareResource.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/monitoring/VexloCapacityTableMonitor.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/monitoring/VexloL3HitBit.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/state/L3FibAckTypes.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/state/L3RoutesDir.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/state/L3UtilsCommon.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3Stats.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamBlock.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamManager.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamMapping.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamTable.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamMappingImpl.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/types/HBitmap.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/types/L3RouteTypes.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanDebug.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanDefs.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanTypes.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanUnderlayMulticastBaseSm.h)

@@ -1,0 +1,368 @@
+// The software model of one longest-prefix-match TCAM.
+//
+// Synopsis
+//   L3TcamManagerContext::Config cfg;  cfg.tcamSize = 16384; ...      configuration (see below)
+//   auto ctx = l3TcamManagerContextFactory(cfg);
+//   ctx->handleInitialized(true);              mappings and block layout
+//   RouteReturnCode rc = ctx->addRoute4(key, false);   rc.routeId: TCAM index, 0 = no room
+//   ctx->deleteRoute4(key, /*merge*/ true, seq);
+//   ctx->verify();                             fatal on any inconsistency
+//
+// The first matching entry wins, so within the block of a route type every entry of a longer
+// prefix sits at a lower index than every entry of a shorter one. Each block keeps one index
+// range per prefix length. To place a route the context picks a target in its length's range,
+// finds the nearest free entry (toward the end of the block first), and moves one entry per
+// intervening prefix length so that the hole travels to the target. Every move and merge is
+// published through RouteMove / RouteMerge and acknowledged by the writer before the next one.
+//
+// Index conventions: index 0 is never a route's entry (0 means "none" in every result). A
+// double-size IPv6 route takes physical entries i and i + G (G = lpmPairGap): logical pair l
+// stands for physical entry l + floor(l / G) * G and its partner G further on. The v6Full block's
+// ranges, its bitmap and `bitmapPair` are in logical indices; the mappings and published moves use
+// physical first entries.
+//
+// Failures: a broken invariant is fatal (VEXLO_ASSERT); lack of space is soft (index 0, or
+// false, with a trace line) and leaves the model exactly as it was.
+//
+// Two plain configuration flags are read and not interpreted by the placement code:
+//   reAddAllowed  lets addRoute4 / addRoute6 accept a key that is already placed; the add then
+//                 changes nothing and reports where the key already is (an agent replaying its
+//                 routes after a restart gets the same answers again).
+//   softwareOnly  the model runs without a hardware writer: moves and merges are made and counted
+//                 but not published (every moveEntry / mergeEntries gets notify = !softwareOnly).
+//
+// Single event-loop thread: nothing here is locked.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "VexloL3Common/types/HBitmap.h"
+#include "VexloL3Common/types/L3RouteTypes.h"
+#include "VexloL3Common/tcam/L3Stats.h"
+#include "VexloL3Common/tcam/L3TcamBlock.h"
+#include "VexloL3Common/tcam/L3TcamMapping.h"
+#include "platform/Reactor.h"
+#include "platform/RoutingStatus.h"
+
+namespace VexloL3Common {
+
+// One entry of the hardware table as the hardware holds it: what a context is rebuilt from
+// after a restart. Only the field that belongs to `kind` is read. A double-size IPv6 route shows
+// as its first entry (v6Double) and its partner lpmPairGap further on (v6DoubleSecond, the same
+// key).
+struct TcamHardwareEntry {
+   enum class Kind : uint8_t { v4, v6Single, v6Double, v6DoubleSecond, mcast };
+   uint32_t pos = 0;
+   Kind kind = Kind::v4;
+   Ipv4Keys v4;  // a half holding a null prefix is empty
+   Ipv6UcastKey v6;
+   IpMcastPrefixKey mcast;
+};
+
+class L3TcamManagerContext {
+ public:
+   // Configuration, in the order of the positional constructor.
+   struct Config {
+      uint32_t tcamSize = 0;
+      uint32_t tcamMode = 1;  // 1..4; written in place by the facade
+      bool twoV4RoutesPerEntry = false;
+      bool supportsDefipPairing = false;
+      bool dynamicV4V6Boundary = false;
+      uint8_t numUcastDefipBlocks = 1;  // written in place; never 0
+      uint32_t pairGap = 0;             // 0: derive; written in place
+      Ulo::Ptr<const Ulo::RoutingStatus> globalRoutingStatus;
+      uint32_t requestedTableMode = 0;  // written in place
+      uint32_t currentTableMode = 0;
+      bool reAddAllowed = false;
+      VrfId fallbackVrfId = VrfId::invalidVrfId();
+      uint32_t platformType = 0;  // handed through for the platform
+      Ulo::Ptr<const Ulo::SegmentSecurityStatus> segmentSecurityStatus;
+      Ulo::Ptr<RouteMove> routeMove;
+      Ulo::Ptr<const RouteMove> routeMoveStatus;
+      Ulo::Ptr<RouteMerge> routeMerge;
+      Ulo::Ptr<const RouteMerge> routeMergeStatus;
+      uint32_t invalidEntryManagerType = 0;
+      bool v4Mcast = false;
+      bool softwareOnly = false;
+      bool v4V6InterleavingDisabled = true;
+   };
+
+   explicit L3TcamManagerContext(const Config& config);
+   L3TcamManagerContext(uint32_t tcamSize, uint32_t tcamMode, bool twoV4RoutesPerEntry,
+                        bool supportsDefipPairing, bool dynamicV4V6Boundary,
+                        uint8_t numUcastDefipBlocks, uint32_t pairGap,
+                        Ulo::Ptr<const Ulo::RoutingStatus> globalRoutingStatus,
+                        uint32_t requestedTableMode, uint32_t currentTableMode, bool reAddAllowed,
+                        VrfId fallbackVrfId, uint32_t platformType,
+                        Ulo::Ptr<const Ulo::SegmentSecurityStatus> segmentSecurityStatus,
+                        Ulo::Ptr<RouteMove> routeMove, Ulo::Ptr<const RouteMove> routeMoveStatus,
+                        Ulo::Ptr<RouteMerge> routeMerge,
+                        Ulo::Ptr<const RouteMerge> routeMergeStatus,
+                        uint32_t invalidEntryManagerType, bool v4Mcast, bool softwareOnly,
+                        bool v4V6InterleavingDisabled);
+   ~L3TcamManagerContext();
+   L3TcamManagerContext(const L3TcamManagerContext&) = delete;
+   L3TcamManagerContext& operator=(const L3TcamManagerContext&) = delete;
+
+   // ---- configuration
+   const Config& config() const { return config_; }
+   uint32_t tcamSize() const { return config_.tcamSize; }
+   uint32_t tcamMode() const { return config_.tcamMode; }
+   void tcamModeIs(uint32_t m) { config_.tcamMode = m; }
+   bool twoV4RoutesPerEntry() const { return config_.twoV4RoutesPerEntry; }
+   bool supportsDefipPairing() const { return config_.supportsDefipPairing; }
+   bool dynamicV4V6Boundary() const { return config_.dynamicV4V6Boundary; }
+   uint8_t numUcastDefipBlocks() const { return config_.numUcastDefipBlocks; }
+   void numUcastDefipBlocksIs(uint8_t n) { config_.numUcastDefipBlocks = n; }
+   uint32_t pairGap() const { return config_.pairGap; }
+   void pairGapIs(uint32_t g) { config_.pairGap = g; }
+   const Ulo::Ptr<const Ulo::RoutingStatus>& globalRoutingStatus() const {
+      return config_.globalRoutingStatus;
+   }
+   uint32_t requestedTableMode() const { return config_.requestedTableMode; }
+   void requestedTableModeIs(uint32_t m) { config_.requestedTableMode = m; }
+   uint32_t currentTableMode() const { return config_.currentTableMode; }
+   bool reAddAllowed() const { return config_.reAddAllowed; }
+   VrfId fallbackVrfId() const { return config_.fallbackVrfId; }
+   uint32_t platformType() const { return config_.platformType; }
+   const Ulo::Ptr<const Ulo::SegmentSecurityStatus>& segmentSecurityStatus() const {
+      return config_.segmentSecurityStatus;
+   }
+   const Ulo::Ptr<RouteMove>& routeMove() const { return config_.routeMove; }
+   const Ulo::Ptr<const RouteMove>& routeMoveStatus() const { return config_.routeMoveStatus; }
+   const Ulo::Ptr<RouteMerge>& routeMerge() const { return config_.routeMerge; }
+   const Ulo::Ptr<const RouteMerge>& routeMergeStatus() const { return config_.routeMergeStatus; }
+   uint32_t invalidEntryManagerType() const { return config_.invalidEntryManagerType; }
+   bool v4Mcast() const { return config_.v4Mcast; }
+   bool softwareOnly() const { return config_.softwareOnly; }
+   bool v4V6InterleavingDisabled() const { return config_.v4V6InterleavingDisabled; }
+
+   // ---- state
+   const Ulo::Ptr<LpmInvalidEntryManager>& invalidEntryManager() const {
+      return invalidEntryManager_;
+   }
+   void invalidEntryManagerIs(Ulo::Ptr<LpmInvalidEntryManager> m) {
+      invalidEntryManager_ = std::move(m);
+   }
+   // The block of a route type; null when absent.
+   const Ulo::Ptr<TcamBlock>& block(RouteType t) const { return blocks_[t]; }
+   void blockIs(RouteType t, Ulo::Ptr<TcamBlock> b) { blocks_[t] = std::move(b); }
+   const Ulo::Ptr<HBitmap>& bitmap() const { return bitmap_; }
+   void bitmapIs(uint32_t start, uint32_t size, bool initialBitState);
+   void bitmapDel() { bitmap_.reset(); }
+   const Ulo::Ptr<HBitmap>& bitmapPair() const { return bitmapPair_; }
+   void bitmapPairIs(uint32_t start, uint32_t size, bool initialBitState);
+   void bitmapPairDel() { bitmapPair_.reset(); }
+   uint32_t numReservedEntriesInBitmap() const { return numReservedEntriesInBitmap_; }
+   void numReservedEntriesInBitmapInc(uint32_t n) { numReservedEntriesInBitmap_ += n; }
+   uint32_t numReservedEntriesInBitmapPair() const { return numReservedEntriesInBitmapPair_; }
+   void numReservedEntriesInBitmapPairInc(uint32_t n) { numReservedEntriesInBitmapPair_ += n; }
+   uint32_t effectiveSize() const { return effectiveSize_; }
+   uint32_t v4V6Border() const { return v4V6Border_; }
+   uint32_t lpmPairGap() const { return lpmPairGap_; }
+   uint32_t swapArea() const { return swapArea_; }
+   bool useSwapArea() const { return useSwapArea_; }
+   bool swapAreaHalf() const { return swapAreaHalf_; }
+   // Free entries each region keeps in reserve so that moves can always be made. Set by the layout
+   // from the swap area (IPv4 and double-size IPv6 get swapArea, single-size IPv6 gets it when
+   // swapAreaHalf is set, multicast none); a platform may adjust them after initialisation.
+   uint32_t swapAreaSize(RouteType t) const { return swapAreaSize_[t]; }
+   void swapAreaSizeIs(RouteType t, uint32_t n) {
+      if (t == RouteType::v4 && n > swapAreaSize_[t]) swapReserveKept_ = false;
+      swapAreaSize_[t] = n;
+   }
+   // Every placement so far kept out of the swap reserve (no caller passed useSwapArea, and the
+   // IPv4 reserve was never raised above what the layout could keep free).
+   bool swapReserveKept() const { return swapReserveKept_; }
+   bool initialized() const { return initialized_; }
+   bool urpfEnabled() const { return urpfEnabled_; }
+   bool layoutDone() const { return layoutDone_; }
+   const Ulo::Ptr<TcamStats>& stats() const { return stats_; }
+   // The statistics, under the name the mappings use.
+   const Ulo::Ptr<TcamStats>& tcamStats() const { return stats_; }
+   const Ulo::Ptr<MappingV4Base>& v4() const { return v4_; }
+   const Ulo::Ptr<MappingV6Base>& v6() const { return v6_; }
+   const Ulo::Ptr<MappingMcastV4>& mcastV4() const { return mcastV4_; }
+
+   // ---- initialisation and layout
+   void handleInitialized(bool initialized);
+   // Lays the unicast blocks out; true when the swap area was enabled. A layout that cannot be
+   // served consistently raises std::range_error and changes nothing: an IPv6 region beyond the
+   // table; with pairing and a fixed border, uRPF or a fallback VRF, an IPv6 border below the
+   // pairing border, or a pairing border that is not a whole number of double banks (the last
+   // pair's partner would stand among the IPv4 entries).
+   bool doCreateBlocks(bool urpf);
+   void doCreateMulticastBlocks();
+
+   // ---- accounting
+   uint32_t entries(RouteType t) const;
+   uint32_t entriesFree(RouteType t) const;
+   bool swapRegionFull(RouteType t) const;
+   RouteType v6RouteTypeFromPos(uint32_t pos) const;
+   RouteType v6RouteTypeFromKey(const Ipv6UcastKey& key) const;
+   // Marks `used` as taken and `freed` as free for the route type (0: none). For v6Full both are
+   // logical pair indices and both physical entries of the pair change.
+   void updateBitmaps(RouteType t, uint32_t used, uint32_t freed);
+   // Rebuilds the IPv4 mapping's half-full tracking from its entries.
+   void buildHalfFullCache();
+
+   // ---- pair indices
+   uint32_t pairToPhysical(uint32_t logical) const;
+   uint32_t physicalToPair(uint32_t physical) const;
+   // A physical bound of the v6Full block in logical pair indices.
+   uint32_t physicalBoundToPair(uint32_t bound) const;
+
+   // ---- insertion
+   uint32_t addRoute(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
+                     const IpMcastPrefixKey& keyMcast, bool useSwapArea);
+   uint32_t shiftDownAndInsert(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
+                               const IpMcastPrefixKey& keyMcast, uint32_t freeEntry);
+   uint32_t shiftUpAndInsert(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
+                             const IpMcastPrefixKey& keyMcast, uint32_t freeEntry);
+   RouteReturnCode addRoute4(const Ipv4UcastKey& key, bool useSwapArea);
+   RouteReturnCode addMroute4(const IpMcastPrefixKey& key, bool useSwapArea);
+
+   // ---- IPv6 insertion and conversion between entry sizes (see L3TcamIpv6.cpp)
+   RouteReturnCode addRoute6(const Ipv6UcastKey& key, bool useSwapArea);
+   // One pass of the conversion ladder, without growing the IPv6 partition.
+   RouteReturnCode addRoute6Internal(const Ipv6UcastKey& key, bool useSwapArea);
+   // Moves one IPv4 entry across the IPv6 border (toHalf: from below it to above it); the index
+   // that was freed, or 0 when nothing was converted.
+   uint32_t convertV4Entry(bool toHalf);
+   // Moves one IPv6 route of prefixLen into the block of routeType from the other IPv6 block;
+   // the freed index of the source block, or 0. prefixLen must be the longest single-size length
+   // (to double size) or the shortest double-size one (to single size): double-size entries are
+   // searched first, so no double-size route may be shorter than a single-size one.
+   uint32_t convertV6Entry(RouteType routeType, uint32_t prefixLen, bool useSwapArea);
+   // Converts every single-size route of prefixLen in range to double size (prefixLen as above);
+   // false when the double-size block filled up first.
+   bool convertV6Range(uint32_t prefixLen, const IndexRange& range, bool useSwapArea);
+   // Frees the pair partner of the free entry entryId, which holds an IPv4 entry, so that the
+   // whole pair is free.
+   void freeV6PairEntry(uint32_t entryId, bool useSwapArea);
+
+   // ---- partition reallocation (see L3TcamReallocate.cpp for the design)
+   bool reallocate(uint32_t newBorder, bool useSwapArea);
+   // How far one reallocation asked for by a full partition moves the border.
+   uint32_t reallocationStep() const;
+   // The layout's IPv4/IPv6 border moves at run time (pairing, dynamic border, separate regions).
+   bool borderMoves() const;
+
+   // ---- uRPF: lays an empty unicast table out again; false (nothing changed) while routes are
+   // installed.
+   bool handleUrpf(bool enabled);
+
+   // ---- deletion and merging
+   void deleteRoute(RouteType t, uint32_t pos, uint32_t len);
+   RouteReturnCode deleteRoute4(const Ipv4UcastKey& key, bool merge, uint64_t sequence,
+                                std::optional<uint32_t> pos = std::nullopt,
+                                std::optional<bool> right = std::nullopt);
+   RouteReturnCode deleteRoute6(const Ipv6UcastKey& key,
+                                std::optional<uint32_t> pos = std::nullopt);
+   RouteReturnCode deleteMroute4(const IpMcastPrefixKey& key);
+   void mergeRoute4(const Ipv4UcastKey& key, uint32_t pos, uint32_t halfFullPos, uint64_t sequence);
+
+   // ---- lookups the manager forwards
+   Ipv4UcastKey pairedKey(const Ipv4UcastKey& key, uint32_t pos, uint32_t otherPos) const;
+   bool rightKey(const Ipv4UcastKey& key, uint32_t pos) const;
+   // The entry of an IPv4 route, 0 when it is not installed.
+   uint32_t getKeyV4ToEntryId(const Ipv4UcastKey& key) const;
+
+   // ---- verification: fatal on the first inconsistency found
+   void verify() const;
+   // Checks one IPv4 route's placement (mapping both ways, occupancy, its length's range, the
+   // half-full tracking) and returns its entry; 0 when the route is not installed.
+   uint32_t verifyRoute4(const Ipv4UcastKey& key) const;
+
+   // ---- show output, written to the caller's file descriptor
+   void showSoftwareTcamTableSummary(int fd) const;
+   void showSoftwareTcamTableIndexRange(int fd) const;
+   void showSoftwareTcamTable(int fd, bool detail) const;
+
+   // ---- resynchronisation from hardware (see L3TcamResync.cpp)
+   RouteReturnCode addRoute4AtIndex(const Ipv4UcastKey& key, uint32_t index, bool right);
+   RouteReturnCode addRoute6AtIndex(const Ipv6UcastKey& key, uint32_t index);
+   RouteReturnCode addMroute4AtIndex(const IpMcastPrefixKey& key, uint32_t index);
+   // Rebuilds an initialised, empty context from the hardware image without publishing
+   // anything. v4V6Border: the border in force before the restart on a layout whose border
+   // moves (the smallest border that fits the image when absent). Contents that cannot be a
+   // valid model raise std::range_error naming the entry, and leave the context unchanged.
+   void rebuildFromHardware(const std::vector<TcamHardwareEntry>& image,
+                            std::optional<uint32_t> v4V6Border = std::nullopt);
+
+ private:
+   void createMappings();
+   bool notifyMoves() const { return !config_.softwareOnly; }
+   uint32_t prefixLength(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
+                         const IpMcastPrefixKey& keyMcast) const;
+   void moveEntry(RouteType t, uint32_t len, uint32_t newPos, uint32_t oldPos);
+   uint32_t placeNewRoute(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
+                          const IpMcastPrefixKey& keyMcast, uint32_t len, const IndexRange& ir,
+                          uint32_t freeEntry);
+   uint32_t recordNewRoute(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
+                           const IpMcastPrefixKey& keyMcast, uint32_t freeEntry);
+   // The bitmap in which insertion looks for free entries of a type.
+   HBitmap& freeMap(RouteType t) const { return t == RouteType::v6Full ? *bitmapPair_ : *bitmap_; }
+   void verifyBlock(RouteType t) const;
+   // Sets the IPv4/IPv6 border of a layout whose border moves: the IPv4 and v6Full block bounds,
+   // v4V6Border and the IPv6 mapping's border, together. Moves nothing.
+   void borderIs(uint32_t border);
+   // Opens a hole for a route of length len from the free entry freeEntry (logical for v6Full),
+   // shifting one entry per intervening length; returns the hole and sets `ir` to len's range
+   // with the hole included. Bitmaps are not updated for the hole itself.
+   uint32_t openHoleDown(RouteType t, uint32_t len, uint32_t freeEntry, IndexRange& ir);
+   uint32_t openHoleUp(RouteType t, uint32_t len, uint32_t freeEntry, IndexRange& ir);
+   // Both shifts: open the hole toward the end of the block (down) or its start, then place.
+   uint32_t shiftAndInsert(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
+                           const IpMcastPrefixKey& keyMcast, uint32_t freeEntry, bool down);
+   // Moves the entry at oldPos (logical for v6Full) of length len, which stays in its block, to a
+   // new place in its length's order reached from freeEntry; the new position.
+   uint32_t relocateEntry(RouteType t, uint32_t len, uint32_t oldPos, uint32_t freeEntry);
+   // Takes oldPos out of len's range after its entry left (the range is kept when other entries
+   // of len remain, shrunk to used entries at its ends).
+   void shrinkRange(RouteType t, uint32_t len, uint32_t oldPos);
+   // Sets or clears the pair bit of a physical entry of the double-size region from the
+   // occupancy of the pair's two entries.
+   void markPair(uint32_t physical);
+   // Pair 0 and the pairs the invalid-entry manager set aside.
+   bool pairReserved(uint32_t pair) const;
+   // Placements that bypass insertion (at a known index, or rebuilt from the hardware) take
+   // whatever entries they are given, so the IPv4 reserve is kept only while it is still free.
+   void recheckSwapReserve();
+
+   Config config_;
+   Ulo::Ptr<LpmInvalidEntryManager> invalidEntryManager_;
+   RouteTypeArray<Ulo::Ptr<TcamBlock>> blocks_;
+   Ulo::Ptr<HBitmap> bitmap_;
+   Ulo::Ptr<HBitmap> bitmapPair_;
+   uint32_t bitmapStart_ = 0;
+   uint32_t bitmapPairStart_ = 0;
+   uint32_t numReservedEntriesInBitmap_ = 0;
+   uint32_t numReservedEntriesInBitmapPair_ = 0;
+   uint32_t effectiveSize_ = 0;
+   uint32_t v4V6Border_ = 0;
+   uint32_t lpmPairGap_ = 0;
+   uint32_t swapArea_ = 0;
+   RouteTypeArray<uint32_t> swapAreaSize_;
+   bool useSwapArea_ = false;
+   bool swapAreaHalf_ = false;
+   bool initialized_ = false;
+   bool urpfEnabled_ = false;
+   bool layoutDone_ = false;
+   // False once a caller let placements take the swap reserve (or the reserve never fitted):
+   // verify() then no longer expects it kept.
+   bool swapReserveKept_ = true;
+   Ulo::Ptr<TcamStats> stats_;
+   Ulo::Ptr<MappingV4Base> v4_;
+   Ulo::Ptr<MappingV6Base> v6_;
+   Ulo::Ptr<MappingMcastV4> mcastV4_;
+};
+
+Ulo::Ptr<L3TcamManagerContext> l3TcamManagerContextFactory(
+    const L3TcamManagerContext::Config& config);
+
+}  // namespace VexloL3Common
