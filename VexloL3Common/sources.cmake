@@ -17,10 +17,15 @@ set(VEXLO_SOURCES
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamIpv6.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamLayout.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamManager.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamMappingMcast.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamMappingV4.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamMappingV4Moves.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamMappingV6.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamPublisher.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamReallocate.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamRegion.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamResync.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamShift.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamShow.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamVerify.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/types/HBitmap.cpp
@@ -43,8 +48,12 @@ set(VEXLO_HEADERS
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamBlock.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamManager.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamMapping.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamPublisher.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamRegion.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamRoute.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamTable.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamMappingImpl.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamShift.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/types/HBitmap.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/types/L3RouteTypes.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanDebug.h

@@ -83,8 +83,8 @@
 #include <string_view>
 #include <vector>
 
+#include "VexloL3Common/tcam/L3TcamPublisher.h"
 #include "VexloL3Common/types/L3RouteTypes.h"
-#include "VexloL3Common/tcam/L3Stats.h"
 #include "platform/NetTypes.h"
 #include "platform/Reactor.h"
 

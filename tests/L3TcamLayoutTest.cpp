@@ -67,8 +67,9 @@ Config pairing(uint32_t mode, uint8_t blocks) {
    return c;
 }
 
-template <class V>
-Config with(Config c, V Config::*field, V value) {
+// A field of either part of the configuration.
+template <class Part, class V>
+Config with(Config c, V Part::*field, V value) {
    c.*field = value;
    return c;
 }

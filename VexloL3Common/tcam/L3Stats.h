@@ -1,18 +1,12 @@
-// Move and merge records exchanged with the hardware writer, and TCAM statistics.
+// TCAM statistics.
 //
 // Synopsis
-//   RoutePosition{count, oldRouteId, newRouteId, v4, type}      payload of a move
-//   RouteMergeInfo{count, srcRouteId, srcRouteType, dstRouteId, dstRouteType}   payload of a merge
-//   RouteMove::posIs(p) / RouteMerge::mergeIs(m)                publish; the writer reacts inside
-//   TcamStats                                                   moves, merges, reallocations,
-//   lengths ArmStats                                                    updates that needed no
-//   hardware write
+//   TcamStats        moves, merges, conversions and reallocations per route type; routes per
+//                    prefix length
+//   ArmStats         updates that needed no hardware write
+//   RouteTypeArray   a fixed array with one slot per route type
 //
-// The model changes the hardware only through these records. The writer subscribes to a record
-// (`changed()`), carries out each value it is handed and copies it into the status twin it owns;
-// it must do so before the publication returns, which the model asserts right after publishing.
-// Every write notifies, even an equal value: a suppressed notification would be a move the
-// hardware never made. Publication allocates nothing.
+// The move and merge records that the statistics count are in L3TcamPublisher.h.
 //
 // Single event-loop thread: nothing here is locked.
 #pragma once
@@ -27,68 +21,6 @@
 #include "platform/Reactor.h"
 
 namespace VexloL3Common {
-
-struct RoutePosition {
-   uint64_t count = 0;  // running move count of the route type after this move
-   uint32_t oldRouteId = 0;
-   uint32_t newRouteId = 0;
-   bool v4 = false;
-   EntryType type = EntryType::none;
-
-   bool operator==(const RoutePosition&) const = default;
-   std::string toString() const;
-};
-
-struct RouteMergeInfo {
-   uint64_t count = 0;  // running merge count after this merge
-   uint32_t srcRouteId = 0;
-   EntryType srcRouteType = EntryType::none;
-   uint32_t dstRouteId = 0;
-   EntryType dstRouteType = EntryType::none;
-
-   bool operator==(const RouteMergeInfo&) const = default;
-   std::string toString() const;
-};
-
-class RouteMove {
- public:
-   const RoutePosition& pos() const { return pos_; }
-   void posIs(const RoutePosition& p) {
-      pos_ = p;
-      changed_.notify(pos_);
-   }
-   Ulo::Notifier<RoutePosition>& changed() { return changed_; }
-
- private:
-   RoutePosition pos_;
-   Ulo::Notifier<RoutePosition> changed_;
-};
-
-// Publishes a move and checks that the writer acknowledged it inside the publication: the status
-// twin must already hold the value. `text` is the publisher's assertion text.
-void publishMove(RouteMove& move, const RouteMove& status, const RoutePosition& p,
-                 const char* text = "routeMove()->pos() == routeMoveStatus()->pos()");
-
-class RouteMerge {
- public:
-   const RouteMergeInfo& merge() const { return merge_; }
-   void mergeIs(const RouteMergeInfo& m) {
-      merge_ = m;
-      changed_.notify(merge_);
-   }
-   Ulo::Notifier<RouteMergeInfo>& changed() { return changed_; }
-
- private:
-   RouteMergeInfo merge_;
-   Ulo::Notifier<RouteMergeInfo> changed_;
-};
-
-inline Ulo::Ptr<RouteMove> routeMoveFactory() {
-   return std::make_shared<RouteMove>();
-}
-inline Ulo::Ptr<RouteMerge> routeMergeFactory() {
-   return std::make_shared<RouteMerge>();
-}
 
 [[noreturn]] void throwRouteTypeIndexError(unsigned index, unsigned size);
 
@@ -214,10 +146,3 @@ class ArmStats {
 };
 
 }  // namespace VexloL3Common
-
-template <>
-struct fmt::formatter<VexloL3Common::RoutePosition>
-    : Ulo::ToStringFormatter<VexloL3Common::RoutePosition> {};
-template <>
-struct fmt::formatter<VexloL3Common::RouteMergeInfo>
-    : Ulo::ToStringFormatter<VexloL3Common::RouteMergeInfo> {};

@@ -16,9 +16,9 @@ uint32_t L3TcamManagerContext::entries(RouteType t) const {
 
 uint32_t L3TcamManagerContext::entriesFree(RouteType t) const {
    const Ulo::Ptr<TcamBlock>& blk = block(t);
-   if (!blk || !bitmap_) return 0;
+   if (!blk || !occupancy_.entries()) return 0;
    const int64_t size = int64_t(blk->end()) - int64_t(blk->start()) + 1;
-   const int64_t free = size - int64_t(bitmap_->count(blk->start(), blk->end()));
+   const int64_t free = size - int64_t(occupancy_.entries()->count(blk->start(), blk->end()));
    VEXLO_ASSERT_MSG(free >= 0, "free >= 0", "type: ", t, ", free: ", free);
    return uint32_t(free);
 }
@@ -73,62 +73,7 @@ RouteType L3TcamManagerContext::v6RouteTypeFromKey(const Ipv6UcastKey& key) cons
 }
 
 void L3TcamManagerContext::updateBitmaps(RouteType t, uint32_t used, uint32_t freed) {
-   HBitmap& blockMap = *block(t)->bitmap();
-   if (t == RouteType::v6Full) {
-      const uint32_t g = lpmPairGap_;
-      if (used) {
-         const uint32_t p = pairToPhysical(used);
-         bitmapPair_->setBit(used);
-         blockMap.setBit(used);
-         bitmap_->setBit(p);
-         bitmap_->setBit(p + g);
-      }
-      if (freed) {
-         const uint32_t p = pairToPhysical(freed);
-         bitmapPair_->clearBit(freed);
-         blockMap.clearBit(freed);
-         bitmap_->clearBit(p);
-         bitmap_->clearBit(p + g);
-      }
-      return;
-   }
-   if (used) {
-      bitmap_->setBit(used);
-      blockMap.setBit(used);
-   }
-   if (freed) {
-      bitmap_->clearBit(freed);
-      blockMap.clearBit(freed);
-   }
-   // Where single entries share the double-size region, a pair is taken as soon as either of
-   // its two entries is, so that the pair search never hands out a half-occupied pair.
-   if (supportsDefipPairing()) {
-      const TcamBlock* full = blocks_[RouteType::v6Full].get();
-      if (full && full->isValid()) {
-         if (used && used >= full->start() && used <= full->end()) markPair(used);
-         if (freed && freed >= full->start() && freed <= full->end()) markPair(freed);
-      }
-   }
-}
-
-void L3TcamManagerContext::markPair(uint32_t physical) {
-   const uint32_t g = lpmPairGap_;
-   const uint32_t pair = physicalToPair(physical);
-   const uint32_t first = pairToPhysical(pair);
-   if (bitmap_->isBitSet(first) || bitmap_->isBitSet(first + g)) {
-      bitmapPair_->setBit(pair);
-      return;
-   }
-   // Reserved and invalid pairs stay taken whatever their entries hold.
-   if (!pairReserved(pair)) bitmapPair_->clearBit(pair);
-}
-
-bool L3TcamManagerContext::pairReserved(uint32_t pair) const {
-   if (pair == 0) return true;
-   for (const InvalidEntryRange& r : invalidEntryManager_->invalidEntryRangePair()) {
-      if (r.start <= pair && pair <= r.end) return true;
-   }
-   return false;
+   occupancy_.update(t, *block(t)->bitmap(), used, freed);
 }
 
 void L3TcamManagerContext::buildHalfFullCache() {

@@ -8,7 +8,6 @@ namespace VexloL3Common {
 namespace {
 
 Ulo::TraceHandle th("VexloL3CommonTcamTable");
-constexpr uint32_t npos = HBitmap::npos;
 
 // What the delete traces print for an argument the caller left out.
 struct Given {
@@ -57,10 +56,8 @@ void L3TcamManagerContext::deleteRoute(RouteType t, uint32_t pos, uint32_t len) 
          VEXLO_UNREACHABLE("Invalid route type");
    }
    TRACE(th, level, "deleteRoute", ", pos: ", pos, ", len: ", len, " type: ", t);
-   if (t == RouteType::v6Full) pos = physicalToPair(pos);
-   // The entry is still marked used: the range shrinks to the next used entries beside it.
-   shrinkRange(t, len, pos);
-   updateBitmaps(t, 0, pos);
+   TcamRegion& region = regions_[t];
+   region.release(len, region.slot(pos));
 }
 
 RouteReturnCode L3TcamManagerContext::deleteRoute4(const Ipv4UcastKey& key, bool merge,
@@ -103,24 +100,7 @@ void L3TcamManagerContext::mergeRoute4(const Ipv4UcastKey& key, uint32_t pos, ui
    TRACE(th, 2, "mergeRoute4", ", key: ", key.prefix, " (vrf ", key.vrfId, ")", ", pos: ", pos,
          ", halfFullPos: ", halfFullPos, ", sequence: ", sequence);
    VEXLO_ASSERT(halfFullPos != pos, "halfFullPos != pos");
-   const uint32_t len = key.len();
-   v4_->mergeEntries(len, halfFullPos, pos, notifyMoves(), key.vrfId, sequence);
-   updateBitmaps(RouteType::v4, halfFullPos, pos);
-   TcamBlock& blk = *block(RouteType::v4);
-   const HBitmap& used = *blk.bitmap();
-   IndexRange ir = blk.lengthRange(len);
-   if (pos == ir.start()) {
-      const uint32_t newStart = used.findFirstSet(pos + 1, ir.end());
-      VEXLO_ASSERT_MSG(newStart != npos, "newStart", " ir: ", ir);
-      ir.startIs(newStart);
-      blk.lengthRangeIs(len, ir);
-   } else if (pos == ir.end()) {
-      const uint32_t newEnd = used.findLastSet(ir.start(), pos - 1);
-      VEXLO_ASSERT_MSG(newEnd != npos, "newEnd", " ir: ", ir);
-      ir.endIs(newEnd);
-      blk.lengthRangeIs(len, ir);
-   }
-   TRACE(th, 7, "Table range for prefix length ", len, " updated: ", ir.start(), "/", ir.end());
+   regions_[RouteType::v4].merge(key.len(), halfFullPos, pos, key.vrfId, sequence);
 }
 
 RouteReturnCode L3TcamManagerContext::deleteRoute6(const Ipv6UcastKey& key,

@@ -11,6 +11,7 @@
 // that changes size is written in the size of the region it lands in. A rung that has nothing to
 // move or nowhere to put it fails softly and leaves the model unchanged.
 #include "VexloL3Common/tcam/L3TcamTable.h"
+#include "VexloL3Common/tcam/internal/L3TcamShift.h"
 #include "platform/Assert.h"
 #include "platform/Trace.h"
 
@@ -77,7 +78,7 @@ RouteReturnCode L3TcamManagerContext::addRoute6Internal(const Ipv6UcastKey& key,
       return rc;
    };
    const auto addHalf = [&] {
-      return addRoute(RouteType::v6Half, Ipv4UcastKey(), key, IpMcastPrefixKey(), useSwapArea);
+      return addRoute(TcamRoute::v6(key, RouteType::v6Half), useSwapArea);
    };
 
    bool doubleSize = false;  // skip to the double-size placement for the new route
@@ -119,8 +120,7 @@ RouteReturnCode L3TcamManagerContext::addRoute6Internal(const Ipv6UcastKey& key,
    if (!doubleSize) {
       VEXLO_ASSERT_MSG(supportsDefipPairing(), "supportsDefipPairing()",
                        "DefipPairing not supported");
-      if (const uint32_t entry =
-              addRoute(RouteType::v6Full, Ipv4UcastKey(), key, IpMcastPrefixKey(), useSwapArea)) {
+      if (const uint32_t entry = addRoute(TcamRoute::v6(key, RouteType::v6Full), useSwapArea)) {
          return placed(entry);
       }
       if (fullMin == -1 || fullMin > 64) {
@@ -140,8 +140,7 @@ RouteReturnCode L3TcamManagerContext::addRoute6Internal(const Ipv6UcastKey& key,
       }
       TRACE(th, 3, "Now try inserting the new entry in the full size block");
    }
-   const uint32_t entry =
-       addRoute(RouteType::v6Full, Ipv4UcastKey(), key, IpMcastPrefixKey(), useSwapArea);
+   const uint32_t entry = addRoute(TcamRoute::v6(key, RouteType::v6Full), useSwapArea);
    TRACE(th, 7, "EntryId: ", entry);
    return placed(entry);
 }
@@ -160,11 +159,11 @@ uint32_t L3TcamManagerContext::convertV4Entry(bool toHalf) {
    if (toHalf) {
       TRACE(th, 2, "convertV4Entry", ", source: /128 block, destination: /64 block");
       if (hasBelow) source = used4.findLastSet(blk.start(), belowLast);
-      if (hasAbove) destination = bitmap_->findFirstClear(aboveFirst, blk.end());
+      if (hasAbove) destination = occupancy_.entries()->findFirstClear(aboveFirst, blk.end());
    } else {
       TRACE(th, 2, "convertV4Entry", ", source: /64 block, destination: /128 block");
       if (hasAbove) source = used4.findFirstSet(aboveFirst, blk.end());
-      if (hasBelow) destination = bitmap_->findLastClear(blk.start(), belowLast);
+      if (hasBelow) destination = occupancy_.entries()->findLastClear(blk.start(), belowLast);
    }
    if (source == npos) {
       TRACE(th, 2, "No IPv4 entries in the source partition, conversion failed");
@@ -175,12 +174,10 @@ uint32_t L3TcamManagerContext::convertV4Entry(bool toHalf) {
       return 0;
    }
    TRACE(th, 2, "Space found. Old entry: ", source, ", new entry: ", destination);
-   const Ipv4Keys k = v4_->keys(source);
-   const bool nullRight = k.right.isNull(), nullLeft = k.left.isNull();
-   VEXLO_ASSERT_MSG(!nullRight || !nullLeft, "!nullRight || !nullLeft", "entry ", source);
-   const uint32_t len = nullRight ? k.left.len() : k.right.len();
+   TcamRegion& v4Region = regions_[RouteType::v4];
+   const uint32_t len = v4Region.mapping().routeAt(source).len();
    // The whole entry (both halves) travels; the move is published and counted as one.
-   relocateEntry(RouteType::v4, len, source, destination);
+   internal::relocateEntry(v4Region, len, source, destination);
    stats_->conversionInc(RouteType::v4);
    return source;
 }
@@ -212,17 +209,11 @@ uint32_t L3TcamManagerContext::convertV6Entry(RouteType routeType, uint32_t pref
    const Ipv6UcastKey key = v6_->getEntryKey(oldPos);
    TRACE(th, 3, "IndexRange: ", ir, ", old entry: ", oldPos, ", key: ", key.prefix, " (vrf ",
          key.vrfId, ")");
-   const uint32_t newPos =
-       addRoute(routeType, Ipv4UcastKey(), key, IpMcastPrefixKey(), useSwapArea);
+   const uint32_t newPos = addRoute(TcamRoute::v6(key, routeType), useSwapArea);
    if (newPos == 0) return 0;
    // The route changes size: published as a move from its old entry, counted under its old size.
-   stats_->moveRouteInc(sourceType, 1);
+   publisher_->move(sourceType, oldPos, newPos, EntryType::v6, notifyMoves());
    stats_->conversionInc(sourceType);
-   if (notifyMoves()) {
-      publishMove(
-          *routeMove(), *routeMoveStatus(),
-          RoutePosition{stats_->moveRoute(sourceType), oldPos, newPos, false, EntryType::v6});
-   }
    v6_->clearEntryId(key, oldPos);
    deleteRoute(sourceType, oldPos, prefixLen);
    return oldPos;
@@ -246,34 +237,34 @@ bool L3TcamManagerContext::convertV6Range(uint32_t prefixLen, const IndexRange& 
 // The IPv4 entry moves within its own block and takes no entry from any reserve, so the swap-area
 // flag has nothing to decide here.
 void L3TcamManagerContext::freeV6PairEntry(uint32_t entryId, bool /*useSwapArea*/) {
-   const uint32_t g = lpmPairGap_;
+   const uint32_t g = occupancy_.gap();
    const uint32_t pairedEntry = (entryId / g) % 2 ? entryId - g : entryId + g;
-   VEXLO_ASSERT_MSG(!bitmap_->isBitSet(entryId), "!bitmap()->isBitSet( entryId )",
+   VEXLO_ASSERT_MSG(!occupancy_.entries()->isBitSet(entryId), "!bitmap()->isBitSet( entryId )",
                     "entryId: ", entryId);
-   VEXLO_ASSERT_MSG(bitmap_->isBitSet(pairedEntry), "bitmap()->isBitSet( pairedEntry )",
-                    "pairedEntry: ", pairedEntry);
+   VEXLO_ASSERT_MSG(occupancy_.entries()->isBitSet(pairedEntry),
+                    "bitmap()->isBitSet( pairedEntry )", "pairedEntry: ", pairedEntry);
    TRACE(th, 3, "freeV6PairEntry", ", entryId: ", entryId, ", paired: ", pairedEntry);
-   const Ipv4Keys k = v4_->keys(pairedEntry);
-   const bool nullRight = k.right.isNull(), nullLeft = k.left.isNull();
-   VEXLO_ASSERT_MSG(!nullRight || !nullLeft, "!nullRight || !nullLeft",
-                    "pairedEntry: ", pairedEntry);
-   const uint32_t len = nullRight ? k.left.len() : k.right.len();
+   TcamRegion& v4Region = regions_[RouteType::v4];
+   const uint32_t len = v4Region.mapping().routeAt(pairedEntry).len();
    // A free entry for the IPv4 entry: above the double-size region if there is one, else
    // anywhere in the IPv4 block but the entry whose pair is being freed.
    const TcamBlock& blk = *block(RouteType::v4);
    const uint32_t b = v6_->tcamBorder();
    uint32_t freeEntry = npos;
-   if (b <= blk.end()) freeEntry = bitmap_->findFirstClear(std::max(b, blk.start()), blk.end());
+   if (b <= blk.end())
+      freeEntry = occupancy_.entries()->findFirstClear(std::max(b, blk.start()), blk.end());
    if (freeEntry == npos) {
-      freeEntry = bitmap_->findFirstClear(blk.start(), blk.end());
+      freeEntry = occupancy_.entries()->findFirstClear(blk.start(), blk.end());
       if (freeEntry == entryId) {
-         freeEntry = entryId < blk.end() ? bitmap_->findFirstClear(entryId + 1, blk.end()) : npos;
+         freeEntry = entryId < blk.end()
+                         ? occupancy_.entries()->findFirstClear(entryId + 1, blk.end())
+                         : npos;
       }
    }
    VEXLO_ASSERT_MSG(freeEntry != npos, "freeEntry != npos", "no entry for the IPv4 entry at ",
                     pairedEntry);
    const bool tracked = v4_->halfFull(len) == pairedEntry;
-   const uint32_t newPos = relocateEntry(RouteType::v4, len, pairedEntry, freeEntry);
+   const uint32_t newPos = internal::relocateEntry(v4Region, len, pairedEntry, freeEntry);
    // A tracked half-full entry is still tracked where it went.
    VEXLO_ASSERT_MSG(!tracked || v4_->halfFull(len) == newPos, "v4()->halfFull( len ) == newPos",
                     "len: ", len, ", newPos: ", newPos);

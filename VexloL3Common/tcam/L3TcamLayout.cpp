@@ -82,6 +82,10 @@ L3TcamManagerContext::L3TcamManagerContext(const Config& config) : config_(confi
    if (!config_.v4Mcast && config_.numUcastDefipBlocks == 0) {
       throw std::range_error("numUcastDefipBlocks must not be 0");
    }
+   occupancy_.bind(config_.supportsDefipPairing, &regions_[RouteType::v6Full].blockPtr(),
+                   &invalidEntryManager_);
+   for (RouteType t : allRouteTypes)
+      regions_[t].init(t, &occupancy_);
 }
 
 L3TcamManagerContext::L3TcamManagerContext(
@@ -93,63 +97,68 @@ L3TcamManagerContext::L3TcamManagerContext(
     Ulo::Ptr<const RouteMove> routeMoveStatus, Ulo::Ptr<RouteMerge> routeMerge,
     Ulo::Ptr<const RouteMerge> routeMergeStatus, uint32_t invalidEntryManagerType, bool v4Mcast,
     bool softwareOnly, bool v4V6InterleavingDisabled)
-    : L3TcamManagerContext(Config{tcamSize,
-                                  tcamMode,
-                                  twoV4RoutesPerEntry,
-                                  supportsDefipPairing,
-                                  dynamicV4V6Boundary,
-                                  numUcastDefipBlocks,
-                                  pairGap,
-                                  std::move(globalRoutingStatus),
-                                  requestedTableMode,
-                                  currentTableMode,
-                                  reAddAllowed,
-                                  fallbackVrfId,
-                                  platformType,
-                                  std::move(segmentSecurityStatus),
-                                  std::move(routeMove),
-                                  std::move(routeMoveStatus),
-                                  std::move(routeMerge),
-                                  std::move(routeMergeStatus),
-                                  invalidEntryManagerType,
-                                  v4Mcast,
-                                  softwareOnly,
-                                  v4V6InterleavingDisabled}) {}
+    : L3TcamManagerContext(
+          Config(tcamSize, tcamMode, twoV4RoutesPerEntry, supportsDefipPairing, dynamicV4V6Boundary,
+                 numUcastDefipBlocks, pairGap, std::move(globalRoutingStatus), requestedTableMode,
+                 currentTableMode, reAddAllowed, fallbackVrfId, platformType,
+                 std::move(segmentSecurityStatus), std::move(routeMove), std::move(routeMoveStatus),
+                 std::move(routeMerge), std::move(routeMergeStatus), invalidEntryManagerType,
+                 v4Mcast, softwareOnly, v4V6InterleavingDisabled)) {}
 
 L3TcamManagerContext::~L3TcamManagerContext() = default;
+
+L3TcamManagerContext::Config::Config(
+    uint32_t tcamSize_, uint32_t tcamMode_, bool twoV4RoutesPerEntry_, bool supportsDefipPairing_,
+    bool dynamicV4V6Boundary_, uint8_t numUcastDefipBlocks_, uint32_t pairGap_,
+    Ulo::Ptr<const Ulo::RoutingStatus> globalRoutingStatus_, uint32_t requestedTableMode_,
+    uint32_t currentTableMode_, bool reAddAllowed_, VrfId fallbackVrfId_, uint32_t platformType_,
+    Ulo::Ptr<const Ulo::SegmentSecurityStatus> segmentSecurityStatus_,
+    Ulo::Ptr<RouteMove> routeMove_, Ulo::Ptr<const RouteMove> routeMoveStatus_,
+    Ulo::Ptr<RouteMerge> routeMerge_, Ulo::Ptr<const RouteMerge> routeMergeStatus_,
+    uint32_t invalidEntryManagerType_, bool v4Mcast_, bool softwareOnly_,
+    bool v4V6InterleavingDisabled_)
+    : L3TcamFixedConfig{tcamSize_,
+                        twoV4RoutesPerEntry_,
+                        supportsDefipPairing_,
+                        dynamicV4V6Boundary_,
+                        std::move(globalRoutingStatus_),
+                        currentTableMode_,
+                        reAddAllowed_,
+                        fallbackVrfId_,
+                        platformType_,
+                        std::move(segmentSecurityStatus_),
+                        std::move(routeMove_),
+                        std::move(routeMoveStatus_),
+                        std::move(routeMerge_),
+                        std::move(routeMergeStatus_),
+                        invalidEntryManagerType_,
+                        v4Mcast_,
+                        softwareOnly_,
+                        v4V6InterleavingDisabled_},
+      L3TcamInPlaceConfig{tcamMode_, numUcastDefipBlocks_, pairGap_, requestedTableMode_} {}
 
 Ulo::Ptr<L3TcamManagerContext> l3TcamManagerContextFactory(
     const L3TcamManagerContext::Config& config) {
    return std::make_shared<L3TcamManagerContext>(config);
 }
 
-void L3TcamManagerContext::bitmapIs(uint32_t start, uint32_t size, bool initialBitState) {
-   if (bitmap_ && bitmapStart_ == start && bitmap_->size() == size &&
-       bitmap_->initialBitState() == initialBitState) {
-      return;
-   }
-   bitmap_ = std::make_shared<HBitmap>(size, initialBitState);
-   bitmapStart_ = start;
-}
-
-void L3TcamManagerContext::bitmapPairIs(uint32_t start, uint32_t size, bool initialBitState) {
-   if (bitmapPair_ && bitmapPairStart_ == start && bitmapPair_->size() == size &&
-       bitmapPair_->initialBitState() == initialBitState) {
-      return;
-   }
-   bitmapPair_ = std::make_shared<HBitmap>(size, initialBitState);
-   bitmapPairStart_ = start;
-}
-
 void L3TcamManagerContext::createMappings() {
    stats_ = tcamStatsFactory();
+   publisher_ = tcamPublisherFactory(stats_, routeMove(), routeMoveStatus(), routeMerge(),
+                                     routeMergeStatus(), notifyMoves());
    if (v4Mcast()) {
-      mcastV4_ = std::make_shared<MappingMcastV4>(this);
+      auto mcast = std::make_shared<MappingMcastV4>(publisher_);
+      regions_[RouteType::v4Mcast].mappingIs(mcast.get());
+      mcastV4_ = std::move(mcast);
       return;
    }
-   v4_ = std::make_shared<MappingV4>(twoV4RoutesPerEntry(), stats_, routeMove(), routeMoveStatus(),
-                                     routeMerge(), routeMergeStatus());
-   v6_ = std::make_shared<MappingV6>(stats_, routeMove(), routeMoveStatus());
+   auto v4 = std::make_shared<MappingV4>(twoV4RoutesPerEntry(), publisher_);
+   auto v6 = std::make_shared<MappingV6>(publisher_);
+   regions_[RouteType::v4].mappingIs(v4.get());
+   regions_[RouteType::v6Half].mappingIs(v6.get());
+   regions_[RouteType::v6Full].mappingIs(v6.get());
+   v4_ = std::move(v4);
+   v6_ = std::move(v6);
 }
 
 void L3TcamManagerContext::handleInitialized(bool initialized) {
@@ -296,28 +305,29 @@ bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
    blockIs(RouteType::v6Full, full);
 
    bitmapIs(0, effective, false);
-   bitmap_->setBit(0);
+   occupancy_.entries()->setBit(0);
    numReservedEntriesInBitmapInc(1);
 
-   lpmPairGap_ = gapInForce;
+   occupancy_.gapIs(gapInForce);
    // A gap at or beyond the end of the table has no entry of its own to reserve.
-   if (v4V6InterleavingDisabled() && lpmPairGap_ < effective) {
-      bitmap_->setBit(lpmPairGap_);
+   if (v4V6InterleavingDisabled() && occupancy_.gap() < effective) {
+      occupancy_.entries()->setBit(occupancy_.gap());
       numReservedEntriesInBitmapInc(1);
    }
-   invalidEntryManager_->allocateInvalidEntries(urpf, bitmap_);
+   invalidEntryManager_->allocateInvalidEntries(urpf, occupancy_.entries());
 
    bitmapPairIs(0, effective / 2, false);
-   bitmapPair_->setBit(0);
+   occupancy_.pairs()->setBit(0);
    numReservedEntriesInBitmapPairInc(1);
-   invalidEntryManager_->allocateInvalidEntriesPair(urpf, bitmapPair_);
+   invalidEntryManager_->allocateInvalidEntriesPair(urpf, occupancy_.pairs());
    // A pair is only as usable as both of its entries: a reserved or invalid entry takes its pair.
-   if (supportsDefipPairing() && lpmPairGap_ != 0) {
-      for (uint32_t b = bitmap_->findFirstSet(0, effective - 1); b != HBitmap::npos;
-           b = b + 1 < effective ? bitmap_->findFirstSet(b + 1, effective - 1) : HBitmap::npos) {
+   if (supportsDefipPairing() && occupancy_.gap() != 0) {
+      for (uint32_t b = occupancy_.entries()->findFirstSet(0, effective - 1); b != HBitmap::npos;
+           b = b + 1 < effective ? occupancy_.entries()->findFirstSet(b + 1, effective - 1)
+                                 : HBitmap::npos) {
          const uint32_t pair = physicalToPair(b);
-         if (pair < bitmapPair_->size() && !bitmapPair_->isBitSet(pair)) {
-            bitmapPair_->setBit(pair);
+         if (pair < occupancy_.pairs()->size() && !occupancy_.pairs()->isBitSet(pair)) {
+            occupancy_.pairs()->setBit(pair);
             numReservedEntriesInBitmapPairInc(1);
          }
       }
@@ -336,11 +346,11 @@ bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
       useSwapArea_ = false;
       swapAreaHalf_ = false;
    }
-   swapAreaSize_[RouteType::v4] = swapArea_;
-   swapAreaSize_[RouteType::v6Full] = swapArea_;
-   swapAreaSize_[RouteType::v6Half] = swapAreaHalf_ ? swapArea_ : 0;
-   swapAreaSize_[RouteType::v4Mcast] = 0;
-   swapReserveKept_ = entriesFree(RouteType::v4) >= swapAreaSize_[RouteType::v4];
+   regions_[RouteType::v4].swapReserveIs(swapArea_);
+   regions_[RouteType::v6Full].swapReserveIs(swapArea_);
+   regions_[RouteType::v6Half].swapReserveIs(swapAreaHalf_ ? swapArea_ : 0);
+   regions_[RouteType::v4Mcast].swapReserveIs(0);
+   swapReserveKept_ = entriesFree(RouteType::v4) >= regions_[RouteType::v4].swapReserve();
    return useSwapArea_;
 }
 
@@ -360,38 +370,30 @@ void L3TcamManagerContext::doCreateMulticastBlocks() {
    // Not part of the multicast arithmetic; kept so that size-based checks see the whole table.
    effectiveSize_ = size;
    bitmapIs(0, size, false);
-   bitmap_->setBit(0);
+   occupancy_.entries()->setBit(0);
    if (pairGap() != 0 && !tcamSizeOverridden() && pairGap() < size) {
-      bitmap_->setBit(pairGap());
-      lpmPairGap_ = pairGap();
+      occupancy_.entries()->setBit(pairGap());
+      occupancy_.gapIs(pairGap());
    } else {
-      bitmap_->setBit(0);
-      lpmPairGap_ = 0;
+      occupancy_.entries()->setBit(0);
+      occupancy_.gapIs(0);
    }
    bitmapPairIs(0, size / 2, false);
-   bitmapPair_->setBit(0);
+   occupancy_.pairs()->setBit(0);
 }
 
 // ---- pair indices ------------------------------------------------------------------------
 
 uint32_t L3TcamManagerContext::pairToPhysical(uint32_t logical) const {
-   const uint32_t g = lpmPairGap_;
-   VEXLO_ASSERT_MSG(g != 0, "lpmPairGap()", "pair index ", logical, " without a pair gap");
-   return logical + (logical / g) * g;
+   return occupancy_.pairToPhysical(logical);
 }
 
 uint32_t L3TcamManagerContext::physicalToPair(uint32_t physical) const {
-   const uint32_t g = lpmPairGap_;
-   VEXLO_ASSERT_MSG(g != 0, "lpmPairGap()", "entry ", physical, " without a pair gap");
-   const uint32_t bank = physical / g;
-   return (bank / 2) * g + physical % g;
+   return occupancy_.physicalToPair(physical);
 }
 
 uint32_t L3TcamManagerContext::physicalBoundToPair(uint32_t bound) const {
-   const uint32_t g = lpmPairGap_;
-   VEXLO_ASSERT_MSG(g != 0, "lpmPairGap()", "bound ", bound, " without a pair gap");
-   const uint32_t k = bound / g;
-   return (k % 2) ? bound - (k / 2 + 1) * g : bound - (k / 2) * g;
+   return occupancy_.physicalBoundToPair(bound);
 }
 
 }  // namespace VexloL3Common

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <stdexcept>
-#include <tuple>
 #include <vector>
 
 #include "platform/Assert.h"
@@ -15,17 +14,6 @@ namespace {
 Ulo::TraceHandle th("VexloL3CommonTcamTable");
 
 using Config = L3TcamManagerContext::Config;
-
-// Every attribute that a kept context cannot take over: all of them except tcamMode,
-// numUcastDefipBlocks, pairGap and requestedTableMode. Handles compare by identity: a context
-// publishes to the very records it was given.
-auto fixedAttributes(const Config& c) {
-   return std::tie(c.tcamSize, c.twoV4RoutesPerEntry, c.supportsDefipPairing, c.dynamicV4V6Boundary,
-                   c.globalRoutingStatus, c.currentTableMode, c.reAddAllowed, c.fallbackVrfId,
-                   c.platformType, c.segmentSecurityStatus, c.routeMove, c.routeMoveStatus,
-                   c.routeMerge, c.routeMergeStatus, c.invalidEntryManagerType, c.v4Mcast,
-                   c.softwareOnly, c.v4V6InterleavingDisabled);
-}
 
 // Set bits of `bm` inside the union of `ranges` (clipped to the map), except at the positions
 // skipA and skipB (HBitmap::npos: none).
@@ -61,11 +49,8 @@ void L3TcamManager::contextIs(const char* name, Ulo::Ptr<L3TcamManagerContext>& 
    if (!config.v4Mcast && config.numUcastDefipBlocks == 0) {
       throw std::range_error("numUcastDefipBlocks must not be 0");
    }
-   if (ctx && fixedAttributes(ctx->config()) == fixedAttributes(config)) {
-      ctx->tcamModeIs(config.tcamMode);
-      ctx->numUcastDefipBlocksIs(config.numUcastDefipBlocks);
-      ctx->pairGapIs(config.pairGap);
-      ctx->requestedTableModeIs(config.requestedTableMode);
+   if (ctx && ctx->config().fixed() == config.fixed()) {
+      ctx->inPlaceConfigIs(config.inPlace());
       TRACE(th, 1, name, " context kept, tcamMode: ", config.tcamMode,
             ", numUcastDefipBlocks: ", config.numUcastDefipBlocks, ", pairGap: ", config.pairGap,
             ", requestedTableMode: ", config.requestedTableMode);
@@ -96,28 +81,13 @@ void L3TcamManager::tcamManagerLowCtxIs(
     Ulo::Ptr<const RouteMove> routeMoveStatus, Ulo::Ptr<RouteMerge> routeMerge,
     Ulo::Ptr<const RouteMerge> routeMergeStatus, uint32_t invalidEntryManagerType, bool v4Mcast,
     bool softwareOnly, bool v4V6InterleavingDisabled) {
-   tcamManagerLowCtxIs(Config{tcamSize,
-                              tcamMode,
-                              twoV4RoutesPerEntry,
-                              supportsDefipPairing,
-                              dynamicV4V6Boundary,
-                              numUcastDefipBlocks,
-                              pairGap,
-                              std::move(globalRoutingStatus),
-                              requestedTableMode,
-                              currentTableMode,
-                              reAddAllowed,
-                              fallbackVrfId,
-                              platformType,
-                              std::move(segmentSecurityStatus),
-                              std::move(routeMove),
-                              std::move(routeMoveStatus),
-                              std::move(routeMerge),
-                              std::move(routeMergeStatus),
-                              invalidEntryManagerType,
-                              v4Mcast,
-                              softwareOnly,
-                              v4V6InterleavingDisabled});
+   tcamManagerLowCtxIs(
+       Config(tcamSize, tcamMode, twoV4RoutesPerEntry, supportsDefipPairing, dynamicV4V6Boundary,
+              numUcastDefipBlocks, pairGap, std::move(globalRoutingStatus), requestedTableMode,
+              currentTableMode, reAddAllowed, fallbackVrfId, platformType,
+              std::move(segmentSecurityStatus), std::move(routeMove), std::move(routeMoveStatus),
+              std::move(routeMerge), std::move(routeMergeStatus), invalidEntryManagerType, v4Mcast,
+              softwareOnly, v4V6InterleavingDisabled));
 }
 
 Ulo::Ptr<L3TcamManagerContext> L3TcamManager::selectTcamManagerCtx(VrfId vrf) const {
@@ -234,15 +204,15 @@ bool L3TcamManagerContext::handleUrpf(bool enabled) {
    // route. Each double-size route takes two physical entries in `bitmap`; they are counted
    // once, from the double-size block's own map (the pair map also marks pairs that IPv4 entries
    // hold a part of, where the regions lie side by side).
-   const uint32_t g = lpmPairGap_;
+   const uint32_t g = occupancy_.gap();
    const uint32_t gapEntry = numReservedEntriesInBitmap_ > 1 && g != 0 ? g : HBitmap::npos;
    const uint32_t layoutSingle =
        numReservedEntriesInBitmap_ +
-       setBitsIn(*bitmap_, invalidEntryManager_->invalidEntryRange(), 0, gapEntry);
-   VEXLO_ASSERT_MSG(bitmap_->count() >= layoutSingle, "layout entries in use",
-                    "bitmap: ", bitmap_->count(), "/", layoutSingle);
+       setBitsIn(*occupancy_.entries(), invalidEntryManager_->invalidEntryRange(), 0, gapEntry);
+   VEXLO_ASSERT_MSG(occupancy_.entries()->count() >= layoutSingle, "layout entries in use",
+                    "bitmap: ", occupancy_.entries()->count(), "/", layoutSingle);
    const uint32_t pairs = entries(RouteType::v6Full);
-   const uint32_t singleEntries = bitmap_->count() - layoutSingle;
+   const uint32_t singleEntries = occupancy_.entries()->count() - layoutSingle;
    VEXLO_ASSERT_MSG(singleEntries >= 2 * pairs, "double-size routes hold two entries",
                     "entries: ", singleEntries, ", pairs: ", pairs);
    const uint32_t singles = singleEntries - 2 * pairs;

@@ -6,12 +6,13 @@
 //   MappingV6Base / MappingV6     IPv6 unicast keys; a double-size route is recorded at the first
 //                                 entry of its pair; `tcamBorder` splits double from single size
 //   MappingMcastV4                IPv4 multicast keys
+//   TcamMapping                   what the placement engine needs of any of them: insert a route,
+//                                 move an entry, erase a route, the route at a position
 //
 // The mappings decide nothing about where routes go: the context chooses positions and calls
 // these operations. What a mapping owns is its bookkeeping rules and the assertions that guard
-// them, and it carries out moves and merges on its own records, counting each in TcamStats and
-// publishing it (when asked) through RouteMove / RouteMerge, whose writer must acknowledge inside
-// the publication.
+// them, and it carries out moves and merges on its own records and hands each to the context's
+// TcamPublisher, which counts it and publishes it (when asked) to the hardware writer.
 //
 // Position 0 is never a route's position: operations that take one assert it is non-zero and
 // operations that return one use 0 for "none". Lookups of a missing member yield an empty value.
@@ -28,15 +29,40 @@
 #include <functional>
 #include <utility>
 
-#include "VexloL3Common/types/L3RouteTypes.h"
-#include "VexloL3Common/tcam/L3Stats.h"
 #include "VexloL3Common/internal/FlatHashMap.h"
+#include "VexloL3Common/tcam/L3Stats.h"
+#include "VexloL3Common/tcam/L3TcamPublisher.h"
+#include "VexloL3Common/tcam/L3TcamRoute.h"
 #include "VexloL3Common/tcam/internal/L3TcamMappingImpl.h"
+#include "VexloL3Common/types/L3RouteTypes.h"
 #include "platform/Reactor.h"
 
 namespace VexloL3Common {
 
 class L3TcamManagerContext;
+
+// The mapping of one route type as the placement engine sees it. Positions are physical entries.
+class TcamMapping {
+ public:
+   virtual ~TcamMapping() = default;
+   // Records a new route at the free position pos.
+   virtual void insert(const TcamRoute& route, uint32_t pos) = 0;
+   // Moves the whole entry at oldPos (both halves of an IPv4 entry) of prefix length len to the
+   // free position newPos; the move is counted and published.
+   virtual void move(uint32_t len, uint32_t newPos, uint32_t oldPos) = 0;
+   // Forgets the route at pos; true when the entry is now empty (an IPv4 entry may keep its
+   // other half).
+   virtual bool erase(const TcamRoute& route, uint32_t pos) = 0;
+   // The route at pos (the right half first for IPv4), valid until the mapping next changes.
+   // Fatal when pos holds nothing.
+   virtual TcamRoute routeAt(uint32_t pos) const = 0;
+   // Records a route that the hardware holds at pos (an IPv4 route in half `right`, its other
+   // half kept); true when pos held nothing before.
+   virtual bool restore(const TcamRoute& route, uint32_t pos, bool right) = 0;
+   // IPv4 only: the lone route of the half-full entry oldPos moves into the free half of newPos;
+   // the merge is counted and published.
+   virtual void merge(uint32_t len, uint32_t newPos, uint32_t oldPos, VrfId vrf, uint64_t sequence);
+};
 
 // ---- IPv4 --------------------------------------------------------------------------------
 
@@ -141,6 +167,11 @@ class MappingV4Base {
       uint32_t hint[2] = {~0u, ~0u};  // [0] left, [1] right
    };
    KeysAndHints keysAndHints(uint32_t pos) const;  // default when absent
+   // The keys stored at pos, null when absent; valid until the mapping next changes.
+   const Ipv4Keys* keysAt(uint32_t pos) const {
+      const KeysAndHints* k = keys_.find(pos);
+      return k ? &k->keys : nullptr;
+   }
    // Moves an entry's keys and hints from oldPos to newPos; returns them where they now are
    // (valid until keys are added elsewhere).
    const KeysAndHints& moveKeys(uint32_t newPos, uint32_t oldPos);
@@ -171,28 +202,38 @@ class MappingV4Base {
    internal::PositionArray<KeysAndHints> keys_;
 };
 
-class MappingV4 : public MappingV4Base {
+class MappingV4 : public MappingV4Base, public TcamMapping {
  public:
    MappingV4(bool twoV4RoutesPerEntry, Ulo::Ptr<TcamStats> tcamStats, Ulo::Ptr<RouteMove> routeMove,
              Ulo::Ptr<const RouteMove> routeMoveStatus, Ulo::Ptr<RouteMerge> routeMerge,
              Ulo::Ptr<const RouteMerge> routeMergeStatus);
+   MappingV4(bool twoV4RoutesPerEntry, Ulo::Ptr<TcamPublisher> publisher);
 
-   const Ulo::Ptr<TcamStats>& tcamStats() const { return tcamStats_; }
-   const Ulo::Ptr<RouteMove>& routeMove() const { return routeMove_; }
-   const Ulo::Ptr<const RouteMove>& routeMoveStatus() const { return routeMoveStatus_; }
-   const Ulo::Ptr<RouteMerge>& routeMerge() const { return routeMerge_; }
-   const Ulo::Ptr<const RouteMerge>& routeMergeStatus() const { return routeMergeStatus_; }
+   const Ulo::Ptr<TcamStats>& tcamStats() const { return publisher_->stats(); }
+   const Ulo::Ptr<RouteMove>& routeMove() const { return publisher_->routeMove(); }
+   const Ulo::Ptr<const RouteMove>& routeMoveStatus() const {
+      return publisher_->routeMoveStatus();
+   }
+   const Ulo::Ptr<RouteMerge>& routeMerge() const { return publisher_->routeMerge(); }
+   const Ulo::Ptr<const RouteMerge>& routeMergeStatus() const {
+      return publisher_->routeMergeStatus();
+   }
 
    void moveEntry(uint32_t len, uint32_t newPos, uint32_t oldPos, bool notify) override;
    void mergeEntries(uint32_t prefixLength, uint32_t newPos, uint32_t oldPos, bool notify,
                      VrfId delVrfId, uint64_t sequence) override;
 
+   // TcamMapping: a new route takes the right half of a new entry (insertFirstEntry).
+   void insert(const TcamRoute& route, uint32_t pos) override;
+   void move(uint32_t len, uint32_t newPos, uint32_t oldPos) override;
+   bool erase(const TcamRoute& route, uint32_t pos) override;
+   TcamRoute routeAt(uint32_t pos) const override;
+   bool restore(const TcamRoute& route, uint32_t pos, bool right) override;
+   void merge(uint32_t len, uint32_t newPos, uint32_t oldPos, VrfId vrf,
+              uint64_t sequence) override;
+
  private:
-   Ulo::Ptr<TcamStats> tcamStats_;
-   Ulo::Ptr<RouteMove> routeMove_;
-   Ulo::Ptr<const RouteMove> routeMoveStatus_;
-   Ulo::Ptr<RouteMerge> routeMerge_;
-   Ulo::Ptr<const RouteMerge> routeMergeStatus_;
+   Ulo::Ptr<TcamPublisher> publisher_;
 };
 
 // ---- IPv6 --------------------------------------------------------------------------------
@@ -255,27 +296,34 @@ class MappingV6Base {
    internal::PositionArray<Ipv6UcastKey> entryIdToKey_;
 };
 
-class MappingV6 : public MappingV6Base {
+class MappingV6 : public MappingV6Base, public TcamMapping {
  public:
    MappingV6(Ulo::Ptr<TcamStats> tcamStats, Ulo::Ptr<RouteMove> routeMove,
              Ulo::Ptr<const RouteMove> routeMoveStatus);
+   explicit MappingV6(Ulo::Ptr<TcamPublisher> publisher);
 
    void moveEntry(uint32_t len, uint32_t newPos, uint32_t oldPos, uint32_t pairPos,
                   bool notify) override;
 
+   // TcamMapping; a route's size follows from its position (tcamBorder).
+   void insert(const TcamRoute& route, uint32_t pos) override;
+   void move(uint32_t len, uint32_t newPos, uint32_t oldPos) override;
+   bool erase(const TcamRoute& route, uint32_t pos) override;
+   TcamRoute routeAt(uint32_t pos) const override;
+   bool restore(const TcamRoute& route, uint32_t pos, bool right) override;
+
  private:
-   Ulo::Ptr<TcamStats> tcamStats_;
-   Ulo::Ptr<RouteMove> routeMove_;
-   Ulo::Ptr<const RouteMove> routeMoveStatus_;
+   Ulo::Ptr<TcamPublisher> publisher_;
 };
 
 // ---- IPv4 multicast ----------------------------------------------------------------------
 
-class MappingMcastV4 {
+class MappingMcastV4 : public TcamMapping {
  public:
-   // Reaches the context's tcamStats, routeMove and routeMoveStatus through `ctx`, which owns it.
+   // Publishes through the publisher of `ctx`, the context that owns it; keeps no pointer to it.
    explicit MappingMcastV4(L3TcamManagerContext* ctx);
-   ~MappingMcastV4();
+   explicit MappingMcastV4(Ulo::Ptr<TcamPublisher> publisher);
+   ~MappingMcastV4() override;
 
    bool initialized() const { return initialized_; }
    void handleInitialized();
@@ -301,10 +349,15 @@ class MappingMcastV4 {
    void deleteEntry(const IpMcastPrefixKey& key, uint32_t pos);
    void verifyEntry(const IpMcastPrefixKey& key, uint32_t pos) const;
 
-   L3TcamManagerContext* tcamManagerCtx() const { return ctx_; }
+   // TcamMapping
+   void insert(const TcamRoute& route, uint32_t pos) override;
+   void move(uint32_t len, uint32_t newPos, uint32_t oldPos) override;
+   bool erase(const TcamRoute& route, uint32_t pos) override;
+   TcamRoute routeAt(uint32_t pos) const override;
+   bool restore(const TcamRoute& route, uint32_t pos, bool right) override;
 
  private:
-   L3TcamManagerContext* ctx_;
+   Ulo::Ptr<TcamPublisher> publisher_;
    bool initialized_ = false;
    internal::FlatHashMap<IpMcastPrefixKey, uint32_t> entryId_;
    internal::PositionArray<IpMcastPrefixKey> key_;

@@ -1,4 +1,4 @@
-// The IPv6 unicast and IPv4 multicast mappings: one route per position, no halves.
+// The IPv6 unicast mapping: one route per position, no halves.
 //
 // Storage as for IPv4: position-indexed arrays with a presence bitmap for position -> key, an
 // open-addressing table for key -> position(s). A double-size IPv6 route is recorded at the first
@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "VexloL3Common/tcam/L3TcamMapping.h"
-#include "VexloL3Common/tcam/L3TcamTable.h"
 #include "platform/Assert.h"
 #include "platform/Trace.h"
 
@@ -160,9 +159,11 @@ void MappingV6Base::verifyEntry(const Ipv6UcastKey& key, uint32_t pos) const {
 
 MappingV6::MappingV6(Ulo::Ptr<TcamStats> tcamStats, Ulo::Ptr<RouteMove> routeMove,
                      Ulo::Ptr<const RouteMove> routeMoveStatus)
-    : tcamStats_(std::move(tcamStats)),
-      routeMove_(std::move(routeMove)),
-      routeMoveStatus_(std::move(routeMoveStatus)) {}
+    : MappingV6(tcamPublisherFactory(std::move(tcamStats), std::move(routeMove),
+                                     std::move(routeMoveStatus), routeMergeFactory(),
+                                     routeMergeFactory())) {}
+
+MappingV6::MappingV6(Ulo::Ptr<TcamPublisher> publisher) : publisher_(std::move(publisher)) {}
 
 void MappingV6::moveEntry(uint32_t, uint32_t newPos, uint32_t oldPos, uint32_t, bool notify) {
    TRACE(th, 5, "   moveEntry, new: ", newPos, ", old: ", oldPos);
@@ -175,106 +176,32 @@ void MappingV6::moveEntry(uint32_t, uint32_t newPos, uint32_t oldPos, uint32_t, 
    // The size of the route is that of where it came from: a double-size route moved across the
    // border is still counted and published as double size.
    const RouteType type = v6RouteTypeFromPos(oldPos);
-   tcamStats_->moveRouteInc(type, 1);
-   if (notify) {
-      publishMove(*routeMove_, *routeMoveStatus_,
-                  RoutePosition{tcamStats_->moveRoute(type), oldPos, newPos, false, EntryType::v6});
-   }
+   publisher_->move(type, oldPos, newPos, EntryType::v6, notify);
 }
 
-// ---- MappingMcastV4 ----------------------------------------------------------------------
-
-MappingMcastV4::MappingMcastV4(L3TcamManagerContext* ctx) : ctx_(ctx) {}
-
-MappingMcastV4::~MappingMcastV4() = default;
-
-void MappingMcastV4::handleInitialized() {
-   if (initialized_) {
-      TRACE(th, 1, "MappingMcastV4 already initialized");
-      return;
-   }
-   entryIdDelAll();
-   keyDelAll();
-   initialized_ = true;
+void MappingV6::insert(const TcamRoute& route, uint32_t pos) {
+   insertEntry(route.v6Key(), pos);
 }
 
-uint32_t MappingMcastV4::entryId(const IpMcastPrefixKey& key) const {
-   const uint32_t* pos = entryId_.find(key);
-   return pos ? *pos : 0;
+void MappingV6::move(uint32_t len, uint32_t newPos, uint32_t oldPos) {
+   // The pair gap is not needed: a route's size follows from its position.
+   moveEntry(len, newPos, oldPos, 0, publisher_->notify());
 }
 
-void MappingMcastV4::entryIdIs(const IpMcastPrefixKey& key, uint32_t pos) {
-   assertPos(pos);
-   *entryId_.tryEmplace(key).first = pos;
+bool MappingV6::erase(const TcamRoute& route, uint32_t pos) {
+   deleteEntry(route.v6Key(), pos);
+   return true;
 }
 
-void MappingMcastV4::entryIdDel(const IpMcastPrefixKey& key) {
-   entryId_.erase(key);
-}
-void MappingMcastV4::entryIdDelAll() {
-   entryId_.clear();
-}
-size_t MappingMcastV4::entryIdSize() const {
-   return entryId_.size();
+bool MappingV6::restore(const TcamRoute& route, uint32_t pos, bool) {
+   insert(route, pos);
+   return true;
 }
 
-const IpMcastPrefixKey* MappingMcastV4::key(uint32_t pos) const {
-   return key_.find(pos);
-}
-
-void MappingMcastV4::keyIs(uint32_t pos, const IpMcastPrefixKey& key) {
-   assertPos(pos);
-   key_.set(pos, key);
-}
-
-void MappingMcastV4::keyDel(uint32_t pos) {
-   key_.erase(pos);
-}
-void MappingMcastV4::keyDelAll() {
-   key_.clear();
-}
-
-size_t MappingMcastV4::memoryBytes() const {
-   return entryId_.memoryBytes() + key_.memoryBytes();
-}
-
-void MappingMcastV4::insertEntry(const IpMcastPrefixKey& key, uint32_t pos) {
-   TRACE(th, 5, "   insertEntry, key: ", key, ", pos: ", pos);
-   entryIdIs(key, pos);
-   keyIs(pos, key);
-}
-
-void MappingMcastV4::moveEntry(uint32_t, uint32_t newPos, uint32_t oldPos, bool notify) {
-   TRACE(th, 5, "   moveEntry, new: ", newPos, ", old: ", oldPos);
-   assertPos(oldPos);
-   const IpMcastPrefixKey* found = key_.find(oldPos);
-   const IpMcastPrefixKey k = found ? *found : IpMcastPrefixKey();
-   keyIs(newPos, k);
-   keyDel(oldPos);
-   entryIdIs(k, newPos);
-   TcamStats& stats = *ctx_->tcamStats();
-   stats.moveRouteInc(RouteType::v4Mcast, 1);
-   if (notify) {
-      publishMove(
-          *ctx_->routeMove(), *ctx_->routeMoveStatus(),
-          RoutePosition{stats.moveRoute(RouteType::v4Mcast), oldPos, newPos, false,
-                        EntryType::mcastV4},
-          "tcamManagerCtx()->routeMove()->pos() == tcamManagerCtx()->routeMoveStatus()->pos()");
-   }
-}
-
-void MappingMcastV4::deleteEntry(const IpMcastPrefixKey& key, uint32_t pos) {
-   TRACE(th, 5, "   deleteEntry, key: ", key, ", pos: ", pos);
-   entryIdDel(key);
-   keyDel(pos);
-}
-
-void MappingMcastV4::verifyEntry(const IpMcastPrefixKey& k, uint32_t pos) const {
-   TRACE(th, 5, "   verifyEntry, key: ", k, ", pos: ", pos);
-   VEXLO_ASSERT_MSG(entryId(k) == pos, "entryId( k ) == pos", "entryId( k ): ", entryId(k));
-   const IpMcastPrefixKey* found = key(pos);
-   const IpMcastPrefixKey atPos = found ? *found : IpMcastPrefixKey();
-   VEXLO_ASSERT_MSG(atPos == k, "key( pos ) == k", ", key( pos ): ", atPos);
+TcamRoute MappingV6::routeAt(uint32_t pos) const {
+   const Ipv6UcastKey* key = entryIdToKey(pos);
+   VEXLO_ASSERT_MSG(key, "hasEntryKey( pos )", "pos: ", pos);
+   return TcamRoute::v6(*key, v6RouteTypeFromPos(pos));
 }
 
 }  // namespace VexloL3Common

@@ -28,6 +28,7 @@
 //   TcamStats::reallocation is counted.
 //   A failure is decided before the first move, so a refused reallocation changes nothing.
 #include "VexloL3Common/tcam/L3TcamTable.h"
+#include "VexloL3Common/tcam/internal/L3TcamShift.h"
 #include "platform/Assert.h"
 #include "platform/Trace.h"
 
@@ -41,7 +42,7 @@ constexpr uint32_t npos = HBitmap::npos;
 uint32_t L3TcamManagerContext::reallocationStep() const {
    // Four blocks at a time; the gap in force is the block size (the configured pairGap, unless
    // the table size was forced).
-   return 4 * lpmPairGap_;
+   return 4 * occupancy_.gap();
 }
 
 bool L3TcamManagerContext::borderMoves() const {
@@ -51,9 +52,10 @@ bool L3TcamManagerContext::borderMoves() const {
 
 void L3TcamManagerContext::borderIs(uint32_t border) {
    VEXLO_ASSERT_MSG(borderMoves(), "borderMoves()", "the border of this layout is fixed");
-   VEXLO_ASSERT_MSG(lpmPairGap_ != 0 && border % (2 * lpmPairGap_) == 0 && border < effectiveSize_,
-                    "border % ( 2 * lpmPairGap() ) == 0 && border < effectiveSize()", "border ",
-                    border, ", gap ", lpmPairGap_, ", effective size ", effectiveSize_);
+   VEXLO_ASSERT_MSG(
+       occupancy_.gap() != 0 && border % (2 * occupancy_.gap()) == 0 && border < effectiveSize_,
+       "border % ( 2 * lpmPairGap() ) == 0 && border < effectiveSize()", "border ", border,
+       ", gap ", occupancy_.gap(), ", effective size ", effectiveSize_);
    TcamBlock& v4 = *block(RouteType::v4);
    TcamBlock& full = *block(RouteType::v6Full);
    v4.startIs(border == 0 ? 1 : border);
@@ -73,7 +75,7 @@ bool L3TcamManagerContext::reallocate(uint32_t newBorder, bool useSwapArea) {
       TRACE(th, 2, "reallocate: the border of this layout does not move");
       return false;
    }
-   const uint32_t g = lpmPairGap_;
+   const uint32_t g = occupancy_.gap();
    const uint32_t border = v4V6Border_;
    if (newBorder == border || g == 0 || newBorder % (2 * g) != 0 || newBorder >= effectiveSize_) {
       TRACE(th, 2, "reallocate: border ", newBorder, " is not a possible border");
@@ -89,7 +91,7 @@ bool L3TcamManagerContext::reallocate(uint32_t newBorder, bool useSwapArea) {
       // The IPv6 partition grows over R = [max(border, 1), newBorder - 1].
       const uint32_t first = std::max(border, 1u);
       const uint32_t routes = used4.count(first, newBorder - 1);
-      const uint32_t room = (last - newBorder + 1) - bitmap_->count(newBorder, last);
+      const uint32_t room = (last - newBorder + 1) - occupancy_.entries()->count(newBorder, last);
       const uint32_t reserve = useSwapArea ? 0 : swapAreaSize(RouteType::v4);
       TRACE(th, 7, "reallocate: ", routes, " IPv4 entries to move, ", room, " free above, ",
             reserve, " reserved");
@@ -99,12 +101,11 @@ bool L3TcamManagerContext::reallocate(uint32_t newBorder, bool useSwapArea) {
       }
       for (uint32_t n = 0; n < routes; ++n) {
          const uint32_t pos = used4.findLastSet(first, newBorder - 1);
-         const uint32_t freeEntry = bitmap_->findFirstClear(newBorder, last);
+         const uint32_t freeEntry = occupancy_.entries()->findFirstClear(newBorder, last);
          VEXLO_ASSERT_MSG(pos != npos && freeEntry != npos, "reallocate: entry and room", "pos ",
                           pos, ", free ", freeEntry);
-         const Ipv4Keys k = v4_->keys(pos);
-         relocateEntry(RouteType::v4, k.right.isNull() ? k.left.len() : k.right.len(), pos,
-                       freeEntry);
+         TcamRegion& region = regions_[RouteType::v4];
+         internal::relocateEntry(region, region.mapping().routeAt(pos).len(), pos, freeEntry);
       }
       VEXLO_ASSERT_MSG(used4.count(first, newBorder - 1) == 0, "reallocate: region empty",
                        "IPv4 entries left in ", first, "/", newBorder - 1);
@@ -115,8 +116,8 @@ bool L3TcamManagerContext::reallocate(uint32_t newBorder, bool useSwapArea) {
       const uint32_t routes = usedFull.count(pairFirst, pairLast);
       uint32_t room = 0, freeEntries = 0;
       if (newBorder > 0) {
-         room = pairFirst - 1 - bitmapPair_->count(1, pairFirst - 1);
-         freeEntries = (newBorder - 1) - bitmap_->count(1, newBorder - 1);
+         room = pairFirst - 1 - occupancy_.pairs()->count(1, pairFirst - 1);
+         freeEntries = (newBorder - 1) - occupancy_.entries()->count(1, newBorder - 1);
       }
       // With no partition left there is no reserve to keep in it.
       const uint32_t reserve = useSwapArea || newBorder == 0 ? 0 : swapAreaSize(RouteType::v6Full);
@@ -128,11 +129,12 @@ bool L3TcamManagerContext::reallocate(uint32_t newBorder, bool useSwapArea) {
       }
       for (uint32_t n = 0; n < routes; ++n) {
          const uint32_t pair = usedFull.findFirstSet(pairFirst, pairLast);
-         const uint32_t freePair = bitmapPair_->findLastClear(1, pairFirst - 1);
+         const uint32_t freePair = occupancy_.pairs()->findLastClear(1, pairFirst - 1);
          VEXLO_ASSERT_MSG(pair != npos && freePair != npos, "reallocate: pair and room", "pair ",
                           pair, ", free ", freePair);
-         const uint32_t len = v6_->getEntryKey(pairToPhysical(pair)).len();
-         relocateEntry(RouteType::v6Full, len, pair, freePair);
+         TcamRegion& region = regions_[RouteType::v6Full];
+         const uint32_t len = region.mapping().routeAt(region.physical(pair)).len();
+         internal::relocateEntry(region, len, pair, freePair);
       }
       VEXLO_ASSERT_MSG(usedFull.count(pairFirst, pairLast) == 0, "reallocate: region empty",
                        "pairs left in ", pairFirst, "/", pairLast);

@@ -15,8 +15,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "VexloL3Common/tcam/L3TcamTable.h"
 #include "VexloL3Common/internal/FlatHashMap.h"
+#include "VexloL3Common/tcam/L3TcamTable.h"
 #include "platform/Assert.h"
 #include "platform/Trace.h"
 
@@ -353,38 +353,22 @@ void checkMcast(const State& st, const char* op, const IpMcastPrefixKey& key, ui
 
 // ---- placement without checks ------------------------------------------------------------
 
-void extendRange(TcamBlock& blk, uint32_t len, uint32_t slot) {
-   const IndexRange ir = joined(blk, len, slot);
-   blk.lengthRangeIs(len, ir);
-   if (blk.lengthRangeMax() == TcamBlock::none || len > blk.lengthRangeMax()) {
-      blk.lengthRangeMaxIs(len);
-   }
-   TRACE(th, 7, "Table range for prefix length ", len, ": ", ir.start(), "/", ir.end());
+// Placement without checks: each region records the route, its occupancy and its length's range
+// together.
+void place4(TcamStats& stats, TcamRegion& region, const Ipv4UcastKey& key, uint32_t index,
+            bool right) {
+   region.restore(TcamRoute::v4(key), index, right);
+   stats.maskLengthsIpv4Inc(key.len(), 1);
 }
 
-void place4(L3TcamManagerContext& ctx, const Ipv4UcastKey& key, uint32_t index, bool right) {
-   MappingV4Base& v4 = *ctx.v4();
-   const bool fresh = !v4.keysHas(index);
-   v4.insertEntry(key, index, right, false);
-   if (fresh) ctx.updateBitmaps(RouteType::v4, index, 0);
-   extendRange(*ctx.block(RouteType::v4), key.len(), index);
-   ctx.stats()->maskLengthsIpv4Inc(key.len(), 1);
+void place6(TcamStats& stats, TcamRegion& region, const Ipv6UcastKey& key, uint32_t index) {
+   region.restore(TcamRoute::v6(key, region.type()), index, false);
+   stats.maskLengthsIpv6Inc(key.len(), 1);
 }
 
-void place6(L3TcamManagerContext& ctx, const Ipv6UcastKey& key, uint32_t index, bool doubleSize) {
-   ctx.v6()->insertEntry(key, index);
-   const RouteType t = doubleSize ? RouteType::v6Full : RouteType::v6Half;
-   const uint32_t slot = doubleSize ? ctx.physicalToPair(index) : index;
-   ctx.updateBitmaps(t, slot, 0);
-   extendRange(*ctx.block(t), key.len(), slot);
-   ctx.stats()->maskLengthsIpv6Inc(key.len(), 1);
-}
-
-void placeMcast(L3TcamManagerContext& ctx, const IpMcastPrefixKey& key, uint32_t index) {
-   ctx.mcastV4()->insertEntry(key, index);
-   ctx.updateBitmaps(RouteType::v4Mcast, index, 0);
-   extendRange(*ctx.block(RouteType::v4Mcast), key.len, index);
-   ctx.stats()->maskLengthsMcastIpv4Inc(key.len, 1);
+void placeMcast(TcamStats& stats, TcamRegion& region, const IpMcastPrefixKey& key, uint32_t index) {
+   region.restore(TcamRoute::mcast(key), index, false);
+   stats.maskLengthsMcastIpv4Inc(key.len, 1);
 }
 
 bool halfFullEntry(const Ipv4Keys& k) {
@@ -580,7 +564,7 @@ RouteReturnCode L3TcamManagerContext::addRoute4AtIndex(const Ipv4UcastKey& key, 
    VEXLO_ASSERT(layoutDone_, "layoutDone()");
    if (!v4_) refuse("addRoute4AtIndex", index, key, "no IPv4 routes in a multicast table");
    checkV4(*this, LiveState(*this), "addRoute4AtIndex", key, index, right);
-   place4(*this, key, index, right);
+   place4(*stats_, regions_[RouteType::v4], key, index, right);
    if (twoV4RoutesPerEntry()) trackHalfFull(*this, key.len(), index);
    recheckSwapReserve();
    RouteReturnCode rc;
@@ -595,7 +579,7 @@ RouteReturnCode L3TcamManagerContext::addRoute6AtIndex(const Ipv6UcastKey& key, 
    VEXLO_ASSERT(layoutDone_, "layoutDone()");
    if (!v6_) refuse("addRoute6AtIndex", index, key, "no IPv6 routes in a multicast table");
    const bool doubleSize = checkV6(*this, LiveState(*this), "addRoute6AtIndex", key, index);
-   place6(*this, key, index, doubleSize);
+   place6(*stats_, regions_[doubleSize ? RouteType::v6Full : RouteType::v6Half], key, index);
    recheckSwapReserve();
    RouteReturnCode rc;
    rc.routeId = index;
@@ -608,7 +592,7 @@ RouteReturnCode L3TcamManagerContext::addMroute4AtIndex(const IpMcastPrefixKey& 
    VEXLO_ASSERT(layoutDone_, "layoutDone()");
    if (!mcastV4_) refuse("addMroute4AtIndex", index, key, "no multicast routes in a unicast table");
    checkMcast(LiveState(*this), "addMroute4AtIndex", key, index);
-   placeMcast(*this, key, index);
+   placeMcast(*stats_, regions_[RouteType::v4Mcast], key, index);
    RouteReturnCode rc;
    rc.routeId = index;
    return rc;
@@ -644,17 +628,21 @@ void L3TcamManagerContext::rebuildFromHardware(const std::vector<TcamHardwareEnt
    for (const TcamHardwareEntry& e : image) {
       switch (e.kind) {
          case Kind::v4:
-            if (!e.v4.right.isNull()) place4(*this, e.v4.right, e.pos, true);
-            if (!e.v4.left.isNull()) place4(*this, e.v4.left, e.pos, false);
+            if (!e.v4.right.isNull())
+               place4(*stats_, regions_[RouteType::v4], e.v4.right, e.pos, true);
+            if (!e.v4.left.isNull())
+               place4(*stats_, regions_[RouteType::v4], e.v4.left, e.pos, false);
             // An empty half keeps the VRF the hardware holds for it.
             v4_->keysIs(e.pos, e.v4);
             break;
          case Kind::v6Single:
          case Kind::v6Double:
-            place6(*this, e.v6, e.pos, e.kind == Kind::v6Double);
+            place6(*stats_,
+                   regions_[e.kind == Kind::v6Double ? RouteType::v6Full : RouteType::v6Half], e.v6,
+                   e.pos);
             break;
          case Kind::mcast:
-            placeMcast(*this, e.mcast, e.pos);
+            placeMcast(*stats_, regions_[RouteType::v4Mcast], e.mcast, e.pos);
             break;
          case Kind::v6DoubleSecond:
             break;

@@ -82,7 +82,7 @@ void L3TcamManagerContext::showSoftwareTcamTableIndexRange(int fd) const {
    printRanges(*block(RouteType::v6Half));
    writeLine(fd, "\nIndex range for IPv6 routes (double size)\n");
    // Double-size ranges are in pair numbers; the hardware index of a pair needs the gap.
-   VEXLO_ASSERT(lpmPairGap_ != 0, "lpmPairGap() != 0");
+   VEXLO_ASSERT(occupancy_.gap() != 0, "lpmPairGap() != 0");
    block(RouteType::v6Full)->forEachLengthRange([this, fd](uint32_t len, const IndexRange& ir) {
       writeLine(fd, "Prefix length: {}, range: {}/{} (actual: {}/{})\n", len, ir.start(), ir.end(),
                 pairToPhysical(ir.start()), pairToPhysical(ir.end()));
@@ -121,11 +121,11 @@ void L3TcamManagerContext::showSoftwareTcamTable(int fd, bool detail) const {
 
    writeLine(fd, "IPv6 routes (double size)\n");
    writeLine(fd, "Entry1   Entry2     Vrf   Route\n");
-   VEXLO_ASSERT(lpmPairGap_ != 0, "lpmPairGap() != 0");
+   VEXLO_ASSERT(occupancy_.gap() != 0, "lpmPairGap() != 0");
    // The IPv6 mapping records a double-size route at the first entry of its pair.
    v6_->forEachEntryIdToKey([this, fd](uint32_t pos, const Ipv6UcastKey& key) {
       if (v6_->v6RouteTypeFromPos(pos) != RouteType::v6Full) return;
-      writeLine(fd, "{:6}   {:6}   {:5}   {}\n", pos, pos + lpmPairGap_, key.vrfId.value(),
+      writeLine(fd, "{:6}   {:6}   {:5}   {}\n", pos, pos + occupancy_.gap(), key.vrfId.value(),
                 key.prefix.toString());
    });
    writeLine(fd, "\n");

@@ -40,11 +40,14 @@
 #include <string>
 #include <vector>
 
-#include "VexloL3Common/types/HBitmap.h"
-#include "VexloL3Common/types/L3RouteTypes.h"
 #include "VexloL3Common/tcam/L3Stats.h"
 #include "VexloL3Common/tcam/L3TcamBlock.h"
 #include "VexloL3Common/tcam/L3TcamMapping.h"
+#include "VexloL3Common/tcam/L3TcamPublisher.h"
+#include "VexloL3Common/tcam/L3TcamRegion.h"
+#include "VexloL3Common/tcam/L3TcamRoute.h"
+#include "VexloL3Common/types/HBitmap.h"
+#include "VexloL3Common/types/L3RouteTypes.h"
 #include "platform/Reactor.h"
 #include "platform/RoutingStatus.h"
 
@@ -63,32 +66,63 @@ struct TcamHardwareEntry {
    IpMcastPrefixKey mcast;
 };
 
+// What a context is built with and keeps for its life: the table's shape, the platform's handles
+// and the records through which it publishes. A manager replaces its context when any of these
+// changes.
+struct L3TcamFixedConfig {
+   uint32_t tcamSize = 0;
+   bool twoV4RoutesPerEntry = false;
+   bool supportsDefipPairing = false;
+   bool dynamicV4V6Boundary = false;
+   Ulo::Ptr<const Ulo::RoutingStatus> globalRoutingStatus;
+   uint32_t currentTableMode = 0;
+   bool reAddAllowed = false;
+   VrfId fallbackVrfId = VrfId::invalidVrfId();
+   uint32_t platformType = 0;  // handed through for the platform
+   Ulo::Ptr<const Ulo::SegmentSecurityStatus> segmentSecurityStatus;
+   Ulo::Ptr<RouteMove> routeMove;
+   Ulo::Ptr<const RouteMove> routeMoveStatus;
+   Ulo::Ptr<RouteMerge> routeMerge;
+   Ulo::Ptr<const RouteMerge> routeMergeStatus;
+   uint32_t invalidEntryManagerType = 0;
+   bool v4Mcast = false;
+   bool softwareOnly = false;
+   bool v4V6InterleavingDisabled = true;
+
+   // Handles compare by identity: a context publishes to the very records it was given.
+   bool operator==(const L3TcamFixedConfig&) const = default;
+};
+
+// What a manager writes into the context it keeps (taking effect at the next layout).
+struct L3TcamInPlaceConfig {
+   uint32_t tcamMode = 1;            // 1..4
+   uint8_t numUcastDefipBlocks = 1;  // never 0
+   uint32_t pairGap = 0;             // 0: derive
+   uint32_t requestedTableMode = 0;
+
+   bool operator==(const L3TcamInPlaceConfig&) const = default;
+};
+
 class L3TcamManagerContext {
  public:
-   // Configuration, in the order of the positional constructor.
-   struct Config {
-      uint32_t tcamSize = 0;
-      uint32_t tcamMode = 1;  // 1..4; written in place by the facade
-      bool twoV4RoutesPerEntry = false;
-      bool supportsDefipPairing = false;
-      bool dynamicV4V6Boundary = false;
-      uint8_t numUcastDefipBlocks = 1;  // written in place; never 0
-      uint32_t pairGap = 0;             // 0: derive; written in place
-      Ulo::Ptr<const Ulo::RoutingStatus> globalRoutingStatus;
-      uint32_t requestedTableMode = 0;  // written in place
-      uint32_t currentTableMode = 0;
-      bool reAddAllowed = false;
-      VrfId fallbackVrfId = VrfId::invalidVrfId();
-      uint32_t platformType = 0;  // handed through for the platform
-      Ulo::Ptr<const Ulo::SegmentSecurityStatus> segmentSecurityStatus;
-      Ulo::Ptr<RouteMove> routeMove;
-      Ulo::Ptr<const RouteMove> routeMoveStatus;
-      Ulo::Ptr<RouteMerge> routeMerge;
-      Ulo::Ptr<const RouteMerge> routeMergeStatus;
-      uint32_t invalidEntryManagerType = 0;
-      bool v4Mcast = false;
-      bool softwareOnly = false;
-      bool v4V6InterleavingDisabled = true;
+   // The whole configuration. Every field belongs to exactly one of the two parts, so a new field
+   // is either kept in place or replaces the context: never silently ignored.
+   struct Config : L3TcamFixedConfig, L3TcamInPlaceConfig {
+      Config() = default;
+      // In the order of the context's positional constructor.
+      Config(uint32_t tcamSize, uint32_t tcamMode, bool twoV4RoutesPerEntry,
+             bool supportsDefipPairing, bool dynamicV4V6Boundary, uint8_t numUcastDefipBlocks,
+             uint32_t pairGap, Ulo::Ptr<const Ulo::RoutingStatus> globalRoutingStatus,
+             uint32_t requestedTableMode, uint32_t currentTableMode, bool reAddAllowed,
+             VrfId fallbackVrfId, uint32_t platformType,
+             Ulo::Ptr<const Ulo::SegmentSecurityStatus> segmentSecurityStatus,
+             Ulo::Ptr<RouteMove> routeMove, Ulo::Ptr<const RouteMove> routeMoveStatus,
+             Ulo::Ptr<RouteMerge> routeMerge, Ulo::Ptr<const RouteMerge> routeMergeStatus,
+             uint32_t invalidEntryManagerType, bool v4Mcast, bool softwareOnly,
+             bool v4V6InterleavingDisabled);
+      const L3TcamFixedConfig& fixed() const { return *this; }
+      const L3TcamInPlaceConfig& inPlace() const { return *this; }
+      bool operator==(const Config&) const = default;
    };
 
    explicit L3TcamManagerContext(const Config& config);
@@ -113,6 +147,10 @@ class L3TcamManagerContext {
    uint32_t tcamSize() const { return config_.tcamSize; }
    uint32_t tcamMode() const { return config_.tcamMode; }
    void tcamModeIs(uint32_t m) { config_.tcamMode = m; }
+   // Writes every attribute that a kept context takes over.
+   void inPlaceConfigIs(const L3TcamInPlaceConfig& c) {
+      static_cast<L3TcamInPlaceConfig&>(config_) = c;
+   }
    bool twoV4RoutesPerEntry() const { return config_.twoV4RoutesPerEntry; }
    bool supportsDefipPairing() const { return config_.supportsDefipPairing; }
    bool dynamicV4V6Boundary() const { return config_.dynamicV4V6Boundary; }
@@ -149,31 +187,39 @@ class L3TcamManagerContext {
       invalidEntryManager_ = std::move(m);
    }
    // The block of a route type; null when absent.
-   const Ulo::Ptr<TcamBlock>& block(RouteType t) const { return blocks_[t]; }
-   void blockIs(RouteType t, Ulo::Ptr<TcamBlock> b) { blocks_[t] = std::move(b); }
-   const Ulo::Ptr<HBitmap>& bitmap() const { return bitmap_; }
-   void bitmapIs(uint32_t start, uint32_t size, bool initialBitState);
-   void bitmapDel() { bitmap_.reset(); }
-   const Ulo::Ptr<HBitmap>& bitmapPair() const { return bitmapPair_; }
-   void bitmapPairIs(uint32_t start, uint32_t size, bool initialBitState);
-   void bitmapPairDel() { bitmapPair_.reset(); }
+   const Ulo::Ptr<TcamBlock>& block(RouteType t) const { return regions_[t].blockPtr(); }
+   void blockIs(RouteType t, Ulo::Ptr<TcamBlock> b) { regions_[t].blockIs(std::move(b)); }
+   const Ulo::Ptr<HBitmap>& bitmap() const { return occupancy_.entries(); }
+   void bitmapIs(uint32_t start, uint32_t size, bool initialBitState) {
+      occupancy_.entriesIs(start, size, initialBitState);
+   }
+   void bitmapDel() { occupancy_.entriesDel(); }
+   const Ulo::Ptr<HBitmap>& bitmapPair() const { return occupancy_.pairs(); }
+   void bitmapPairIs(uint32_t start, uint32_t size, bool initialBitState) {
+      occupancy_.pairsIs(start, size, initialBitState);
+   }
+   void bitmapPairDel() { occupancy_.pairsDel(); }
+   // The placement region of a route type: its block, mapping and swap reserve.
+   const TcamRegion& region(RouteType t) const { return regions_[t]; }
+   // Every move and merge of this context goes through its publisher.
+   const Ulo::Ptr<TcamPublisher>& publisher() const { return publisher_; }
    uint32_t numReservedEntriesInBitmap() const { return numReservedEntriesInBitmap_; }
    void numReservedEntriesInBitmapInc(uint32_t n) { numReservedEntriesInBitmap_ += n; }
    uint32_t numReservedEntriesInBitmapPair() const { return numReservedEntriesInBitmapPair_; }
    void numReservedEntriesInBitmapPairInc(uint32_t n) { numReservedEntriesInBitmapPair_ += n; }
    uint32_t effectiveSize() const { return effectiveSize_; }
    uint32_t v4V6Border() const { return v4V6Border_; }
-   uint32_t lpmPairGap() const { return lpmPairGap_; }
+   uint32_t lpmPairGap() const { return occupancy_.gap(); }
    uint32_t swapArea() const { return swapArea_; }
    bool useSwapArea() const { return useSwapArea_; }
    bool swapAreaHalf() const { return swapAreaHalf_; }
    // Free entries each region keeps in reserve so that moves can always be made. Set by the layout
    // from the swap area (IPv4 and double-size IPv6 get swapArea, single-size IPv6 gets it when
    // swapAreaHalf is set, multicast none); a platform may adjust them after initialisation.
-   uint32_t swapAreaSize(RouteType t) const { return swapAreaSize_[t]; }
+   uint32_t swapAreaSize(RouteType t) const { return regions_[t].swapReserve(); }
    void swapAreaSizeIs(RouteType t, uint32_t n) {
-      if (t == RouteType::v4 && n > swapAreaSize_[t]) swapReserveKept_ = false;
-      swapAreaSize_[t] = n;
+      if (t == RouteType::v4 && n > regions_[t].swapReserve()) swapReserveKept_ = false;
+      regions_[t].swapReserveIs(n);
    }
    // Every placement so far kept out of the swap reserve (no caller passed useSwapArea, and the
    // IPv4 reserve was never raised above what the layout could keep free).
@@ -205,7 +251,8 @@ class L3TcamManagerContext {
    RouteType v6RouteTypeFromPos(uint32_t pos) const;
    RouteType v6RouteTypeFromKey(const Ipv6UcastKey& key) const;
    // Marks `used` as taken and `freed` as free for the route type (0: none). For v6Full both are
-   // logical pair indices and both physical entries of the pair change.
+   // logical pair indices and both physical entries of the pair change. The engine itself changes
+   // occupancy only through its regions, which keep mapping, bitmaps and ranges together.
    void updateBitmaps(RouteType t, uint32_t used, uint32_t freed);
    // Rebuilds the IPv4 mapping's half-full tracking from its entries.
    void buildHalfFullCache();
@@ -217,8 +264,14 @@ class L3TcamManagerContext {
    uint32_t physicalBoundToPair(uint32_t bound) const;
 
    // ---- insertion
+   // Places a new route of its route type's block; its entry (physical), or 0 when there is no
+   // room. The positional form takes the key that belongs to the route type.
+   uint32_t addRoute(const TcamRoute& route, bool useSwapArea);
    uint32_t addRoute(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
                      const IpMcastPrefixKey& keyMcast, bool useSwapArea);
+   // Opens a hole for the route from the free entry freeEntry (logical for v6Full) toward the end
+   // of the block (down) or its start (up), one move per intervening length, and places the
+   // route there; its physical entry.
    uint32_t shiftDownAndInsert(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
                                const IpMcastPrefixKey& keyMcast, uint32_t freeEntry);
    uint32_t shiftUpAndInsert(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
@@ -297,57 +350,32 @@ class L3TcamManagerContext {
  private:
    void createMappings();
    bool notifyMoves() const { return !config_.softwareOnly; }
-   uint32_t prefixLength(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
-                         const IpMcastPrefixKey& keyMcast) const;
-   void moveEntry(RouteType t, uint32_t len, uint32_t newPos, uint32_t oldPos);
-   uint32_t placeNewRoute(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
-                          const IpMcastPrefixKey& keyMcast, uint32_t len, const IndexRange& ir,
-                          uint32_t freeEntry);
-   uint32_t recordNewRoute(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
-                           const IpMcastPrefixKey& keyMcast, uint32_t freeEntry);
-   // The bitmap in which insertion looks for free entries of a type.
-   HBitmap& freeMap(RouteType t) const { return t == RouteType::v6Full ? *bitmapPair_ : *bitmap_; }
+   TcamRegion& regionOf(RouteType t) { return regions_[t]; }
+   // The steps of addRoute: the range in which the route's length wants its slot, and, for a
+   // double-size route when no pair is free, a pair freed by moving an IPv4 entry aside.
+   IndexRange targetRange(const TcamBlock& blk, uint32_t len, uint32_t blkStart,
+                          uint32_t blkEnd) const;
+   bool freeAPair(uint32_t blkStart, uint32_t blkEnd, unsigned level, bool useSwapArea);
+   uint32_t shiftAndInsert(const TcamRoute& route, uint32_t freeEntry, bool down);
    void verifyBlock(RouteType t) const;
    // Sets the IPv4/IPv6 border of a layout whose border moves: the IPv4 and v6Full block bounds,
    // v4V6Border and the IPv6 mapping's border, together. Moves nothing.
    void borderIs(uint32_t border);
-   // Opens a hole for a route of length len from the free entry freeEntry (logical for v6Full),
-   // shifting one entry per intervening length; returns the hole and sets `ir` to len's range
-   // with the hole included. Bitmaps are not updated for the hole itself.
-   uint32_t openHoleDown(RouteType t, uint32_t len, uint32_t freeEntry, IndexRange& ir);
-   uint32_t openHoleUp(RouteType t, uint32_t len, uint32_t freeEntry, IndexRange& ir);
-   // Both shifts: open the hole toward the end of the block (down) or its start, then place.
-   uint32_t shiftAndInsert(RouteType t, const Ipv4UcastKey& key4, const Ipv6UcastKey& key6,
-                           const IpMcastPrefixKey& keyMcast, uint32_t freeEntry, bool down);
-   // Moves the entry at oldPos (logical for v6Full) of length len, which stays in its block, to a
-   // new place in its length's order reached from freeEntry; the new position.
-   uint32_t relocateEntry(RouteType t, uint32_t len, uint32_t oldPos, uint32_t freeEntry);
-   // Takes oldPos out of len's range after its entry left (the range is kept when other entries
-   // of len remain, shrunk to used entries at its ends).
-   void shrinkRange(RouteType t, uint32_t len, uint32_t oldPos);
-   // Sets or clears the pair bit of a physical entry of the double-size region from the
-   // occupancy of the pair's two entries.
-   void markPair(uint32_t physical);
    // Pair 0 and the pairs the invalid-entry manager set aside.
-   bool pairReserved(uint32_t pair) const;
+   bool pairReserved(uint32_t pair) const { return occupancy_.pairReserved(pair); }
    // Placements that bypass insertion (at a known index, or rebuilt from the hardware) take
    // whatever entries they are given, so the IPv4 reserve is kept only while it is still free.
    void recheckSwapReserve();
 
    Config config_;
    Ulo::Ptr<LpmInvalidEntryManager> invalidEntryManager_;
-   RouteTypeArray<Ulo::Ptr<TcamBlock>> blocks_;
-   Ulo::Ptr<HBitmap> bitmap_;
-   Ulo::Ptr<HBitmap> bitmapPair_;
-   uint32_t bitmapStart_ = 0;
-   uint32_t bitmapPairStart_ = 0;
+   TcamOccupancy occupancy_;
+   RouteTypeArray<TcamRegion> regions_;
    uint32_t numReservedEntriesInBitmap_ = 0;
    uint32_t numReservedEntriesInBitmapPair_ = 0;
    uint32_t effectiveSize_ = 0;
    uint32_t v4V6Border_ = 0;
-   uint32_t lpmPairGap_ = 0;
    uint32_t swapArea_ = 0;
-   RouteTypeArray<uint32_t> swapAreaSize_;
    bool useSwapArea_ = false;
    bool swapAreaHalf_ = false;
    bool initialized_ = false;
@@ -357,6 +385,7 @@ class L3TcamManagerContext {
    // verify() then no longer expects it kept.
    bool swapReserveKept_ = true;
    Ulo::Ptr<TcamStats> stats_;
+   Ulo::Ptr<TcamPublisher> publisher_;
    Ulo::Ptr<MappingV4Base> v4_;
    Ulo::Ptr<MappingV6Base> v6_;
    Ulo::Ptr<MappingMcastV4> mcastV4_;

@@ -54,11 +54,11 @@ void verifyPlacement(RouteType t, const TcamBlock& blk, uint32_t index, uint32_t
 
 void L3TcamManagerContext::verify() const {
    if (!layoutDone_) return;
-   const uint32_t g = lpmPairGap_;
+   const uint32_t g = occupancy_.gap();
 
    // Expected occupancy: the reserved and invalid entries, then every route's entries.
-   HBitmap expected(bitmap_->size());
-   HBitmap expectedPair(bitmapPair_->size());
+   HBitmap expected(occupancy_.entries()->size());
+   HBitmap expectedPair(occupancy_.pairs()->size());
    expected.setBit(0);
    expectedPair.setBit(0);
    if (v4Mcast()) {
@@ -112,8 +112,8 @@ void L3TcamManagerContext::verify() const {
                           "verify: multicast routes per length", "len ", len, ": ", perLen[len],
                           " routes, counted ", stats_->maskLengthsMcastIpv4(len));
       }
-      VEXLO_ASSERT_MSG(*bitmap_ == expected, "verify: bitmap", "used entries ", bitmap_->count(),
-                       ", expected ", expected.count());
+      VEXLO_ASSERT_MSG(*occupancy_.entries() == expected, "verify: bitmap", "used entries ",
+                       occupancy_.entries()->count(), ", expected ", expected.count());
       return;
    }
 
@@ -237,10 +237,10 @@ void L3TcamManagerContext::verify() const {
                        "verify: IPv6 routes per length", "len ", len, ": ", perLen6[len],
                        " routes, counted ", stats_->maskLengthsIpv6(len));
    }
-   VEXLO_ASSERT_MSG(*bitmap_ == expected, "verify: bitmap", "used entries ", bitmap_->count(),
-                    ", expected ", expected.count());
-   VEXLO_ASSERT_MSG(*bitmapPair_ == expectedPair, "verify: bitmapPair", "used pairs ",
-                    bitmapPair_->count(), ", expected ", expectedPair.count());
+   VEXLO_ASSERT_MSG(*occupancy_.entries() == expected, "verify: bitmap", "used entries ",
+                    occupancy_.entries()->count(), ", expected ", expected.count());
+   VEXLO_ASSERT_MSG(*occupancy_.pairs() == expectedPair, "verify: bitmapPair", "used pairs ",
+                    occupancy_.pairs()->count(), ", expected ", expectedPair.count());
 }
 
 uint32_t L3TcamManagerContext::verifyRoute4(const Ipv4UcastKey& key) const {
@@ -255,7 +255,7 @@ uint32_t L3TcamManagerContext::verifyRoute4(const Ipv4UcastKey& key) const {
    VEXLO_ASSERT_MSG(other.isNull() || other.len() == key.len(),
                     "verifyRoute4: halves of one length", "key ", key, " pos ", pos, " keys ", k);
    const TcamBlock& blk = *block(RouteType::v4);
-   VEXLO_ASSERT_MSG(bitmap_->isBitSet(pos) && blk.bitmap()->isBitSet(pos),
+   VEXLO_ASSERT_MSG(occupancy_.entries()->isBitSet(pos) && blk.bitmap()->isBitSet(pos),
                     "verifyRoute4: entry marked used", "key ", key, " pos ", pos);
    VEXLO_ASSERT_MSG(blk.lengthRange(key.len()).contains(pos), "verifyRoute4: inside its range",
                     "key ", key, " pos ", pos, " range ", blk.lengthRange(key.len()));
