@@ -83,8 +83,8 @@
 #include <string_view>
 #include <vector>
 
-#include "VexloL3Common/types/L3RouteTypes.h"
 #include "VexloL3Common/tcam/L3Stats.h"
+#include "VexloL3Common/types/L3RouteTypes.h"
 #include "platform/NetTypes.h"
 #include "platform/Reactor.h"
 
@@ -213,7 +213,7 @@ class TcamEmulator {
    void forEachEntry(const std::function<void(uint32_t, const TcamEntry&)>& f) const;
 
  private:
-   struct Index;  // the tries and key states, in the source file
+   struct Index;  // the tries and key states, in TcamEmulatorIndex.h
 
    void checkPos(const char* what, uint32_t pos, bool doubleSize) const;
    bool posValid(uint32_t pos, bool doubleSize) const;
