@@ -56,7 +56,11 @@ set(VEXLO_HEADERS
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamShift.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/types/HBitmap.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/types/L3RouteTypes.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanBum.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanDebug.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanDefs.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanEntity.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanKeys.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanState.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanTypes.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanUnderlayMulticastBaseSm.h)

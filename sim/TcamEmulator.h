@@ -213,7 +213,7 @@ class TcamEmulator {
    void forEachEntry(const std::function<void(uint32_t, const TcamEntry&)>& f) const;
 
  private:
-   struct Index;  // the tries and key states, in the source file
+   struct Index;  // the tries and key states, in TcamEmulatorIndex.h
 
    void checkPos(const char* what, uint32_t pos, bool doubleSize) const;
    bool posValid(uint32_t pos, bool doubleSize) const;

@@ -193,7 +193,9 @@ void checkConfiguration(const Options& o) {
 
 enum class Command { simulate, replay, show, capacity };
 
-int run(Command cmd, const Options& o) {
+// What can be refused before any work is done: counts, the configuration, the inputs, the
+// directories of the output files.
+void checkRun(Command cmd, const Options& o) {
    checkCounts(o);
    checkConfiguration(o);
    if (cmd == Command::replay && o.trace == "-" && o.routes == "-")
@@ -202,6 +204,66 @@ int run(Command cmd, const Options& o) {
       if (!f.empty() && f != "-") checkWritable(f);
    }
    if (o.report == "-") throw UsageError("--report needs a file name");
+}
+
+// Files are written after all the work, so a run that fails leaves none behind.
+void writeOutputs(const Options& o, const sim::Simulation& sim, const Input& in,
+                  const std::vector<sim::ReportData::CapacityRow>& capacity, size_t violations) {
+   if (!o.report.empty()) {
+      sim::ReportData d = sim.reportData();
+      d.title = "vexlo-tcam: " + configLine(o, sim);
+      d.facts = reportFacts(sim, in);
+      d.capacity = capacity;
+      std::ostringstream page;
+      sim::writeHtmlReport(page, d);
+      writeFileAtomically(o.report, page.str());
+   }
+   if (!o.json.empty()) {
+      const std::string text = jsonStatistics(o, sim, in, capacity, violations);
+      if (o.json == "-") {
+         std::fwrite(text.data(), 1, text.size(), stdout);
+      } else {
+         writeFileAtomically(o.json, text);
+      }
+   }
+}
+
+// The text an operator reads, by subcommand.
+void printResults(Command cmd, const Options& o, const sim::Simulation& sim, const Input& in,
+                  const std::vector<sim::ReportData::CapacityRow>& capacity) {
+   const sim::EmulatedTable* u = sim.unicast();
+   switch (cmd) {
+      case Command::simulate:
+      case Command::replay:
+         printHeadline(o, sim, in);
+         if (u) {
+            std::fflush(stdout);
+            u->ctx().showSoftwareTcamTableSummary(STDOUT_FILENO);
+            u->ctx().showSoftwareTcamTableIndexRange(STDOUT_FILENO);
+         }
+         std::printf("\n");
+         printStatistics(sim);
+         printCapacity(capacity);
+         break;
+      case Command::show:
+         if (u) {
+            std::fflush(stdout);
+            u->ctx().showSoftwareTcamTable(STDOUT_FILENO, true);
+         }
+         if (const sim::EmulatedTable* m = sim.multicast()) {
+            std::printf("Multicast table: %u of %u entries used\n",
+                        m->ctx().entries(RouteType::v4Mcast), m->ctx().tcamSize() - 1);
+         }
+         break;
+      case Command::capacity:
+         printHeadline(o, sim, in);
+         printCapacity(capacity);
+         break;
+   }
+}
+
+int run(Command cmd, const Options& o) {
+   checkRun(cmd, o);
    if (!o.traceLevels.empty()) Ulo::Trace::configure(o.traceLevels);
 
    Input in = readInput(o);
@@ -225,56 +287,8 @@ int run(Command cmd, const Options& o) {
        wantCapacity ? sim.capacity(o.warnAt, o.criticalAt)
                     : std::vector<sim::ReportData::CapacityRow>{};
 
-   // Files are written after all the work, so a run that fails leaves none behind.
-   if (!o.report.empty()) {
-      sim::ReportData d = sim.reportData();
-      d.title = "vexlo-tcam: " + configLine(o, sim);
-      d.facts = reportFacts(sim, in);
-      d.capacity = capacity;
-      std::ostringstream page;
-      sim::writeHtmlReport(page, d);
-      writeFileAtomically(o.report, page.str());
-   }
-   const bool jsonOnStdout = o.json == "-";
-   if (!o.json.empty()) {
-      const std::string text = jsonStatistics(o, sim, in, capacity, violations.size());
-      if (jsonOnStdout) {
-         std::fwrite(text.data(), 1, text.size(), stdout);
-      } else {
-         writeFileAtomically(o.json, text);
-      }
-   }
-   if (!jsonOnStdout) {
-      const sim::EmulatedTable* u = sim.unicast();
-      switch (cmd) {
-         case Command::simulate:
-         case Command::replay:
-            printHeadline(o, sim, in);
-            if (u) {
-               std::fflush(stdout);
-               u->ctx().showSoftwareTcamTableSummary(STDOUT_FILENO);
-               u->ctx().showSoftwareTcamTableIndexRange(STDOUT_FILENO);
-            }
-            std::printf("\n");
-            printStatistics(sim);
-            printCapacity(capacity);
-            break;
-         case Command::show:
-            if (u) {
-               std::fflush(stdout);
-               u->ctx().showSoftwareTcamTable(STDOUT_FILENO, true);
-            }
-            if (const sim::EmulatedTable* m = sim.multicast()) {
-               std::printf("Multicast table: %u of %u entries used\n",
-                           m->ctx().entries(RouteType::v4Mcast), m->ctx().tcamSize() - 1);
-            }
-            break;
-         case Command::capacity:
-            printHeadline(o, sim, in);
-            printCapacity(capacity);
-            break;
-      }
-   }
+   writeOutputs(o, sim, in, capacity, violations.size());
+   if (o.json != "-") printResults(cmd, o, sim, in, capacity);
    std::fflush(stdout);
    for (const std::string& v : violations)
       std::fprintf(stderr, "vexlo-tcam: table inconsistent: %s\n", v.c_str());

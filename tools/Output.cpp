@@ -303,12 +303,10 @@ void printCapacity(const std::vector<sim::ReportData::CapacityRow>& rows) {
    }
 }
 
-std::string jsonStatistics(const Options& o, const sim::Simulation& sim, const Input& in,
-                           const std::vector<sim::ReportData::CapacityRow>& capacity,
-                           size_t violations) {
-   const sim::Statistics& st = sim.statistics();
-   Json j;
-   j.open(nullptr, '{');
+namespace {
+
+// The options the run was made with, and where its table came from.
+void configJson(Json& j, const Options& o, const sim::Simulation& sim, const Input& in) {
    j.open("config", '{')
        .num("size", o.size)
        .num("mode", o.mode)
@@ -331,7 +329,10 @@ std::string jsonStatistics(const Options& o, const sim::Simulation& sim, const I
        .string("description", in.description)
        .num("routes", in.routes.size())
        .close('}');
+}
 
+// Routes placed, refused and deleted per family; moves, merges, conversions, reallocations.
+void routesJson(Json& j, const sim::Statistics& st) {
    static const char* const families[] = {"ipv4", "ipv6", "multicast"};
    j.open("routes", '{')
        .num("placed", st.placed())
@@ -355,6 +356,10 @@ std::string jsonStatistics(const Options& o, const sim::Simulation& sim, const I
        .num("conversions", st.conversions)
        .num("reallocations", st.reallocations);
    j.num("operations", st.operations);
+}
+
+// The model's time per phase and its memory.
+void timingJson(Json& j, const sim::Statistics& st) {
    j.open("timing", '{');
    j.open("phases", '[');
    for (const auto& p : st.phases) {
@@ -375,6 +380,10 @@ std::string jsonStatistics(const Options& o, const sim::Simulation& sim, const I
    } else {
       j.null("modelBytes");
    }
+}
+
+// The show summary's figures of the unicast table; null without one.
+void summaryJson(Json& j, const sim::Simulation& sim) {
    if (const sim::EmulatedTable* u = sim.unicast()) {
       const Summary s = summaryOf(u->ctx());
       j.open("summary", '{')
@@ -395,6 +404,9 @@ std::string jsonStatistics(const Options& o, const sim::Simulation& sim, const I
    } else {
       j.null("summary");
    }
+}
+
+void capacityJson(Json& j, const std::vector<sim::ReportData::CapacityRow>& capacity) {
    j.open("capacity", '[');
    for (const auto& r : capacity) {
       j.open(nullptr, '{')
@@ -408,6 +420,21 @@ std::string jsonStatistics(const Options& o, const sim::Simulation& sim, const I
           .close('}');
    }
    j.close(']');
+}
+
+}  // namespace
+
+std::string jsonStatistics(const Options& o, const sim::Simulation& sim, const Input& in,
+                           const std::vector<sim::ReportData::CapacityRow>& capacity,
+                           size_t violations) {
+   const sim::Statistics& st = sim.statistics();
+   Json j;
+   j.open(nullptr, '{');
+   configJson(j, o, sim, in);
+   routesJson(j, st);
+   timingJson(j, st);
+   summaryJson(j, sim);
+   capacityJson(j, capacity);
    j.num("violations", violations);
    j.close('}');
    return j.str();

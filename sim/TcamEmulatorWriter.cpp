@@ -1,0 +1,167 @@
+// TcamEmulator: the writer role, carrying out the moves and merges the model publishes, and the
+// errors it records.
+#include <string_view>
+#include <type_traits>
+
+#include "platform/Assert.h"
+#include "platform/Trace.h"
+#include "sim/TcamEmulator.h"
+#include "sim/TcamEmulatorIndex.h"
+
+namespace VexloL3Common::sim {
+
+using namespace internal;
+
+namespace {
+
+Ulo::TraceHandle th("TcamEmulator");
+
+constexpr const char* writerErrorText = "TcamEmulator: writer error";
+constexpr const char* inconsistentText = "TcamEmulator: table inconsistent";
+
+}  // namespace
+
+// ---- writer role ------------------------------------------------------------------------------
+
+void TcamEmulator::attach(RouteMove& move, RouteMove& moveStatus, RouteMerge& merge,
+                          RouteMerge& mergeStatus) {
+   detach();
+   moveStatus_ = &moveStatus;
+   mergeStatus_ = &mergeStatus;
+   moveSub_ = move.changed().subscribe([this](const RoutePosition& p) { onMove(p); });
+   mergeSub_ = merge.changed().subscribe([this](const RouteMergeInfo& m) { onMerge(m); });
+}
+
+void TcamEmulator::detach() {
+   moveSub_.reset();
+   mergeSub_.reset();
+   moveStatus_ = nullptr;
+   mergeStatus_ = nullptr;
+}
+
+void TcamEmulator::onMove(const RoutePosition& p) {
+   applyMove(p);
+   if (acknowledges_) moveStatus_->posIs(p);
+}
+
+void TcamEmulator::onMerge(const RouteMergeInfo& m) {
+   applyMerge(m);
+   if (acknowledges_) mergeStatus_->mergeIs(m);
+}
+
+bool TcamEmulator::posValid(uint32_t pos, bool doubleSize) const {
+   if (pos == 0 || pos >= size()) return false;
+   return !doubleSize || (pairGap_ != 0 && pairGap_ < size() && pos < size() - pairGap_);
+}
+
+uint32_t TcamEmulator::rankOf(uint32_t pos, EntryKind kind) const {
+   return kind == EntryKind::v6Single ? size() + pos : pos;
+}
+
+void TcamEmulator::applyMove(const RoutePosition& p) {
+   TRACE(th, 6, "move ", p);
+   const uint32_t src = p.oldRouteId;
+   const uint32_t dst = p.newRouteId;
+   auto fail = [&](std::string_view why) {
+      report(writerErrorText, fmt::format("move {}: {}", p, why));
+   };
+   if (!posValid(src, false) || !posValid(dst, false)) return fail("position outside the table");
+   const TcamEntry from = entries_[src];
+   bool matches = false;
+   if (p.v4) {
+      bool right = !from.v4.right.isNull(), left = !from.v4.left.isNull();
+      matches = from.kind == EntryKind::v4 && ((p.type == EntryType::v4Right && right && !left) ||
+                                               (p.type == EntryType::v4Left && left && !right) ||
+                                               (p.type == EntryType::v4Both && left && right));
+   } else if (p.type == EntryType::v6) {
+      matches = from.kind == EntryKind::v6Single || from.kind == EntryKind::v6DoubleFirst;
+   } else if (p.type == EntryType::mcastV4) {
+      matches = from.kind == EntryKind::mcast;
+   }
+   if (!matches) return fail(fmt::format("the source holds {}", from));
+   // An IPv6 route takes the size of the region it lands in when the writer knows the regions.
+   TcamEntry to = from;
+   if (p.type == EntryType::v6 && doubleSizeAt_) {
+      to.kind = doubleSizeAt_(dst) ? EntryKind::v6DoubleFirst : EntryKind::v6Single;
+   }
+   if (to.kind == EntryKind::v6DoubleFirst && !posValid(dst, true)) {
+      return fail("the destination's partner lies outside the table");
+   }
+   // A stale copy means the model and the hardware disagree about where a route lives.
+   const uint32_t srcRank = rankOf(src, from.kind);
+   std::string stale;
+   visitKeys(from, src, size(), [&](const auto& k, uint32_t) {
+      const auto* s = index_->of(k).find(k);
+      if (!s || !s->installed()) {
+         stale += fmt::format(" {} is not installed;", k);
+      } else if (s->homeRank != srcRank) {
+         stale += fmt::format(" {} lives at {};", k,
+                              where<std::decay_t<decltype(k)>>(s->homeRank, size()));
+      }
+   });
+   if (!stale.empty()) return fail(fmt::format("the source holds a stale copy:{}", stale));
+
+   store(dst, to);
+   const uint32_t dstRank = rankOf(dst, to.kind);
+   visitKeys(from, src, size(), [&](const auto& k, uint32_t) {
+      auto& idx = index_->of(k);
+      if (auto* s = idx.find(k); s && s->homeRank == srcRank) idx.homeIs(*s, dstRank);
+   });
+   // The contents now belong at the destination: the source is invalidated, so that a route
+   // moved out of an entry that nothing reuses cannot outlive its deletion there.
+   if (entries_[src] == from) vacate(src);
+   ++moves_;
+   afterChange();
+}
+
+void TcamEmulator::applyMerge(const RouteMergeInfo& m) {
+   TRACE(th, 6, "merge ", m);
+   auto fail = [&](std::string_view why) {
+      report(writerErrorText, fmt::format("merge {}: {}", m, why));
+   };
+   auto isHalf = [](EntryType t) { return t == EntryType::v4Left || t == EntryType::v4Right; };
+   if (!posValid(m.srcRouteId, false) || !posValid(m.dstRouteId, false)) {
+      return fail("position outside the table");
+   }
+   if (m.srcRouteId == m.dstRouteId) return fail("source and destination are the same entry");
+   if (!isHalf(m.srcRouteType) || !isHalf(m.dstRouteType)) return fail("not a half of an entry");
+   const TcamEntry& from = entries_[m.srcRouteId];
+   const Ipv4UcastKey& key = m.srcRouteType == EntryType::v4Left ? from.v4.left : from.v4.right;
+   if (from.kind != EntryKind::v4 || key.isNull()) {
+      return fail(fmt::format("the source half is empty; the source holds {}", from));
+   }
+   TcamEntry to = entries_[m.dstRouteId];
+   Ipv4UcastKey& half = m.dstRouteType == EntryType::v4Left ? to.v4.left : to.v4.right;
+   if (to.kind != EntryKind::v4 || !half.isNull()) {
+      return fail(fmt::format("the destination half is not free; the destination holds {}", to));
+   }
+   auto* slot = index_->v4.find(key);
+   if (!slot || slot->homeRank != m.srcRouteId) {
+      return fail(fmt::format("the source half holds a stale copy of {}", key));
+   }
+   half = key;
+   setRaw(m.dstRouteId, to);
+   index_->v4.homeIs(*index_->v4.find(key), m.dstRouteId);
+   ++merges_;
+   afterChange();
+}
+
+void TcamEmulator::afterChange() {
+   if (!checkEveryMove_) return;
+   for (auto& v : checkAfterMove())
+      report(inconsistentText, std::move(v.message));
+}
+
+void TcamEmulator::report(const char* text, std::string message) {
+   ++errorCount_;
+   TRACE(th, 1, text, ": ", message);
+   if (errors_.size() < maxKeptErrors) errors_.push_back(message);
+   if (onError_ == OnError::fatal) Ulo::assertFailed(text, message, __FILE__, __LINE__);
+}
+
+void TcamEmulator::errorsDelAll() {
+   errorCount_ = 0;
+   errors_.clear();
+}
+
+}  // namespace VexloL3Common::sim
