@@ -21,10 +21,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include "VexloL3Common/types/L3RouteTypes.h"
-#include "VexloL3Common/tcam/L3TcamMapping.h"
 #include "VexloL3Common/internal/FlatHashMap.h"
+#include "VexloL3Common/tcam/L3TcamMapping.h"
 #include "VexloL3Common/tcam/internal/L3TcamMappingImpl.h"
+#include "VexloL3Common/types/L3RouteTypes.h"
 
 namespace {
 

@@ -87,9 +87,9 @@ TEST(TcamShow, ReportIsExactAndTracedWithRangesOnlyOnDetail) {
    h.add4(k4(3, "172.16.0.0/12"));
    h.add4(k4(1, "172.32.0.0/12"));
    h.del4(k4(3, "172.16.0.0/12"), false);  // left half only
-   h.add6(RouteType::v6Half, k6(1, "2001:db8::/48"));
-   h.add6(RouteType::v6Full, k6(1, "2001:db8::1/128"));
-   h.add6(RouteType::v6Full, k6(7, "2001:db8:2::/96"));
+   h.add6(k6(1, "2001:db8::/48"));
+   h.add6(k6(1, "2001:db8::1/128"));
+   h.add6(k6(7, "2001:db8:2::/96"));
    h.ctx().stats()->moveRouteIs(RouteType::v4, 7);
    h.ctx().stats()->moveRouteIs(RouteType::v6Half, 3);
    h.ctx().stats()->moveRouteIs(RouteType::v6Full, 5000000000);

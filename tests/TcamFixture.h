@@ -61,17 +61,6 @@ class TcamHarness {
       check();
    }
 
-   // Places an IPv6 route of the given type directly, as the IPv6 entry points do.
-   uint32_t add6(RouteType t, const Ipv6UcastKey& key) {
-      uint32_t pos = ctx_->addRoute(t, Ipv4UcastKey(), key, IpMcastPrefixKey(), false);
-      if (pos) {
-         ctx_->stats()->maskLengthsIpv6Inc(key.len(), 1);
-         emu_->writeV6(pos, key, t == RouteType::v6Full);
-      }
-      check();
-      return pos;
-   }
-
    // Through the conversion ladder, as an agent adds an IPv6 route.
    RouteReturnCode add6(const Ipv6UcastKey& key, bool useSwapArea = false) {
       RouteReturnCode rc = ctx_->addRoute6(key, useSwapArea);

@@ -30,8 +30,8 @@
 
 #include <cstdint>
 
-#include "VexloL3Common/types/L3RouteTypes.h"
 #include "VexloL3Common/tcam/L3TcamTable.h"
+#include "VexloL3Common/types/L3RouteTypes.h"
 #include "platform/Reactor.h"
 
 namespace VexloL3Common {
