@@ -15,6 +15,11 @@
 // intervening prefix length so that the hole travels to the target. Every move and merge is
 // published through RouteMove / RouteMerge and acknowledged by the writer before the next one.
 //
+// Structure (docs/ARCHITECTURE.md): the context decides; each route type's TcamRegion
+// (L3TcamRegion.h) carries a placement out, keeping its mapping, the occupancy bitmaps and the
+// length ranges consistent in one call; the mappings hand every move and merge to the context's
+// TcamPublisher (L3TcamPublisher.h), the one seam to the hardware writer.
+//
 // Index conventions: index 0 is never a route's entry (0 means "none" in every result). A
 // double-size IPv6 route takes physical entries i and i + G (G = lpmPairGap): logical pair l
 // stands for physical entry l + floor(l / G) * G and its partner G further on. The v6Full block's
@@ -29,7 +34,7 @@
 //                 changes nothing and reports where the key already is (an agent replaying its
 //                 routes after a restart gets the same answers again).
 //   softwareOnly  the model runs without a hardware writer: moves and merges are made and counted
-//                 but not published (every moveEntry / mergeEntries gets notify = !softwareOnly).
+//                 but not published (the context's publisher is built with notify false).
 //
 // Single event-loop thread: nothing here is locked.
 #pragma once
