@@ -40,11 +40,11 @@
 #include <string>
 #include <vector>
 
-#include "VexloL3Common/types/HBitmap.h"
-#include "VexloL3Common/types/L3RouteTypes.h"
 #include "VexloL3Common/tcam/L3Stats.h"
 #include "VexloL3Common/tcam/L3TcamBlock.h"
 #include "VexloL3Common/tcam/L3TcamMapping.h"
+#include "VexloL3Common/types/HBitmap.h"
+#include "VexloL3Common/types/L3RouteTypes.h"
 #include "platform/Reactor.h"
 #include "platform/RoutingStatus.h"
 
@@ -234,9 +234,10 @@ class L3TcamManagerContext {
    // that was freed, or 0 when nothing was converted.
    uint32_t convertV4Entry(bool toHalf);
    // Moves one IPv6 route of prefixLen into the block of routeType from the other IPv6 block;
-   // the freed index of the source block, or 0. prefixLen must be the longest single-size length
-   // (to double size) or the shortest double-size one (to single size): double-size entries are
-   // searched first, so no double-size route may be shorter than a single-size one.
+   // the freed index of the source block, or 0 (also when the layout has no entries of that
+   // block at all). prefixLen must be the longest single-size length (to double size) or the
+   // shortest double-size one (to single size): double-size entries are searched first, so no
+   // double-size route may be shorter than a single-size one.
    uint32_t convertV6Entry(RouteType routeType, uint32_t prefixLen, bool useSwapArea);
    // Converts every single-size route of prefixLen in range to double size (prefixLen as above);
    // false when the double-size block filled up first.
@@ -328,6 +329,10 @@ class L3TcamManagerContext {
    // Sets or clears the pair bit of a physical entry of the double-size region from the
    // occupancy of the pair's two entries.
    void markPair(uint32_t physical);
+   // The ladder's rungs for a full double-size block: two IPv4 entries out of the double-size
+   // region, or, when a double-size route of /64 or less exists (fullMin), the shortest one to a
+   // single entry. False when the rung found nothing to move or nowhere to put it.
+   bool makeRoomForPair(int64_t fullMin, bool useSwapArea);
    // Pair 0 and the pairs the invalid-entry manager set aside.
    bool pairReserved(uint32_t pair) const;
    // Placements that bypass insertion (at a known index, or rebuilt from the hardware) take
