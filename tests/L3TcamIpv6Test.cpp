@@ -160,6 +160,12 @@ TEST(TcamIpv6, ConversionsAndImagesKeepDoubleSizeRoutesNoShorterThanSingleSize) 
    ASSERT_NE(h.add6(inner).routeId, 0u);
    EXPECT_EQ(failureOf([&] { h.ctx().convertV6Entry(RouteType::v6Full, 56, false); }),
              "convertV6Entry: the longest single-size or shortest double-size length");
+   // With a destination block to go to, a length that no single-size entry may hold, or that
+   // the source block does not hold, is the caller's fault too.
+   EXPECT_EQ(failureOf([&] { h.ctx().convertV6Entry(RouteType::v6Full, 100, false); }),
+             "prefixLen < 65");
+   EXPECT_EQ(failureOf([&] { h.ctx().convertV6Entry(RouteType::v6Half, 40, false); }),
+             "ir.start() && ir.end()");
 
    std::vector<TcamHardwareEntry> image(3);
    image[0].kind = TcamHardwareEntry::Kind::v6Double;
@@ -213,16 +219,173 @@ TEST(TcamIpv6, UrpfSwitchCountsIpv4EntriesInTheDoubleRegionOnce) {
                                         h.ctx().entries(RouteType::v4))));
 }
 
-TEST(TcamIpv6, FailedLadderChangesNothing) {
-   Shared h;
-   fillV4(h);
+// ---- a refused route: every rung tried, in order, each once --------------------------------
+//
+// Levels 2 and 3 hold the ladder's rungs, the conversions and the placements they try. A
+// placement that the swap-region check turns away says so at level 7 only, so here it shows as its
+// opening line alone. A refused route leaves the model exactly as it was.
+
+namespace {
+
+std::vector<std::string> refusedAdd6(TcamHarness& h, const Ipv6UcastKey& key) {
    const std::string before = snapshot(h.ctx());
-   EXPECT_EQ(h.add6(k6(1, "2001:db8::/48")).routeId, 0u);
-   EXPECT_EQ(h.add6(k6(1, "2001:db8::1/128")).routeId, 0u);
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 3);
+   EXPECT_EQ(h.add6(key).routeId, 0u);
    EXPECT_EQ(snapshot(h.ctx()), before);
+   return cap.texts();
 }
 
-TEST(TcamIpv6, WithoutPairingAFullSingleBlockEndsTheLadder) {
+std::string opening(const Ipv6UcastKey& k) {
+   return fmt::format("addRoute6, key: {} (vrf {}), useSwapArea: false", k.prefix, k.vrfId);
+}
+std::string placing(const Ipv6UcastKey& k) {
+   return fmt::format("addRoute, key: {} (vrf {}) useSwapArea: false", k.prefix, k.vrfId);
+}
+std::string converting(RouteType to, uint32_t len) {
+   return fmt::format("convertV6Entry, routeType: {}, prefixLen: {}, useSwapArea: false", to, len);
+}
+// The trace line that names the route a conversion takes from its source block.
+std::string taking(const L3TcamManagerContext& ctx, RouteType from, const Ipv6UcastKey& k) {
+   return fmt::format("IndexRange: {}, old entry: {}, key: {} (vrf {})",
+                      ctx.block(from)->lengthRange(k.len()), ctx.v6()->getEntryId(k), k.prefix,
+                      k.vrfId);
+}
+
+// Every free pair of the double-size region [1, 127] of a Shared table taken by a /100 route.
+void fillDouble(Shared& h) {
+   for (uint32_t i = 0; h.add6(k6n(1000 + i, 100)).routeId != 0; ++i) {
+   }
+}
+
+}  // namespace
+
+TEST(TcamIpv6Ladder, NoIpv4EntryCanLeaveForTheDoubleRegionAndNoPairIsFree) {
+   Shared h;
+   fillV4(h);
+   const Ipv6UcastKey key = k6(1, "2001:db8::/48");
+   EXPECT_EQ(refusedAdd6(h, key),
+             (std::vector<std::string>{
+                 opening(key), placing(key), "Try moving an IPv4 entry to the full size block",
+                 "convertV4Entry, source: /64 block, destination: /128 block",
+                 "No space available in the destination partition, conversion failed",
+                 "Try inserting entry in full size block", placing(key)}));
+}
+
+TEST(TcamIpv6Ladder, LongestSingleRouteFindsNoPair) {
+   Shared h;
+   const Ipv6UcastKey key = k6(1, "2001:db8::/48"), longest = k6n(0, 64);
+   ASSERT_NE(h.add6(longest).routeId, 0u);
+   for (uint32_t i = 1; h.ctx().entriesFree(RouteType::v6Half) > 0; ++i)
+      ASSERT_NE(h.add6(k6n(i, 56)).routeId, 0u);
+   fillDouble(h);
+   EXPECT_EQ(refusedAdd6(h, key),
+             (std::vector<std::string>{
+                 opening(key), placing(key), "Full tcam table",
+                 "Try moving an IPv4 entry to the full size block",
+                 "convertV4Entry, source: /64 block, destination: /128 block",
+                 "No IPv4 entries in the source partition, conversion failed",
+                 "Move entry of prefix 64 to full size block", converting(RouteType::v6Full, 64),
+                 taking(h.ctx(), RouteType::v6Half, longest), placing(longest)}));
+}
+
+// Interleaved with pairing, every IPv6 route is single-size (up to /128) and the double-size
+// block has no entries: the longest route cannot make way.
+TEST(TcamIpv6Ladder, LongestSingleRouteHasNoDoubleBlockToGoTo) {
+   TcamHarness h(sharedCfg());
+   ASSERT_FALSE(h.ctx().block(RouteType::v6Full)->isValid());
+   for (uint32_t i = 0; h.add6(k6n(i, 100)).routeId != 0; ++i) {
+   }
+   const Ipv6UcastKey key = k6(1, "2001:db8::/48");
+   EXPECT_EQ(
+       refusedAdd6(h, key),
+       (std::vector<std::string>{
+           opening(key), placing(key), "Try moving an IPv4 entry to the full size block",
+           "convertV4Entry, source: /64 block, destination: /128 block",
+           "No IPv4 entries in the source partition, conversion failed",
+           "Move entry of prefix 100 to full size block", converting(RouteType::v6Full, 100)}));
+}
+
+TEST(TcamIpv6Ladder, NoIpv4EntryInTheDoubleRegionToMoveOut) {
+   Shared h;
+   fillDouble(h);
+   const Ipv6UcastKey key = k6(1, "2001:db8::1/128");
+   // Entry 32 is free, but its pair (with reserved entry 0) is not.
+   EXPECT_EQ(
+       refusedAdd6(h, key),
+       (std::vector<std::string>{opening(key), placing(key), "2: Full tcam table",
+                                 "Try moving an IPv4 entry in the half size block",
+                                 "convertV4Entry, source: /128 block, destination: /64 block",
+                                 "No IPv4 entries in the source partition, conversion failed"}));
+
+   Shared full;  // IPv4 entries below the border, but no room above it
+   fillV4(full);
+   EXPECT_EQ(refusedAdd6(full, key),
+             (std::vector<std::string>{
+                 opening(key), placing(key), "Try moving an IPv4 entry in the half size block",
+                 "convertV4Entry, source: /128 block, destination: /64 block",
+                 "No space available in the destination partition, conversion failed"}));
+}
+
+// One IPv4 entry leaves, the second finds no room, the pair stays half taken: the second
+// conversion and the last placement are both tried, and the one move made stays made.
+TEST(TcamIpv6Ladder, SecondIpv4EntryFindsNoRoomAndThePairStaysHalfTaken) {
+   Shared h;
+   const std::vector<Ipv4UcastKey> keys = fillV4(h);
+   clearV4(h, keys, [](uint32_t pos) { return pos <= 127 && pos != 1 && pos != 33; });
+   fillDouble(h);
+   const uint32_t freed = 200;
+   clearV4(h, keys, [&](uint32_t pos) { return pos == freed; });
+   const Ipv6UcastKey key = k6(1, "2001:db8::1/128");
+   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 2, 3);
+   EXPECT_EQ(h.add6(key).routeId, 0u);
+   EXPECT_EQ(cap.texts(),
+             (std::vector<std::string>{
+                 opening(key), placing(key), "Try moving an IPv4 entry in the half size block",
+                 "convertV4Entry, source: /128 block, destination: /64 block",
+                 fmt::format("Space found. Old entry: 33, new entry: {}", freed),
+                 "Try moving another IPv4 entry in the half size block",
+                 "convertV4Entry, source: /128 block, destination: /64 block",
+                 "No space available in the destination partition, conversion failed",
+                 "Now try inserting the new entry in the full size block", placing(key)}));
+   EXPECT_EQ(h.v4In(1, 127), 1u);
+}
+
+TEST(TcamIpv6Ladder, ShortestDoubleRouteFindsNoSingleEntry) {
+   Shared h;
+   clearV4(h, fillV4(h), [](uint32_t pos) { return pos <= 127; });
+   const Ipv6UcastKey shortest = k6(1, "2001:db8::/48");
+   // The shortest double-size route: a /48 in the first free pair of the double-size block.
+   const TcamBlock& full = *h.ctx().block(RouteType::v6Full);
+   h.add6At(shortest, h.ctx().pairToPhysical(h.ctx().bitmapPair()->findFirstClear(
+                          h.ctx().physicalBoundToPair(full.start()),
+                          h.ctx().physicalBoundToPair(full.end()))));
+   fillDouble(h);
+   const Ipv6UcastKey key = k6(1, "2001:db8::1/128");
+   EXPECT_EQ(refusedAdd6(h, key),
+             (std::vector<std::string>{
+                 opening(key), placing(key), "Try moving a full size entry in the half size block",
+                 converting(RouteType::v6Half, 48), taking(h.ctx(), RouteType::v6Full, shortest),
+                 placing(shortest), "Full tcam table"}));
+}
+
+// With pairing on a separate layout the single-size block has no entries at all.
+TEST(TcamIpv6Ladder, ShortestDoubleRouteHasNoSingleBlockToGoTo) {
+   auto c = layout(256, 2, 8, false);
+   c.supportsDefipPairing = true;
+   c.requestedTableMode = 9;
+   TcamHarness h(c);
+   ASSERT_EQ(h.ctx().block(RouteType::v6Half)->end(), 0u);
+   ASSERT_NE(h.add6(k6(1, "2001:db8::/48")).routeId, 0u);
+   for (uint32_t i = 0; h.add6(k6n(i, 100)).routeId != 0; ++i) {
+   }
+   const Ipv6UcastKey key = k6(1, "2001:db8::1/128");
+   EXPECT_EQ(refusedAdd6(h, key),
+             (std::vector<std::string>{opening(key), placing(key),
+                                       "Try moving a full size entry in the half size block",
+                                       converting(RouteType::v6Half, 48)}));
+}
+
+TEST(TcamIpv6Ladder, WithoutPairingAFullSingleBlockEndsTheLadder) {
    auto c = layout(256, 2, 8, false);
    c.requestedTableMode = 9;
    TcamHarness h(c);
@@ -230,11 +393,10 @@ TEST(TcamIpv6, WithoutPairingAFullSingleBlockEndsTheLadder) {
    while (h.add6(k6n(i, 48)).routeId != 0)
       ++i;
    EXPECT_EQ(i, 128u) << "the single-size block [128, 255]";
-   Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 3, 3);
-   const std::string before = snapshot(h.ctx());
-   EXPECT_EQ(h.add6(k6n(999, 32)).routeId, 0u);
-   EXPECT_TRUE(cap.contains(" No space left in /64 block. returning"));
-   EXPECT_EQ(snapshot(h.ctx()), before);
+   const Ipv6UcastKey key = k6(1, "2001:db8::/32");
+   EXPECT_EQ(refusedAdd6(h, key),
+             (std::vector<std::string>{opening(key), placing(key), "Full tcam table",
+                                       " No space left in /64 block. returning"}));
    EXPECT_EQ(failureOf([&] { h.ctx().addRoute6(k6n(998, 100), false); }), "supportsDefipPairing()");
    // Interleaved, the single-size block is laid out from index 0 and used from entry 1.
    c.v4V6InterleavingDisabled = false;

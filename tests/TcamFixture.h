@@ -61,6 +61,14 @@ class TcamHarness {
       check();
    }
 
+   // An IPv6 route placed at a chosen entry, as a restart places what the hardware holds (a
+   // double-size route below the IPv6 border).
+   void add6At(const Ipv6UcastKey& key, uint32_t index) {
+      ctx_->addRoute6AtIndex(key, index);
+      emu_->writeV6(index, key, table_.doubleSizeAt(index));
+      check();
+   }
+
    // Through the conversion ladder, as an agent adds an IPv6 route.
    RouteReturnCode add6(const Ipv6UcastKey& key, bool useSwapArea = false) {
       RouteReturnCode rc = ctx_->addRoute6(key, useSwapArea);

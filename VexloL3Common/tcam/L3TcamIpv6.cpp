@@ -32,6 +32,14 @@ bool usableHalf(const Ulo::Ptr<TcamBlock>& blk) {
    return blk && blk->end() != 0;
 }
 
+// The shortest length held double-size; -1 when no double-size block holds a route. The hardware
+// searches every double-size entry before any single-size one, so a route may take a single-size
+// entry only if no shorter double-size route could cover it.
+int64_t shortestHeld(const Ulo::Ptr<TcamBlock>& full) {
+   const uint32_t len = usable(full) ? full->nextLength(0) : TcamBlock::none;
+   return len == TcamBlock::none ? -1 : int64_t(len);
+}
+
 }  // namespace
 
 RouteReturnCode L3TcamManagerContext::addRoute6(const Ipv6UcastKey& key, bool useSwapArea) {
@@ -63,12 +71,7 @@ RouteReturnCode L3TcamManagerContext::addRoute6Internal(const Ipv6UcastKey& key,
    }
    const uint32_t len = key.len();
    const Ulo::Ptr<TcamBlock>& half = block(RouteType::v6Half);
-   const Ulo::Ptr<TcamBlock>& full = block(RouteType::v6Full);
-   // The shortest length held double-size; -1 when no double-size block holds a route. The
-   // hardware searches every double-size entry before any single-size one, so a route may take a
-   // single-size entry only if no shorter double-size route could cover it.
-   const uint32_t fullHeld = usable(full) ? full->nextLength(0) : TcamBlock::none;
-   const int64_t fullMin = fullHeld == TcamBlock::none ? -1 : int64_t(fullHeld);
+   const int64_t fullMin = shortestHeld(block(RouteType::v6Full));
    const uint32_t halfMax = half ? half->lengthRangeMax() : TcamBlock::none;
    TRACE(th, 7, "len: ", len, ", fullMin: ", fullMin, ", halfMax: ", halfMax);
 
@@ -108,8 +111,7 @@ RouteReturnCode L3TcamManagerContext::addRoute6Internal(const Ipv6UcastKey& key,
       } else {
          // The new route is shorter than the longest single-size one: that one makes way.
          TRACE(th, 3, "Move entry of prefix ", halfMax, " to full size block");
-         const bool possible = usable(full) && halfMax < 65;
-         if (!possible || convertV6Entry(RouteType::v6Full, halfMax, useSwapArea) == 0) return rc;
+         if (convertV6Entry(RouteType::v6Full, halfMax, useSwapArea) == 0) return rc;
          TRACE(th, 3, "Now insert the new entry in the half size block");
          const uint32_t entry = addHalf();
          VEXLO_ASSERT_MSG(entry != 0, "entryId", "key: ", key);
@@ -123,26 +125,27 @@ RouteReturnCode L3TcamManagerContext::addRoute6Internal(const Ipv6UcastKey& key,
       if (const uint32_t entry = addRoute(TcamRoute::v6(key, RouteType::v6Full), useSwapArea)) {
          return placed(entry);
       }
-      if (fullMin == -1 || fullMin > 64) {
-         TRACE(th, 3, "Try moving an IPv4 entry in the half size block");
-         if (convertV4Entry(true) == 0) return rc;
-         // A pair needs two single entries.
-         TRACE(th, 3, "Try moving another IPv4 entry in the half size block");
-         convertV4Entry(true);
-      } else {
-         TRACE(th, 3, "Try moving a full size entry in the half size block");
-         // The shortest double-size route makes way: single-size, it still covers nothing
-         // longer that is searched after it.
-         if (!usableHalf(half) ||
-             convertV6Entry(RouteType::v6Half, uint32_t(fullMin), useSwapArea) == 0) {
-            return rc;
-         }
-      }
+      if (!makeRoomForPair(fullMin, useSwapArea)) return rc;
       TRACE(th, 3, "Now try inserting the new entry in the full size block");
    }
    const uint32_t entry = addRoute(TcamRoute::v6(key, RouteType::v6Full), useSwapArea);
    TRACE(th, 7, "EntryId: ", entry);
    return placed(entry);
+}
+
+bool L3TcamManagerContext::makeRoomForPair(int64_t fullMin, bool useSwapArea) {
+   if (fullMin == -1 || fullMin > 64) {
+      TRACE(th, 3, "Try moving an IPv4 entry in the half size block");
+      if (convertV4Entry(true) == 0) return false;
+      // A pair needs two single entries; the second is tried whatever it gives.
+      TRACE(th, 3, "Try moving another IPv4 entry in the half size block");
+      convertV4Entry(true);
+      return true;
+   }
+   TRACE(th, 3, "Try moving a full size entry in the half size block");
+   // The shortest double-size route makes way: single-size, it still covers nothing longer that
+   // is searched after it.
+   return convertV6Entry(RouteType::v6Half, uint32_t(fullMin), useSwapArea) != 0;
 }
 
 uint32_t L3TcamManagerContext::convertV4Entry(bool toHalf) {
@@ -184,7 +187,6 @@ uint32_t L3TcamManagerContext::convertV4Entry(bool toHalf) {
 
 uint32_t L3TcamManagerContext::convertV6Entry(RouteType routeType, uint32_t prefixLen,
                                               bool useSwapArea) {
-   VEXLO_ASSERT_MSG(prefixLen < 65, "prefixLen < 65", "prefixLen: ", prefixLen);
    VEXLO_ASSERT_MSG(routeType == RouteType::v6Half || routeType == RouteType::v6Full,
                     "routeType == L3Common::v6Half_ || routeType == L3Common::v6Full_",
                     "routeType: ", routeType);
@@ -192,6 +194,13 @@ uint32_t L3TcamManagerContext::convertV6Entry(RouteType routeType, uint32_t pref
        routeType == RouteType::v6Half ? RouteType::v6Full : RouteType::v6Half;
    TRACE(th, 3, "convertV6Entry", ", routeType: ", routeType, ", prefixLen: ", prefixLen,
          ", useSwapArea: ", useSwapArea);
+   // A destination block with no entries is a layout without that region (no single-size block
+   // on a paired table, no double-size block on an interleaved one): no room, not a caller fault.
+   // It is checked before the length, since an interleaved single-size block holds lengths up to
+   // /128 and its longest one may be offered here.
+   const Ulo::Ptr<TcamBlock>& destination = block(routeType);
+   if (!(routeType == RouteType::v6Half ? usableHalf(destination) : usable(destination))) return 0;
+   VEXLO_ASSERT_MSG(prefixLen < 65, "prefixLen < 65", "prefixLen: ", prefixLen);
    const IndexRange ir = block(sourceType)->lengthRange(prefixLen);
    VEXLO_ASSERT_MSG(ir.start() && ir.end(), "ir.start() && ir.end()", "prefixLen: ", prefixLen,
                     ", type: ", sourceType);

@@ -299,8 +299,9 @@ void MappingV4Base::relocateKey(const Ipv4UcastKey& key, uint32_t oldPos, uint32
 // ---- MappingV4Base: placement and removal ------------------------------------------------
 
 bool MappingV4Base::isHalfEmptyRight(uint32_t pos, const Ipv4UcastKey& key) const {
-   if (pos == 0) return false;
    TRACE(th, 1, "isHalfEmptyRight entryId: ", pos, " key: ", key);
+   // Position 0 never holds a route: like any missing entry it reads as all zero, which is no
+   // empty half, so it answers false.
    const Ipv4Keys k = keys(pos);
    TRACE(th, 1, "isHalfEmptyRight right: ", k.right, " left: ", k.left);
    return k.right.isNull();

@@ -292,9 +292,10 @@ class L3TcamManagerContext {
    // that was freed, or 0 when nothing was converted.
    uint32_t convertV4Entry(bool toHalf);
    // Moves one IPv6 route of prefixLen into the block of routeType from the other IPv6 block;
-   // the freed index of the source block, or 0. prefixLen must be the longest single-size length
-   // (to double size) or the shortest double-size one (to single size): double-size entries are
-   // searched first, so no double-size route may be shorter than a single-size one.
+   // the freed index of the source block, or 0 (also when the layout has no entries of that
+   // block at all). prefixLen must be the longest single-size length (to double size) or the
+   // shortest double-size one (to single size): double-size entries are searched first, so no
+   // double-size route may be shorter than a single-size one.
    uint32_t convertV6Entry(RouteType routeType, uint32_t prefixLen, bool useSwapArea);
    // Converts every single-size route of prefixLen in range to double size (prefixLen as above);
    // false when the double-size block filled up first.
@@ -366,6 +367,10 @@ class L3TcamManagerContext {
    // Sets the IPv4/IPv6 border of a layout whose border moves: the IPv4 and v6Full block bounds,
    // v4V6Border and the IPv6 mapping's border, together. Moves nothing.
    void borderIs(uint32_t border);
+   // The ladder's rungs for a full double-size block: two IPv4 entries out of the double-size
+   // region, or, when a double-size route of /64 or less exists (fullMin), the shortest one to a
+   // single entry. False when the rung found nothing to move or nowhere to put it.
+   bool makeRoomForPair(int64_t fullMin, bool useSwapArea);
    // Pair 0 and the pairs the invalid-entry manager set aside.
    bool pairReserved(uint32_t pair) const { return occupancy_.pairReserved(pair); }
    // Placements that bypass insertion (at a known index, or rebuilt from the hardware) take
