@@ -336,7 +336,7 @@ class L3TcamManagerContext {
    void showSoftwareTcamTableIndexRange(int fd) const;
    void showSoftwareTcamTable(int fd, bool detail) const;
 
-   // ---- resynchronisation from hardware (see L3TcamResync.cpp)
+   // ---- resynchronisation from hardware (see L3TcamResync.cpp, L3TcamResyncCheck.cpp)
    RouteReturnCode addRoute4AtIndex(const Ipv4UcastKey& key, uint32_t index, bool right);
    RouteReturnCode addRoute6AtIndex(const Ipv6UcastKey& key, uint32_t index);
    RouteReturnCode addMroute4AtIndex(const IpMcastPrefixKey& key, uint32_t index);
