@@ -357,7 +357,6 @@ class L3TcamManagerContext {
                           uint32_t blkEnd) const;
    bool freeAPair(uint32_t blkStart, uint32_t blkEnd, unsigned level, bool useSwapArea);
    uint32_t shiftAndInsert(const TcamRoute& route, uint32_t freeEntry, bool down);
-   void verifyBlock(RouteType t) const;
    // Sets the IPv4/IPv6 border of a layout whose border moves: the IPv4 and v6Full block bounds,
    // v4V6Border and the IPv6 mapping's border, together. Moves nothing.
    void borderIs(uint32_t border);
@@ -366,6 +365,19 @@ class L3TcamManagerContext {
    // Placements that bypass insertion (at a known index, or rebuilt from the hardware) take
    // whatever entries they are given, so the IPv4 reserve is kept only while it is still free.
    void recheckSwapReserve();
+
+   // ---- the steps of verify(), in the order it runs them (L3TcamVerify.cpp). `expected` and
+   // `expectedPair` collect the entries and pairs that the reserved entries and the routes claim.
+   void expectReserved(HBitmap& expected, HBitmap& expectedPair) const;
+   void verifyBlockRanges() const;
+   void verifyMulticast(HBitmap& expected) const;
+   void verifyBorders() const;
+   // Returns the IPv4 routes per length.
+   std::array<uint32_t, 33> verifyV4Entries(HBitmap& expected, HBitmap& expectedPair) const;
+   void verifyV4PerLength(const std::array<uint32_t, 33>& perLen4) const;
+   void verifySwapReserve() const;
+   void verifyV6Entries(HBitmap& expected, HBitmap& expectedPair) const;
+   void verifyOccupancy(const HBitmap& expected, const HBitmap& expectedPair) const;
 
    Config config_;
    Ulo::Ptr<LpmInvalidEntryManager> invalidEntryManager_;
