@@ -379,6 +379,25 @@ class L3TcamManagerContext {
    void verifyV6Entries(HBitmap& expected, HBitmap& expectedPair) const;
    void verifyOccupancy(const HBitmap& expected, const HBitmap& expectedPair) const;
 
+   // ---- the steps of doCreateBlocks, in the order it runs them (L3TcamLayout.cpp)
+   struct LayoutSizes {
+      uint32_t effective = 0;      // usable entries
+      uint32_t blockSize = 0;      // entries per unicast block
+      uint32_t border = 0;         // the IPv6 border: double-size IPv6 routes below it
+      uint32_t gap = 0;            // the pair gap in force
+      uint32_t pairingBorder = 0;  // the IPv4/IPv6 border a layout with a fixed one keeps
+   };
+   // The sizes and borders of a unicast layout (fatal on a mode the layout cannot have).
+   LayoutSizes layoutSizes(bool urpf) const;
+   // Raises std::range_error for a layout that no placement can serve consistently.
+   void checkLayout(bool urpf, const LayoutSizes& s) const;
+   // The IPv4 and the two IPv6 blocks, with their bounds and used-entry bitmaps.
+   void createUnicastBlocks(const LayoutSizes& s);
+   // The occupancy bitmaps with entry 0, the gap entry, the invalid entries and their pairs taken.
+   void reserveEntries(bool urpf, const LayoutSizes& s);
+   // The free entries each region keeps for moves.
+   void reserveSwapArea();
+
    Config config_;
    Ulo::Ptr<LpmInvalidEntryManager> invalidEntryManager_;
    TcamOccupancy occupancy_;
