@@ -25,6 +25,7 @@ set(VEXLO_SOURCES
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamReallocate.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamRegion.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamResync.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamResyncCheck.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamShift.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamShow.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamVerify.cpp
@@ -53,6 +54,7 @@ set(VEXLO_HEADERS
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamRoute.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamTable.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamMappingImpl.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamResyncCheck.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamShift.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/types/HBitmap.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/types/L3RouteTypes.h

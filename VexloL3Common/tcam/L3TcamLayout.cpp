@@ -191,93 +191,108 @@ void L3TcamManagerContext::handleInitialized(bool initialized) {
 
 bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
    VEXLO_ASSERT(invalidEntryManager_, "invalidEntryManager()");
-   const uint32_t size = tcamSize();
-   const uint32_t mode = tcamMode();
-   const uint32_t n = numUcastDefipBlocks();
-   uint32_t effective = 0, blockSize = 0, border = 0;
-   if (urpf) {
-      const uint32_t total = size + invalidEntryManager_->numInvalidEntriesBitmap();
-      VEXLO_ASSERT(fallbackVrfId() == VrfId::invalidVrfId(),
-                   "fallbackVrfId() == Ulo::VrfId::invalidVrfId()");
-      VEXLO_ASSERT(mode == 2 || mode == 4, "mode == 2 || mode == 4");
-      VEXLO_ASSERT(n != 0, "numUcastDefipBlocks()");
-      effective = total >> 1;
-      blockSize = total / n;
-      border = (mode / 2) * blockSize * 2;
-   } else if (fallbackVrfId() == VrfId::invalidVrfId()) {
-      VEXLO_ASSERT(n != 0, "numUcastDefipBlocks()");
-      effective = size;
-      blockSize = size / n;
-      border = blockSize * mode * 2;
-      if (mode == 4 && n % 8 != 0) border = size;
-   } else {
-      VEXLO_ASSERT(mode == 2 || mode == 4, "mode == 2 || mode == 4");
-      effective = size;
-      blockSize = size >> 2;
-      border = (mode / 2) * blockSize * 2;
-   }
-   if (!v4V6InterleavingDisabled()) border = 0;
-
+   const LayoutSizes s = layoutSizes(urpf);
    // Layouts that no placement can serve consistently are refused before anything changes.
-   auto refuse = [&](const std::string& why) {
-      throw std::range_error(fmt::format("doCreateBlocks: {} (tcamSize {}, tcamMode {}, {} blocks)",
-                                         why, size, mode, n));
-   };
-   // An IPv6 region larger than the table: more blocks than the table is made of.
-   if (border > effective) {
-      refuse(fmt::format("border {} beyond the {} usable entries", border, effective));
-   }
-   const bool fixedPairing = supportsDefipPairing() && !dynamicV4V6Boundary();
-   const uint32_t gapInForce = (pairGap() != 0 && !tcamSizeOverridden()) ? pairGap() : blockSize;
-   uint32_t pairingBorder = v4V6Border_;
-   if (fixedPairing) {
-      // The fixed IPv4/IPv6 border splits the full table in halves; uRPF and a fallback VRF
-      // divide the table differently and have no such border.
-      if (urpf || fallbackVrfId() != VrfId::invalidVrfId()) {
-         refuse("a fixed pairing border needs a layout without uRPF and without a fallback VRF");
-      }
-      pairingBorder = size / 2;
-      if (v4V6InterleavingDisabled()) {
-         // Double-size routes lie below the pairing border, and the IPv6 mapping tells double
-         // from single size by the IPv6 border: the two must agree.
-         if (border < pairingBorder) {
-            refuse(
-                fmt::format("IPv6 border {} below the pairing border {}", border, pairingBorder));
-         }
-         // The last pair below the border must have its partner below it too.
-         if (gapInForce == 0 || pairingBorder % (2 * gapInForce) != 0) {
-            refuse(fmt::format("pairing border {} is not a whole number of double banks of {}",
-                               pairingBorder, gapInForce));
-         }
-      }
-   }
+   checkLayout(urpf, s);
    // A border that moves starts with no IPv6 partition; reallocation grows it on demand.
-   v4V6Border_ = borderMoves() ? 0 : pairingBorder;
-   TRACE(th, 1, "doCreateBlocks", " TcamSize: ", size, ", tcamMode: ", mode,
-         ", effective size: ", effective, ", blockSize: ", blockSize, ", border: ", border,
+   v4V6Border_ = borderMoves() ? 0 : s.pairingBorder;
+   TRACE(th, 1, "doCreateBlocks", " TcamSize: ", tcamSize(), ", tcamMode: ", tcamMode(),
+         ", effective size: ", s.effective, ", blockSize: ", s.blockSize, ", border: ", s.border,
          ", urpfEnabled: ", urpf);
 
-   effectiveSize_ = effective;
+   effectiveSize_ = s.effective;
    for (RouteType t : allRouteTypes)
       blockIs(t, nullptr);
    bitmapDel();
    bitmapPairDel();
    numReservedEntriesInBitmap_ = 0;
    numReservedEntriesInBitmapPair_ = 0;
-   const uint32_t last = effective - 1;
+   createUnicastBlocks(s);
+   reserveEntries(urpf, s);
+
+   VEXLO_ASSERT(v6_, "v6()");
+   // Where the border moves, every IPv6 route is double-size and lies below it.
+   v6_->tcamBorderIs(borderMoves() ? v4V6Border_ : s.border);
+   reserveSwapArea();
+   return useSwapArea_;
+}
+
+L3TcamManagerContext::LayoutSizes L3TcamManagerContext::layoutSizes(bool urpf) const {
+   const uint32_t size = tcamSize();
+   const uint32_t mode = tcamMode();
+   const uint32_t n = numUcastDefipBlocks();
+   LayoutSizes s;
+   if (urpf) {
+      const uint32_t total = size + invalidEntryManager_->numInvalidEntriesBitmap();
+      VEXLO_ASSERT(fallbackVrfId() == VrfId::invalidVrfId(),
+                   "fallbackVrfId() == Ulo::VrfId::invalidVrfId()");
+      VEXLO_ASSERT(mode == 2 || mode == 4, "mode == 2 || mode == 4");
+      VEXLO_ASSERT(n != 0, "numUcastDefipBlocks()");
+      s.effective = total >> 1;
+      s.blockSize = total / n;
+      s.border = (mode / 2) * s.blockSize * 2;
+   } else if (fallbackVrfId() == VrfId::invalidVrfId()) {
+      VEXLO_ASSERT(n != 0, "numUcastDefipBlocks()");
+      s.effective = size;
+      s.blockSize = size / n;
+      s.border = s.blockSize * mode * 2;
+      if (mode == 4 && n % 8 != 0) s.border = size;
+   } else {
+      VEXLO_ASSERT(mode == 2 || mode == 4, "mode == 2 || mode == 4");
+      s.effective = size;
+      s.blockSize = size >> 2;
+      s.border = (mode / 2) * s.blockSize * 2;
+   }
+   if (!v4V6InterleavingDisabled()) s.border = 0;
+   s.gap = (pairGap() != 0 && !tcamSizeOverridden()) ? pairGap() : s.blockSize;
+   // The fixed IPv4/IPv6 border splits the full table in halves.
+   s.pairingBorder = supportsDefipPairing() && !dynamicV4V6Boundary() ? size / 2 : v4V6Border_;
+   return s;
+}
+
+void L3TcamManagerContext::checkLayout(bool urpf, const LayoutSizes& s) const {
+   const uint32_t size = tcamSize();
+   auto refuse = [&](const std::string& why) {
+      throw std::range_error(fmt::format("doCreateBlocks: {} (tcamSize {}, tcamMode {}, {} blocks)",
+                                         why, size, tcamMode(), uint32_t(numUcastDefipBlocks())));
+   };
+   // An IPv6 region larger than the table: more blocks than the table is made of.
+   if (s.border > s.effective) {
+      refuse(fmt::format("border {} beyond the {} usable entries", s.border, s.effective));
+   }
+   if (!supportsDefipPairing() || dynamicV4V6Boundary()) return;
+   // uRPF and a fallback VRF divide the table differently and have no fixed pairing border.
+   if (urpf || fallbackVrfId() != VrfId::invalidVrfId()) {
+      refuse("a fixed pairing border needs a layout without uRPF and without a fallback VRF");
+   }
+   if (!v4V6InterleavingDisabled()) return;
+   // Double-size routes lie below the pairing border, and the IPv6 mapping tells double from
+   // single size by the IPv6 border: the two must agree.
+   if (s.border < s.pairingBorder) {
+      refuse(fmt::format("IPv6 border {} below the pairing border {}", s.border, s.pairingBorder));
+   }
+   // The last pair below the border must have its partner below it too.
+   if (s.gap == 0 || s.pairingBorder % (2 * s.gap) != 0) {
+      refuse(fmt::format("pairing border {} is not a whole number of double banks of {}",
+                         s.pairingBorder, s.gap));
+   }
+}
+
+void L3TcamManagerContext::createUnicastBlocks(const LayoutSizes& s) {
+   const uint32_t last = s.effective - 1;
    const bool pairing = supportsDefipPairing();
    const bool fixedBorder = pairing && !dynamicV4V6Boundary();
 
    auto v4Block = std::make_shared<TcamBlock>(0, 32);
    v4Block->startIs(fixedBorder ? v4V6Border_ : 1);
    v4Block->endIs(last);
-   v4Block->bitmapIs(0, effective, false);
+   v4Block->bitmapIs(0, s.effective, false);
    blockIs(RouteType::v4, v4Block);
 
    Ulo::Ptr<TcamBlock> half;
-   if (mode != 4 && !pairing) {
+   if (tcamMode() != 4 && !pairing) {
       half = std::make_shared<TcamBlock>(0, 64);
-      half->startIs(border);
+      half->startIs(s.border);
       half->endIs(last);
    } else if (v4V6InterleavingDisabled()) {
       half = std::make_shared<TcamBlock>(0, 64);
@@ -286,13 +301,13 @@ bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
       half->startIs(1);
       half->endIs(last);
    }
-   half->bitmapIs(0, effective, false);
+   half->bitmapIs(0, s.effective, false);
    blockIs(RouteType::v6Half, half);
 
    auto full = std::make_shared<TcamBlock>(pairing ? 0 : 64, 128);
    if (!pairing) {
       full->startIs(1);
-      full->endIs(border - 1);
+      full->endIs(s.border - 1);
    } else if (fixedBorder) {
       full->startIs(1);
       full->endIs(v4V6Border_ - 1);
@@ -301,14 +316,17 @@ bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
       full->startIs(0);
       full->endIs(0);
    }
-   full->bitmapIs(0, effective / 2, false);
+   full->bitmapIs(0, s.effective / 2, false);
    blockIs(RouteType::v6Full, full);
+}
 
+void L3TcamManagerContext::reserveEntries(bool urpf, const LayoutSizes& s) {
+   const uint32_t effective = s.effective;
    bitmapIs(0, effective, false);
    occupancy_.entries()->setBit(0);
    numReservedEntriesInBitmapInc(1);
 
-   occupancy_.gapIs(gapInForce);
+   occupancy_.gapIs(s.gap);
    // A gap at or beyond the end of the table has no entry of its own to reserve.
    if (v4V6InterleavingDisabled() && occupancy_.gap() < effective) {
       occupancy_.entries()->setBit(occupancy_.gap());
@@ -332,15 +350,15 @@ bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
          }
       }
    }
+}
 
-   VEXLO_ASSERT(v6_, "v6()");
-   // Where the border moves, every IPv6 route is double-size and lies below it.
-   v6_->tcamBorderIs(borderMoves() ? v4V6Border_ : border);
-
+// A table in the mode it asked for, and initialised, keeps a swap area free in the regions that
+// shift entries.
+void L3TcamManagerContext::reserveSwapArea() {
    if (currentTableMode() == requestedTableMode() && initialized_) {
       swapArea_ = 32;
       useSwapArea_ = true;
-      swapAreaHalf_ = mode != 4;
+      swapAreaHalf_ = tcamMode() != 4;
    } else {
       swapArea_ = 0;
       useSwapArea_ = false;
@@ -351,7 +369,6 @@ bool L3TcamManagerContext::doCreateBlocks(bool urpf) {
    regions_[RouteType::v6Half].swapReserveIs(swapAreaHalf_ ? swapArea_ : 0);
    regions_[RouteType::v4Mcast].swapReserveIs(0);
    swapReserveKept_ = entriesFree(RouteType::v4) >= regions_[RouteType::v4].swapReserve();
-   return useSwapArea_;
 }
 
 void L3TcamManagerContext::doCreateMulticastBlocks() {

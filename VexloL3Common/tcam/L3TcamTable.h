@@ -342,7 +342,7 @@ class L3TcamManagerContext {
    void showSoftwareTcamTableIndexRange(int fd) const;
    void showSoftwareTcamTable(int fd, bool detail) const;
 
-   // ---- resynchronisation from hardware (see L3TcamResync.cpp)
+   // ---- resynchronisation from hardware (see L3TcamResync.cpp, L3TcamResyncCheck.cpp)
    RouteReturnCode addRoute4AtIndex(const Ipv4UcastKey& key, uint32_t index, bool right);
    RouteReturnCode addRoute6AtIndex(const Ipv6UcastKey& key, uint32_t index);
    RouteReturnCode addMroute4AtIndex(const IpMcastPrefixKey& key, uint32_t index);
@@ -363,7 +363,6 @@ class L3TcamManagerContext {
                           uint32_t blkEnd) const;
    bool freeAPair(uint32_t blkStart, uint32_t blkEnd, unsigned level, bool useSwapArea);
    uint32_t shiftAndInsert(const TcamRoute& route, uint32_t freeEntry, bool down);
-   void verifyBlock(RouteType t) const;
    // Sets the IPv4/IPv6 border of a layout whose border moves: the IPv4 and v6Full block bounds,
    // v4V6Border and the IPv6 mapping's border, together. Moves nothing.
    void borderIs(uint32_t border);
@@ -376,6 +375,38 @@ class L3TcamManagerContext {
    // Placements that bypass insertion (at a known index, or rebuilt from the hardware) take
    // whatever entries they are given, so the IPv4 reserve is kept only while it is still free.
    void recheckSwapReserve();
+
+   // ---- the steps of verify(), in the order it runs them (L3TcamVerify.cpp). `expected` and
+   // `expectedPair` collect the entries and pairs that the reserved entries and the routes claim.
+   void expectReserved(HBitmap& expected, HBitmap& expectedPair) const;
+   void verifyBlockRanges() const;
+   void verifyMulticast(HBitmap& expected) const;
+   void verifyBorders() const;
+   // Returns the IPv4 routes per length.
+   std::array<uint32_t, 33> verifyV4Entries(HBitmap& expected, HBitmap& expectedPair) const;
+   void verifyV4PerLength(const std::array<uint32_t, 33>& perLen4) const;
+   void verifySwapReserve() const;
+   void verifyV6Entries(HBitmap& expected, HBitmap& expectedPair) const;
+   void verifyOccupancy(const HBitmap& expected, const HBitmap& expectedPair) const;
+
+   // ---- the steps of doCreateBlocks, in the order it runs them (L3TcamLayout.cpp)
+   struct LayoutSizes {
+      uint32_t effective = 0;      // usable entries
+      uint32_t blockSize = 0;      // entries per unicast block
+      uint32_t border = 0;         // the IPv6 border: double-size IPv6 routes below it
+      uint32_t gap = 0;            // the pair gap in force
+      uint32_t pairingBorder = 0;  // the IPv4/IPv6 border a layout with a fixed one keeps
+   };
+   // The sizes and borders of a unicast layout (fatal on a mode the layout cannot have).
+   LayoutSizes layoutSizes(bool urpf) const;
+   // Raises std::range_error for a layout that no placement can serve consistently.
+   void checkLayout(bool urpf, const LayoutSizes& s) const;
+   // The IPv4 and the two IPv6 blocks, with their bounds and used-entry bitmaps.
+   void createUnicastBlocks(const LayoutSizes& s);
+   // The occupancy bitmaps with entry 0, the gap entry, the invalid entries and their pairs taken.
+   void reserveEntries(bool urpf, const LayoutSizes& s);
+   // The free entries each region keeps for moves.
+   void reserveSwapArea();
 
    Config config_;
    Ulo::Ptr<LpmInvalidEntryManager> invalidEntryManager_;

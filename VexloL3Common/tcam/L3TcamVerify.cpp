@@ -54,36 +54,52 @@ void verifyPlacement(RouteType t, const TcamBlock& blk, uint32_t index, uint32_t
 
 void L3TcamManagerContext::verify() const {
    if (!layoutDone_) return;
-   const uint32_t g = occupancy_.gap();
-
    // Expected occupancy: the reserved and invalid entries, then every route's entries.
    HBitmap expected(occupancy_.entries()->size());
    HBitmap expectedPair(occupancy_.pairs()->size());
+   expectReserved(expected, expectedPair);
+   verifyBlockRanges();
+   if (v4Mcast()) {
+      verifyMulticast(expected);
+      verifyOccupancy(expected, expectedPair);
+      return;
+   }
+   verifyBorders();
+   verifyV4PerLength(verifyV4Entries(expected, expectedPair));
+   verifySwapReserve();
+   verifyV6Entries(expected, expectedPair);
+   verifyOccupancy(expected, expectedPair);
+}
+
+void L3TcamManagerContext::expectReserved(HBitmap& expected, HBitmap& expectedPair) const {
+   const uint32_t g = occupancy_.gap();
    expected.setBit(0);
    expectedPair.setBit(0);
    if (v4Mcast()) {
       if (g != 0) expected.setBit(g);
-   } else {
-      if (v4V6InterleavingDisabled() && g < expected.size()) expected.setBit(g);
-      for (const InvalidEntryRange& r : invalidEntryManager_->invalidEntryRange()) {
-         for (uint32_t i = r.start; i <= r.end && i < expected.size(); ++i)
-            expected.setBit(i);
-      }
-      for (const InvalidEntryRange& r : invalidEntryManager_->invalidEntryRangePair()) {
-         for (uint32_t i = r.start; i <= r.end && i < expectedPair.size(); ++i) {
-            expectedPair.setBit(i);
-         }
-      }
-      // A reserved or invalid entry takes its pair.
-      if (supportsDefipPairing() && g != 0) {
-         for (uint32_t b = expected.findFirstSet(0, expected.size() - 1); b != HBitmap::npos;
-              b = b + 1 < expected.size() ? expected.findFirstSet(b + 1, expected.size() - 1)
-                                          : HBitmap::npos) {
-            if (physicalToPair(b) < expectedPair.size()) expectedPair.setBit(physicalToPair(b));
-         }
+      return;
+   }
+   if (v4V6InterleavingDisabled() && g < expected.size()) expected.setBit(g);
+   for (const InvalidEntryRange& r : invalidEntryManager_->invalidEntryRange()) {
+      for (uint32_t i = r.start; i <= r.end && i < expected.size(); ++i)
+         expected.setBit(i);
+   }
+   for (const InvalidEntryRange& r : invalidEntryManager_->invalidEntryRangePair()) {
+      for (uint32_t i = r.start; i <= r.end && i < expectedPair.size(); ++i) {
+         expectedPair.setBit(i);
       }
    }
+   // A reserved or invalid entry takes its pair.
+   if (supportsDefipPairing() && g != 0) {
+      for (uint32_t b = expected.findFirstSet(0, expected.size() - 1); b != HBitmap::npos;
+           b = b + 1 < expected.size() ? expected.findFirstSet(b + 1, expected.size() - 1)
+                                       : HBitmap::npos) {
+         if (physicalToPair(b) < expectedPair.size()) expectedPair.setBit(physicalToPair(b));
+      }
+   }
+}
 
+void L3TcamManagerContext::verifyBlockRanges() const {
    for (RouteType t : allRouteTypes) {
       const TcamBlock* blk = block(t).get();
       if (!blk) continue;
@@ -93,32 +109,32 @@ void L3TcamManagerContext::verify() const {
          verifyRanges(t, *blk, blk->start(), blk->end());
       }
    }
+}
 
-   if (v4Mcast()) {
-      const TcamBlock& blk = *block(RouteType::v4Mcast);
-      uint32_t routes = 0;
-      std::array<uint32_t, 256> perLen{};
-      mcastV4_->forEachKey([&](uint32_t pos, const IpMcastPrefixKey& key) {
-         mcastV4_->verifyEntry(key, pos);
-         verifyPlacement(RouteType::v4Mcast, blk, pos, key.len);
-         claim(expected, pos, "multicast route");
-         ++perLen[key.len];
-         ++routes;
-      });
-      VEXLO_ASSERT_MSG(routes == blk.bitmap()->count(), "verify: multicast entries counted", routes,
-                       " routes, ", blk.bitmap()->count(), " used entries");
-      for (uint32_t len = 0; len < perLen.size(); ++len) {
-         VEXLO_ASSERT_MSG(perLen[len] == stats_->maskLengthsMcastIpv4(len),
-                          "verify: multicast routes per length", "len ", len, ": ", perLen[len],
-                          " routes, counted ", stats_->maskLengthsMcastIpv4(len));
-      }
-      VEXLO_ASSERT_MSG(*occupancy_.entries() == expected, "verify: bitmap", "used entries ",
-                       occupancy_.entries()->count(), ", expected ", expected.count());
-      return;
+void L3TcamManagerContext::verifyMulticast(HBitmap& expected) const {
+   const TcamBlock& blk = *block(RouteType::v4Mcast);
+   uint32_t routes = 0;
+   std::array<uint32_t, 256> perLen{};
+   mcastV4_->forEachKey([&](uint32_t pos, const IpMcastPrefixKey& key) {
+      mcastV4_->verifyEntry(key, pos);
+      verifyPlacement(RouteType::v4Mcast, blk, pos, key.len);
+      claim(expected, pos, "multicast route");
+      ++perLen[key.len];
+      ++routes;
+   });
+   VEXLO_ASSERT_MSG(routes == blk.bitmap()->count(), "verify: multicast entries counted", routes,
+                    " routes, ", blk.bitmap()->count(), " used entries");
+   for (uint32_t len = 0; len < perLen.size(); ++len) {
+      VEXLO_ASSERT_MSG(perLen[len] == stats_->maskLengthsMcastIpv4(len),
+                       "verify: multicast routes per length", "len ", len, ": ", perLen[len],
+                       " routes, counted ", stats_->maskLengthsMcastIpv4(len));
    }
+}
 
-   // The borders: a moving border keeps both blocks and the IPv6 mapping's border in step; a
-   // fixed pairing border starts the IPv4 block.
+// A moving border keeps both blocks and the IPv6 mapping's border in step; a fixed pairing border
+// starts the IPv4 block.
+void L3TcamManagerContext::verifyBorders() const {
+   const uint32_t g = occupancy_.gap();
    const TcamBlock& blkFull = *block(RouteType::v6Full);
    if (borderMoves()) {
       const uint32_t b = v4V6Border_;
@@ -134,11 +150,15 @@ void L3TcamManagerContext::verify() const {
       VEXLO_ASSERT_MSG(block(RouteType::v4)->start() == v4V6Border_, "verify: pairing border",
                        "border ", v4V6Border_, " v4 start ", block(RouteType::v4)->start());
    }
-   // Single entries inside the double-size region take their pair.
-   const bool sharedPairs = supportsDefipPairing() && blkFull.isValid() && g != 0;
+}
 
-   // IPv4: both halves of an entry hold one length; a route never stands in the left half alone
-   // unless two routes share entries; the half-full tracking names exactly the half-full entries.
+// IPv4: both halves of an entry hold one length; a route never stands in the left half alone
+// unless two routes share entries. Returns the routes per length.
+std::array<uint32_t, 33> L3TcamManagerContext::verifyV4Entries(HBitmap& expected,
+                                                               HBitmap& expectedPair) const {
+   // Single entries inside the double-size region take their pair.
+   const TcamBlock& blkFull = *block(RouteType::v6Full);
+   const bool sharedPairs = supportsDefipPairing() && blkFull.isValid() && occupancy_.gap() != 0;
    const TcamBlock& blk4 = *block(RouteType::v4);
    uint32_t entries4 = 0, routes4 = 0;
    std::array<uint32_t, 33> perLen4{};
@@ -173,6 +193,12 @@ void L3TcamManagerContext::verify() const {
                     " entries, ", blk4.bitmap()->count(), " used");
    VEXLO_ASSERT_MSG(routes4 == v4_->keyToEntryIdSize(), "verify: IPv4 keys counted", routes4,
                     " routes, ", v4_->keyToEntryIdSize(), " keys");
+   return perLen4;
+}
+
+// The half-full tracking names exactly the half-full entries, and the statistics count the routes
+// of each length.
+void L3TcamManagerContext::verifyV4PerLength(const std::array<uint32_t, 33>& perLen4) const {
    size_t tracked = 0;
    for (uint32_t len = 0; len <= 32; ++len) {
       if (const uint32_t hf = v4_->halfFull(len)) {
@@ -188,16 +214,21 @@ void L3TcamManagerContext::verify() const {
    }
    VEXLO_ASSERT_MSG(tracked == v4_->halfFullSize(), "verify: half-full count", tracked, " vs ",
                     v4_->halfFullSize());
-   // Placements that kept out of the swap reserve leave it whole.
-   if (swapReserveKept_) {
-      const uint32_t v4Free = entriesFree(RouteType::v4);
-      const size_t v4HalfUsed = v4_->halfFullSize();
-      const uint32_t v4Swap = swapAreaSize(RouteType::v4);
-      VEXLO_ASSERT_MSG((v4Free + v4HalfUsed) >= v4Swap, "( v4Free + v4HalfUsed ) >= v4Swap",
-                       "v4Free ", v4Free, " v4HalfUsed ", v4HalfUsed, " v4Swap ", v4Swap);
-   }
+}
 
-   // IPv6: the border decides the size; a double-size route stands on the first entry of a pair.
+// Placements that kept out of the swap reserve leave it whole.
+void L3TcamManagerContext::verifySwapReserve() const {
+   if (!swapReserveKept_) return;
+   const uint32_t v4Free = entriesFree(RouteType::v4);
+   const size_t v4HalfUsed = v4_->halfFullSize();
+   const uint32_t v4Swap = swapAreaSize(RouteType::v4);
+   VEXLO_ASSERT_MSG((v4Free + v4HalfUsed) >= v4Swap, "( v4Free + v4HalfUsed ) >= v4Swap", "v4Free ",
+                    v4Free, " v4HalfUsed ", v4HalfUsed, " v4Swap ", v4Swap);
+}
+
+// IPv6: the border decides the size; a double-size route stands on the first entry of a pair.
+void L3TcamManagerContext::verifyV6Entries(HBitmap& expected, HBitmap& expectedPair) const {
+   const uint32_t g = occupancy_.gap();
    uint32_t routesHalf = 0, routesFull = 0, longestHalf = 0, shortestFull = 129;
    std::array<uint32_t, 129> perLen6{};
    v6_->forEachEntryIdToKey([&](uint32_t pos, const Ipv6UcastKey& key) {
@@ -237,8 +268,15 @@ void L3TcamManagerContext::verify() const {
                        "verify: IPv6 routes per length", "len ", len, ": ", perLen6[len],
                        " routes, counted ", stats_->maskLengthsIpv6(len));
    }
+}
+
+// The occupancy bitmaps hold exactly the reserved entries and the routes' entries (a multicast
+// table has no pairs).
+void L3TcamManagerContext::verifyOccupancy(const HBitmap& expected,
+                                           const HBitmap& expectedPair) const {
    VEXLO_ASSERT_MSG(*occupancy_.entries() == expected, "verify: bitmap", "used entries ",
                     occupancy_.entries()->count(), ", expected ", expected.count());
+   if (v4Mcast()) return;
    VEXLO_ASSERT_MSG(*occupancy_.pairs() == expectedPair, "verify: bitmapPair", "used pairs ",
                     occupancy_.pairs()->count(), ", expected ", expectedPair.count());
 }

@@ -1,0 +1,131 @@
+// verify() against models broken behind the engine's back: each case changes one record through
+// the handles the context exposes, and verify() must name the first check that disagrees. Where a
+// break upsets several records, the expected text pins down the order in which verify() checks.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "TcamFixture.h"
+
+using namespace VexloL3Common;
+using namespace VexloL3Common::testing;
+
+namespace {
+
+using Break = std::function<void(L3TcamManagerContext&)>;
+
+// The first entry of the block of t that no route type holds and that is not reserved.
+uint32_t freeEntry(const L3TcamManagerContext& ctx, RouteType t) {
+   const TcamBlock& blk = *ctx.block(t);
+   for (uint32_t p = blk.start(); p <= blk.end(); ++p) {
+      if (p != 0 && !ctx.bitmap()->isBitSet(p)) return p;
+   }
+   ADD_FAILURE() << fmt::format("no free entry in the block of {}", t);
+   return 0;
+}
+
+uint32_t freePair(const L3TcamManagerContext& ctx) {
+   const HBitmap& pairs = *ctx.bitmapPair();
+   return pairs.findFirstClear(0, pairs.size() - 1);
+}
+
+// A unicast model with both IPv4 halves of one entry taken, a lone /16, and two IPv6 routes.
+void populateUnicast(TcamHarness& h) {
+   h.add4(k4(1, "10.1.1.0/24"));
+   h.add4(k4(1, "10.1.2.0/24"));
+   h.add4(k4(1, "10.2.0.0/16"));
+   ASSERT_NE(h.add6(RouteType::v6Half, k6(1, "2001:db8::/64")), 0u);
+   ASSERT_NE(h.add6(RouteType::v6Half, k6(1, "2001:db9::/48")), 0u);
+}
+
+std::string brokenUnicast(const Break& breakIt) {
+   TcamHarness h(layout(8192, 2, 8));
+   populateUnicast(h);
+   breakIt(h.ctx());
+   return failureOf([&] { h.ctx().verify(); });
+}
+
+}  // namespace
+
+TEST(TcamVerify, NamesTheFirstBrokenRecordOfAUnicastModel) {
+   const std::pair<const char*, Break> cases[] = {
+       {"verify: longer prefixes below shorter ones",
+        [](L3TcamManagerContext& c) {
+           TcamBlock& blk = *c.block(RouteType::v4);
+           blk.lengthRangeIs(16, blk.lengthRange(24));
+        }},
+       // A length without routes tracks a full entry.
+       {"verify: tracked half-full entry",
+        [](L3TcamManagerContext& c) {
+           c.v4()->halfFullIs(20, c.getKeyV4ToEntryId(k4(1, "10.1.1.0/24")));
+        }},
+       {"verify: IPv4 routes per length",
+        [](L3TcamManagerContext& c) { c.stats()->maskLengthsIpv4Inc(16, 1); }},
+       // The entry count of the IPv4 block is checked before the occupancy bitmap that the
+       // stray entry upsets too.
+       {"verify: IPv4 entries counted",
+        [](L3TcamManagerContext& c) {
+           c.updateBitmaps(RouteType::v4, freeEntry(c, RouteType::v4), 0);
+        }},
+       {"verify: single-size entries counted",
+        [](L3TcamManagerContext& c) {
+           c.updateBitmaps(RouteType::v6Half, freeEntry(c, RouteType::v6Half), 0);
+        }},
+       {"verify: IPv6 routes per length",
+        [](L3TcamManagerContext& c) { c.stats()->maskLengthsIpv6Inc(48, 1); }},
+       // The entry bitmap is compared before the pair bitmap.
+       {"verify: bitmap",
+        [](L3TcamManagerContext& c) {
+           c.bitmapPair()->setBit(freePair(c));
+           c.bitmap()->setBit(freeEntry(c, RouteType::v4));
+        }},
+       {"verify: bitmapPair", [](L3TcamManagerContext& c) { c.bitmapPair()->setBit(freePair(c)); }},
+   };
+   for (const auto& [text, breakIt] : cases) {
+      EXPECT_EQ(brokenUnicast(breakIt), text);
+   }
+}
+
+TEST(TcamVerify, BordersFollowTheLayout) {
+   // A fixed pairing border starts the IPv4 block.
+   auto fixed = layout(8192, 2, 8, false);
+   fixed.supportsDefipPairing = true;
+   TcamHarness f(fixed);
+   f.ctx().block(RouteType::v4)->startIs(f.ctx().v4V6Border() + 1);
+   EXPECT_EQ(failureOf([&] { f.ctx().verify(); }), "verify: pairing border");
+
+   // A moving border keeps the IPv6 mapping's border in step with the blocks.
+   auto moving = fixed;
+   moving.dynamicV4V6Boundary = true;
+   TcamHarness m(moving);
+   m.ctx().v6()->tcamBorderIs(2 * m.ctx().lpmPairGap());
+   EXPECT_EQ(failureOf([&] { m.ctx().verify(); }), "verify: blocks follow the border");
+}
+
+TEST(TcamVerify, NamesTheFirstBrokenRecordOfAMulticastModel) {
+   auto cfg = layout(256, 0, 0);
+   cfg.v4Mcast = true;
+   auto g = [](const char* group, const char* src, uint8_t len) {
+      return IpMcastPrefixKey(1, 0, Ulo::IpGenAddr::fromString(group),
+                              Ulo::IpGenAddr::fromString(src), len);
+   };
+   auto broken = [&](const Break& breakIt) {
+      TcamHarness h(cfg);
+      h.addM(g("239.1.1.1", "0.0.0.0", 32));
+      h.addM(g("239.1.1.1", "10.0.0.1", 64));
+      breakIt(h.ctx());
+      return failureOf([&] { h.ctx().verify(); });
+   };
+   EXPECT_EQ(broken([](L3TcamManagerContext& c) { c.stats()->maskLengthsMcastIpv4Inc(32, 1); }),
+             "verify: multicast routes per length");
+   // The block's entry count is checked before the occupancy bitmap that the stray entry upsets.
+   EXPECT_EQ(broken([](L3TcamManagerContext& c) {
+                c.updateBitmaps(RouteType::v4Mcast, freeEntry(c, RouteType::v4Mcast), 0);
+             }),
+             "verify: multicast entries counted");
+   EXPECT_EQ(broken([](L3TcamManagerContext& c) {
+                c.bitmap()->setBit(freeEntry(c, RouteType::v4Mcast));
+             }),
+             "verify: bitmap");
+}
