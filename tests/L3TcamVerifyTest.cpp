@@ -35,8 +35,8 @@ void populateUnicast(TcamHarness& h) {
    h.add4(k4(1, "10.1.1.0/24"));
    h.add4(k4(1, "10.1.2.0/24"));
    h.add4(k4(1, "10.2.0.0/16"));
-   ASSERT_NE(h.add6(RouteType::v6Half, k6(1, "2001:db8::/64")), 0u);
-   ASSERT_NE(h.add6(RouteType::v6Half, k6(1, "2001:db9::/48")), 0u);
+   ASSERT_NE(h.add6(k6(1, "2001:db8::/64")).routeId, 0u);
+   ASSERT_NE(h.add6(k6(1, "2001:db9::/48")).routeId, 0u);
 }
 
 std::string brokenUnicast(const Break& breakIt) {
