@@ -10,12 +10,9 @@ namespace VexloL3Common {
 
 namespace {
 
-Ulo::TraceHandle th("VexloL3CommonTcamTable");
+using internal::assertPos;
 
-// Fatal for position 0, which is never a route's position.
-inline void assertPos(uint32_t pos) {
-   VEXLO_ASSERT_MSG(pos != 0, "pos", "pos: ", pos);
-}
+Ulo::TraceHandle th("VexloL3CommonTcamTable");
 
 }  // namespace
 

@@ -17,14 +17,11 @@ namespace VexloL3Common {
 
 namespace {
 
+using internal::assertPos;
+
 Ulo::TraceHandle th("VexloL3CommonTcamTable");
 
 constexpr uint32_t maxCount = 0xffff;
-
-// Fatal for position 0, which is never a route's position.
-inline void assertPos(uint32_t pos) {
-   VEXLO_ASSERT_MSG(pos != 0, "pos", "pos: ", pos);
-}
 
 }  // namespace
 

@@ -20,6 +20,11 @@
 
 namespace VexloL3Common::internal {
 
+// Fatal for position 0, which is never a route's position.
+inline void assertPos(uint32_t pos) {
+   VEXLO_ASSERT_MSG(pos != 0, "pos", "pos: ", pos);
+}
+
 // TCAM positions are far below this; a larger one is a null index (0xFFFFFFFF) passed by mistake,
 // which would otherwise make the array try to grow to gigabytes.
 inline constexpr uint32_t maxMappingPosition = 1u << 24;
