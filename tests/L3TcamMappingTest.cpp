@@ -1,6 +1,7 @@
-// The TCAM mappings: IPv4 half-full pairing, moves and merges with their publication handshake,
-// and IPv6 and multicast bookkeeping. Placement through the context, end to end, is tested by the
-// L3TcamInsert, L3TcamDelete and L3TcamRandom tests.
+// The TCAM mappings: IPv4 half-full pairing, merges, IPv6 and multicast bookkeeping, and the
+// publisher every move and merge goes through. Placement through the context, end to end, is
+// tested by the L3TcamInsert, L3TcamDelete and L3TcamRandom tests; what a move publishes is
+// checked there by the emulated writer, which rejects a move that does not match its source.
 
 #include "VexloL3Common/tcam/L3TcamMapping.h"
 
@@ -51,6 +52,8 @@ class PublishFixture : public ::testing::Test {
    Ulo::Ptr<RouteMove> moveStatus = routeMoveFactory();
    Ulo::Ptr<RouteMerge> merge = routeMergeFactory();
    Ulo::Ptr<RouteMerge> mergeStatus = routeMergeFactory();
+   Ulo::Ptr<TcamPublisher> publisher =
+       tcamPublisherFactory(stats, move, moveStatus, merge, mergeStatus);
    bool writerCopies = true;
    std::vector<RoutePosition> moves;
    std::vector<RouteMergeInfo> merges;
@@ -191,21 +194,7 @@ TEST_F(MappingV4Test, KeyRecordsCountPerPositionAndAllowTwoPositions) {
    EXPECT_FALSE(m.isHalfEmptyRight(77, a));  // a missing entry reads all zero, not empty
 }
 
-// ---- moves and merges --------------------------------------------------------------------
-
-TEST_F(MappingV4Test, MovePublishesWhichHalvesMovedAndAWriterMustAcknowledge) {
-   fill5();
-   m.moveEntry(24, 20, 5, true);
-   EXPECT_EQ(moves.back(), (RoutePosition{1, 5, 20, true, EntryType::v4Both}));
-   m.deleteEntry(a, 20, true);  // leaves the left half only, tracked
-   writerCopies = false;
-   const std::string expected = fmt::format(" move pos {} moveStatus pos {}",
-                                            RoutePosition{2, 20, 21, true, EntryType::v4Left},
-                                            RoutePosition{1, 5, 20, true, EntryType::v4Both});
-   expectAssertion([&] { m.moveEntry(24, 21, 20, true); },
-                   "routeMove()->pos() == routeMoveStatus()->pos()", expected.c_str());
-   EXPECT_EQ(m.halfFull(24), 21u);
-}
+// ---- merges ------------------------------------------------------------------------------
 
 // Two half-full entries of length 24: 5 (tracked) holds b in its left half after a was deleted
 // from its right half, and 9 (no longer tracked) holds c in its right half. The writer does not
@@ -253,56 +242,26 @@ TEST_F(MappingV6Test, RecordsBothDirections) {
    EXPECT_FALSE(m.keyToEntryIdHas(a));
 }
 
-TEST_F(MappingV6Test, MoveCountsTheSizeOfTheOldPosition) {
-   m.insertEntry(b, 10);
-   Ulo::ScopedTraceCapture cap(kTrace, 5, 5);
-   m.moveEntry(96, 150, 10, 0, true);  // from below the border to above it
-   EXPECT_EQ(cap.texts().front(), "   moveEntry, new: 150, old: 10");
-   m.moveEntry(96, 160, 150, 0, false);  // counted, not published
-   EXPECT_EQ(std::pair(stats->moveRoute(RouteType::v6Full), stats->moveRoute(RouteType::v6Half)),
-             std::pair(uint64_t{1}, uint64_t{1}));
-   EXPECT_EQ(moves, (std::vector<RoutePosition>{{1, 10, 150, false, EntryType::v6}}));
-}
-
 // ---- IPv4 multicast ----------------------------------------------------------------------
+
+const IpMcastPrefixKey mcastKey{1, 0, Ulo::IpGenAddr::fromString("239.1.1.1"),
+                                Ulo::IpGenAddr::fromString("10.0.0.1"), 64};
 
 class MappingMcastV4Test : public PublishFixture {
  protected:
-   void SetUp() override {
-      auto cfg = testing::layout(1024, 1, 1, false);
-      cfg.v4Mcast = true;
-      cfg.routeMove = move;
-      cfg.routeMoveStatus = moveStatus;
-      cfg.routeMerge = merge;
-      cfg.routeMergeStatus = mergeStatus;
-      ctx = l3TcamManagerContextFactory(cfg);
-      ctx->handleInitialized(true);  // creates the statistics the mapping counts in
-      m = std::make_unique<MappingMcastV4>(ctx.get());
-      m->handleInitialized();
-   }
-   Ulo::Ptr<L3TcamManagerContext> ctx;
-   std::unique_ptr<MappingMcastV4> m;
-   const IpMcastPrefixKey a{1, 0, Ulo::IpGenAddr::fromString("239.1.1.1"),
-                            Ulo::IpGenAddr::fromString("10.0.0.1"), 64};
+   void SetUp() override { m.handleInitialized(); }
+   MappingMcastV4 m{publisher};
+   const IpMcastPrefixKey& a = mcastKey;
 };
 
 TEST_F(MappingMcastV4Test, InsertMoveDeleteVerify) {
    Ulo::ScopedTraceCapture cap(kTrace, 5, 5);
-   m->insertEntry(a, 40);
+   m.insertEntry(a, 40);
    EXPECT_EQ(cap.texts().back(), "   insertEntry, key: " + a.toString() + ", pos: 40");
-   expectAssertion([&] { m->verifyEntry(a, 41); }, "entryId( k ) == pos", "entryId( k ): 40");
-
-   m->moveEntry(64, 50, 40, true);  // the record carries the running count of multicast moves
-   EXPECT_EQ(moves, (std::vector<RoutePosition>{{1, 40, 50, false, EntryType::mcastV4}}));
-
-   m->keyDel(50);
-   expectAssertion([&] { m->verifyEntry(a, 50); }, "key( pos ) == k");
-   m->keyIs(50, a);
-
-   writerCopies = false;
-   expectAssertion(
-       [&] { m->moveEntry(64, 60, 50, true); },
-       "tcamManagerCtx()->routeMove()->pos() == tcamManagerCtx()->routeMoveStatus()->pos()");
+   expectAssertion([&] { m.verifyEntry(a, 41); }, "entryId( k ) == pos", "entryId( k ): 40");
+   m.moveEntry(64, 50, 40, true);
+   m.keyDel(50);
+   expectAssertion([&] { m.verifyEntry(a, 50); }, "key( pos ) == k");
 }
 
 // A second handleInitialized is traced and keeps the records of every mapping.
@@ -311,16 +270,73 @@ TEST_F(MappingMcastV4Test, HandleInitializedTwiceKeepsRecords) {
    MappingV6 v6(stats, move, moveStatus);
    v4.insertFirstEntry(k4(1, "10.1.0.0/24"), 5);
    v6.insertEntry(k6(1, "2001:db8::/64"), 120);
-   m->insertEntry(a, 40);
+   m.insertEntry(a, 40);
    Ulo::ScopedTraceCapture cap(kTrace, 1, 1);
    v4.handleInitialized();
    v6.handleInitialized();
-   m->handleInitialized();
+   m.handleInitialized();
    EXPECT_EQ(cap.texts(), (Texts{"MappingV4 already initialized", "MappingV6 already initialized",
                                  "MappingMcastV4 already initialized"}));
    EXPECT_EQ(v4.halfFull(24), 5u);
    EXPECT_EQ(v6.getEntryId(k6(1, "2001:db8::/64")), 120u);
-   EXPECT_EQ(m->entryId(a), 40u);
+   EXPECT_EQ(m.entryId(a), 40u);
+}
+
+// ---- publication -------------------------------------------------------------------------
+
+// Every move and merge of a context goes through its one publisher: counted under its route type,
+// then, unless the caller or a model without hardware says not to, published and checked for the
+// writer's acknowledgement. The running count makes two identical moves publish distinct values;
+// otherwise the acknowledgement of the first would pass for that of the second.
+TEST_F(PublishFixture, CountsPublishesDistinctValuesAndEachMappingChecksTheAcknowledgement) {
+   // A context without hardware counts its moves and merges and publishes none.
+   auto cfg = testing::layout(1024, 2, 8);
+   cfg.softwareOnly = true;
+   cfg.routeMove = move, cfg.routeMoveStatus = moveStatus;
+   cfg.routeMerge = merge, cfg.routeMergeStatus = mergeStatus;
+   const auto quiet = l3TcamManagerContextFactory(cfg);
+   quiet->handleInitialized(true);
+   quiet->publisher()->move(RouteType::v4, 5, 6, EntryType::v4Right, true);
+   quiet->publisher()->merge(6, EntryType::v4Right, 7, EntryType::v4Left, true);
+   EXPECT_EQ(std::pair(quiet->stats()->moveRoute(RouteType::v4),
+                       quiet->stats()->mergeRoute(RouteType::v4)),
+             std::pair(uint64_t{1}, uint64_t{1}));
+   EXPECT_TRUE(moves.empty() && merges.empty());
+
+   MappingV4 v4(true, publisher);
+   MappingV6 v6(publisher);
+   MappingMcastV4 mc(publisher);
+   v4.insertFirstEntry(k4(1, "10.1.0.0/24"), 5);
+   v6.tcamBorderIs(100);
+   v6.insertEntry(k6(2, "2001:db8:1::/96"), 10);
+   mc.insertEntry(mcastKey, 40);
+   {
+      // An IPv6 move counts the size of the entry it leaves: double size below the border.
+      Ulo::ScopedTraceCapture cap(kTrace, 5, 5);
+      v6.moveEntry(96, 150, 10, 0, true);
+      EXPECT_EQ(cap.texts().front(), "   moveEntry, new: 150, old: 10");
+   }
+   v6.moveEntry(96, 160, 150, 0, false);  // the caller's notify off: counted only
+   EXPECT_EQ(moves, (std::vector<RoutePosition>{{1, 10, 150, false, EntryType::v6}}));
+   EXPECT_EQ(std::pair(stats->moveRoute(RouteType::v6Full), stats->moveRoute(RouteType::v6Half)),
+             std::pair(uint64_t{1}, uint64_t{1}));
+
+   publisher->move(RouteType::v4, 5, 6, EntryType::v4Right, true);
+   writerCopies = false;
+   const std::string expected = fmt::format(" move pos {} moveStatus pos {}",
+                                            RoutePosition{2, 5, 6, true, EntryType::v4Right},
+                                            RoutePosition{1, 5, 6, true, EntryType::v4Right});
+   expectAssertion([&] { publisher->move(RouteType::v4, 5, 6, EntryType::v4Right, true); },
+                   "routeMove()->pos() == routeMoveStatus()->pos()", expected.c_str());
+
+   // Each mapping's check in its own words; the merge's is checked by MergeFillsTheFreeHalf.
+   expectAssertion([&] { v4.moveEntry(24, 20, 5, true); },
+                   "routeMove()->pos() == routeMoveStatus()->pos()");
+   expectAssertion([&] { v6.moveEntry(96, 170, 160, 0, true); },
+                   "routeMove()->pos() == routeMoveStatus()->pos()");
+   expectAssertion(
+       [&] { mc.moveEntry(64, 50, 40, true); },
+       "tcamManagerCtx()->routeMove()->pos() == tcamManagerCtx()->routeMoveStatus()->pos()");
 }
 
 }  // namespace

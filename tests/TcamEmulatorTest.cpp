@@ -78,32 +78,18 @@ class TcamEmulatorWriter : public ::testing::Test {
 
 // ---- writer role ----------------------------------------------------------------------------
 
-TEST_F(TcamEmulatorWriter, MoveCopiesTheEntryEmptiesTheSourceAndAcknowledges) {
-   const Ipv4Keys keys(k4(1, "10.1.0.0/16"), k4(1, "10.2.0.0/16"));
-   emu.writeV4(5, keys);
-   emu.writeV6(3, k6(1, "2001:db8::1/128"), true);
-   publish(5, 9, true, EntryType::v4Both);
-   EXPECT_EQ(emu.entry(9).v4, keys);
-
-   // A double-size entry takes its partner along and frees both of its old entries. Every source
-   // is invalidated, and every route's home went along (else checkAll finds it not held).
-   publish(3, 6, false, EntryType::v6);
-   EXPECT_EQ(emu.entry(22).kind, EntryKind::v6DoubleSecond);
-   for (uint32_t pos : {3u, 5u, 19u})
-      EXPECT_EQ(emu.entry(pos).kind, EntryKind::empty) << pos;
-   EXPECT_THAT(emu.checkAll(), IsEmpty());
-
-   // Told the layout, the writer gives a moved IPv6 route the size of its new region.
+// Carrying a move out faithfully (entry copied, source emptied, homes moved along, acknowledged)
+// is what every model test stands on: the seeded random runs, the restart runs and the fuzz corpus
+// fail on any lapse. What only a conversion between the two IPv6 sizes needs is checked here.
+TEST_F(TcamEmulatorWriter, MovedIpv6RouteTakesTheSizeOfTheRegionItLandsIn) {
    emu.doubleSizeAtIs([](uint32_t pos) { return pos < 16; });
    emu.writeV6(40, k6(1, "2001:db8:1::/48"), false);
    publish(40, 2, false, EntryType::v6);
-   EXPECT_EQ(emu.entry(2).kind, EntryKind::v6DoubleFirst);
    EXPECT_EQ(emu.entry(18).kind, EntryKind::v6DoubleSecond);
-   publish(6, 44, false, EntryType::v6);
+   publish(2, 44, false, EntryType::v6);
    EXPECT_EQ(emu.entry(44).kind, EntryKind::v6Single);
-   EXPECT_EQ(emu.entry(22).kind, EntryKind::empty);
+   EXPECT_EQ(emu.entry(18).kind, EntryKind::empty);
    EXPECT_THAT(emu.checkAll(), IsEmpty());
-   EXPECT_EQ(emu.moves(), 4u);
 }
 
 TEST_F(TcamEmulatorWriter, MoveThatDoesNotMatchItsSourceIsRejectedButAcknowledged) {
