@@ -163,7 +163,7 @@ void TcamRegion::restore(const TcamRoute& route, uint32_t pos, bool right) {
    extendRange(route.len(), s);
 }
 
-IndexRange TcamRegion::extendRange(uint32_t len, uint32_t s) {
+void TcamRegion::extendRange(uint32_t len, uint32_t s) {
    const IndexRange cur = block_->lengthRange(len);
    const IndexRange ir = cur.start() == 0
                              ? IndexRange(s, s)
@@ -173,7 +173,6 @@ IndexRange TcamRegion::extendRange(uint32_t len, uint32_t s) {
       block_->lengthRangeMaxIs(len);
    }
    TRACE(th, 7, "Table range for prefix length ", len, ": ", ir.start(), "/", ir.end());
-   return ir;
 }
 
 void TcamRegion::release(uint32_t len, uint32_t s) {
@@ -182,7 +181,7 @@ void TcamRegion::release(uint32_t len, uint32_t s) {
    occupancy_->update(type_, *block_->bitmap(), 0, s);
 }
 
-IndexRange TcamRegion::shrinkRange(uint32_t len, uint32_t oldSlot) {
+void TcamRegion::shrinkRange(uint32_t len, uint32_t oldSlot) {
    TcamBlock& blk = *block_;
    const HBitmap& usedMap = used();
    IndexRange ir = blk.lengthRange(len);
@@ -204,7 +203,6 @@ IndexRange TcamRegion::shrinkRange(uint32_t len, uint32_t oldSlot) {
       blk.lengthRangeIs(len, ir);
    }
    TRACE(th, 7, "Table range for prefix length ", len, ": ", ir.start(), "/", ir.end());
-   return ir;
 }
 
 void TcamRegion::merge(uint32_t len, uint32_t into, uint32_t from, VrfId vrf, uint64_t sequence) {

@@ -138,9 +138,9 @@ class TcamRegion {
 
  private:
    // Takes slot into len's range, which grows to hold it; len becomes the longest when it is.
-   IndexRange extendRange(uint32_t len, uint32_t slot);
+   void extendRange(uint32_t len, uint32_t slot);
    // Drops slot from len's range after its entry left or is leaving.
-   IndexRange shrinkRange(uint32_t len, uint32_t slot);
+   void shrinkRange(uint32_t len, uint32_t slot);
 
    RouteType type_ = RouteType::v4;
    TcamOccupancy* occupancy_ = nullptr;
