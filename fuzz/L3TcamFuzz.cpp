@@ -105,8 +105,7 @@ void Run::execute(Input& in) {
          case 13:
             if (a[0] & 1) restartUnicast(a[0]);
             if ((a[0] & 2) && mc_) {
-               restart(mc_, std::make_unique<sim::EmulatedTable>(layout_.mcast, false, true),
-                       a[0] & 4, a[0], std::nullopt, a[0] & 4);
+               restart(mc_, mcastTable(), a[0] & 4, a[0], std::nullopt, a[0] & 4);
             }
             break;
          case 14:

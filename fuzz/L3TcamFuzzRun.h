@@ -186,8 +186,11 @@ class Run {
    // Lengths past 64 constrain no more bits, but are more specific.
    void probe(const IpMcastPrefixKey& key);
 
-   // The unicast table of this layout, with the platform's invalid entries if it has any.
+   // The unicast table of this layout, with the platform's invalid entries if it has any; the
+   // multicast table. Both emulators cross-check the model's view.
    std::unique_ptr<sim::EmulatedTable> unicastTable(bool urpf) const;
+   std::unique_ptr<sim::EmulatedTable> mcastTable() const;
+   static std::unique_ptr<sim::EmulatedTable> crossChecked(std::unique_ptr<sim::EmulatedTable> t);
 
    // Places an image one route at a time (each half of an IPv4 entry on its own) in an order
    // drawn from seed, as a platform resynchronising entry by entry does; every route must land

@@ -16,7 +16,7 @@ Run::Run(const Layout& l)
    layout_.unicast.segmentSecurityStatus = segmentSecurity_;
    uc_ = unicastTable(l.urpf);
    if (l.sharedRegions) shared_ = shareRegions();
-   if (l.hasMcast) mc_ = std::make_unique<sim::EmulatedTable>(layout_.mcast, false, true);
+   if (l.hasMcast) mc_ = mcastTable();
 }
 
 bool Run::add4(const Ipv4UcastKey& key, bool useSwapArea) {
@@ -279,10 +279,19 @@ bool Run::shareRegions() {
 
 std::unique_ptr<sim::EmulatedTable> Run::unicastTable(bool urpf) const {
    const uint8_t invalid = layout_.invalidEntries;
-   return std::make_unique<sim::EmulatedTable>(
+   return crossChecked(std::make_unique<sim::EmulatedTable>(
        layout_.unicast, urpf, /*emulate*/ true, [invalid](L3TcamManagerContext& c) {
           if (invalid & 15) c.invalidEntryManagerIs(std::make_shared<InvalidEntries>(invalid));
-       });
+       }));
+}
+
+std::unique_ptr<sim::EmulatedTable> Run::mcastTable() const {
+   return crossChecked(std::make_unique<sim::EmulatedTable>(layout_.mcast, false, true));
+}
+
+std::unique_ptr<sim::EmulatedTable> Run::crossChecked(std::unique_ptr<sim::EmulatedTable> t) {
+   t->emu()->modelViewIs(t->modelView());
+   return t;
 }
 
 }  // namespace VexloL3Common::fuzz

@@ -36,6 +36,26 @@ EmulatedTable::EmulatedTable(L3TcamManagerContext::Config cfg, bool urpf, bool e
    }
 }
 
+// The model's own records, read without tracing: the emulator asks after every move.
+ModelView EmulatedTable::modelView() const {
+   const L3TcamManagerContext* c = ctx_.get();
+   ModelView v;
+   v.v4 = [c](const Ipv4UcastKey& k) {
+      const V4PrefixToEntryIdMap* r = c->v4() ? c->v4()->keyToEntryId(k) : nullptr;
+      if (!r || r->entryIdCount() == 0) return ModelPlace{};
+      const uint32_t pos = r->firstEntryId();
+      return ModelPlace{pos, c->v4()->keys(pos).right == k};
+   };
+   v.v6 = [c](const Ipv6UcastKey& k) { return c->v6() ? c->v6()->keyToEntryIdFirst(k) : 0; };
+   v.mcast = [c](const IpMcastPrefixKey& k) { return c->mcastV4() ? c->mcastV4()->entryId(k) : 0; };
+   v.routes = [c] {
+      return (c->v4() ? c->v4()->keyToEntryIdSize() : 0) +
+             (c->v6() ? c->v6()->keyToEntryIdSize() : 0) +
+             (c->mcastV4() ? c->mcastV4()->entryIdSize() : 0);
+   };
+   return v;
+}
+
 EmulatedTable::~EmulatedTable() {
    if (emu_) emu_->detach();
 }

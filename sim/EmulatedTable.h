@@ -68,6 +68,9 @@ class EmulatedTable {
    // there are no double-size entries, and an agent never offers a route longer than the
    // single-size entries take (the model treats that as a broken caller): add() refuses it.
    bool v6Placeable(uint32_t len) const;
+   // Where the model has each route, for the emulator to cross-check the hardware against
+   // (`emu()->modelViewIs(modelView())`: then check between operations, not during one).
+   ModelView modelView() const;
 
  private:
    Ulo::Ptr<RouteMove> move_, moveStatus_;

@@ -2,6 +2,7 @@
 // caller's writes, lookups, and the printed form of an entry.
 #include "sim/TcamEmulator.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "sim/TcamEmulatorIndex.h"
@@ -81,6 +82,7 @@ void TcamEmulator::vacate(uint32_t pos) {
 }
 
 void TcamEmulator::store(uint32_t pos, const TcamEntry& e) {
+   settleMergeSource(pos);
    vacate(pos);
    if (e.kind == EntryKind::v6DoubleFirst) {
       vacate(pos + pairGap_);
@@ -160,6 +162,12 @@ uint32_t TcamEmulator::home(const IpMcastPrefixKey& key) const {
 
 size_t TcamEmulator::installedRoutes() const {
    return index_->v4.installedCount + index_->v6.installedCount + index_->mcast.installedCount;
+}
+
+// An entry written again no longer holds what a merge left there for the agent to rewrite.
+void TcamEmulator::settleMergeSource(uint32_t pos) {
+   auto& v = pendingMergeSources_;
+   if (!v.empty()) v.erase(std::remove(v.begin(), v.end(), pos), v.end());
 }
 
 // ---- lookups ----------------------------------------------------------------------------------

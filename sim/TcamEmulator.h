@@ -124,13 +124,41 @@ struct HitMcast {
 };
 
 struct Violation {
-   enum class Kind : uint8_t { notHeld, shadowed };
+   enum class Kind : uint8_t { notHeld, shadowed, misplaced, copied, brokenPair };
    Kind kind = Kind::notHeld;
    std::string route;    // the installed route concerned, printed
    std::string message;  // names both entries and their indices
 
    auto operator<=>(const Violation&) const = default;
 };
+
+// Where the agent's model has a route: its entry (0: nowhere) and, for IPv4, the half.
+struct ModelPlace {
+   uint32_t pos = 0;
+   bool right = false;
+
+   bool operator==(const ModelPlace&) const = default;
+};
+
+// The model's answers the emulator cross-checks the hardware against (see "The model's view").
+struct ModelView {
+   std::function<ModelPlace(const Ipv4UcastKey&)> v4;
+   std::function<uint32_t(const Ipv6UcastKey&)> v6;
+   std::function<uint32_t(const IpMcastPrefixKey&)> mcast;
+   std::function<size_t()> routes;  // routes the model has placed, every family
+};
+
+// The mistakes a faulty writer makes, for proving that the checks catch each one.
+enum class WriterFault : uint8_t {
+   none,
+   dropMove,           // a move acknowledged and not carried out
+   wrongIndex,         // a move carried out to the entry after the one published
+   wrongHalf,          // a merge into the other half of the destination
+   sourceLeftValid,    // a move that copies and leaves the source as it was
+   partnerLeftBehind,  // a double-size move that writes only the first entry of the new pair
+   wrongAck,           // a move or merge acknowledged with the record before it
+};
+std::string_view toString(WriterFault f);
 
 class TcamEmulator {
  public:
@@ -197,6 +225,16 @@ class TcamEmulator {
    void checkEveryMoveIs(bool on) { checkEveryMove_ = on; }
    bool checkEveryMove() const { return checkEveryMove_; }
 
+   // ---- the model's view: also check that routes stand where the model has them ----
+   void modelViewIs(ModelView view);
+
+   // ---- fault injection: the writer makes mistake f once, at the (skip + 1)-th publication from
+   // now that it can be made on (a move, a merge, or a move of a double-size route) ----
+   void injectFault(WriterFault f, uint32_t skip = 0);
+   // Whether the injected fault has been made, and the routes its publication named, printed.
+   bool faultMade() const { return faultMade_; }
+   const std::vector<std::string>& faultRoutes() const { return faultRoutes_; }
+
    // ---- errors: writer errors, and violations found by the automatic check ----
    void onErrorIs(OnError policy) { onError_ = policy; }
    OnError onError() const { return onError_; }
@@ -221,11 +259,22 @@ class TcamEmulator {
    void vacate(uint32_t pos);
    void setRaw(uint32_t pos, const TcamEntry& e);
    void callerWrite(uint32_t pos, const TcamEntry& e);
+   void settleMergeSource(uint32_t pos);
    uint32_t rankOf(uint32_t pos, EntryKind kind) const;
    void afterChange();
+   // The incremental check; within an operation the model's view is not asked (the model and
+   // the agent's own writes agree only once the operation is over).
+   std::vector<Violation> checkChanged(bool withinOperation);
    void report(const char* text, std::string message);
    void onMove(const RoutePosition& p);
    void onMerge(const RouteMergeInfo& m);
+   // Fault injection (TcamEmulatorFaults.cpp): whether this publication gets the fault, and the
+   // faulty ways of carrying it out.
+   bool faultDue(bool isMerge, const RoutePosition* p);
+   void touchKeysAt(uint32_t pos);
+   void applyFaultyMove(const RoutePosition& p);
+   void applyFaultyMerge(const RouteMergeInfo& m);
+   void noteFaultRoutes(uint32_t pos, std::optional<EntryType> half);
 
    std::vector<TcamEntry> entries_;
    uint32_t pairGap_;
@@ -243,6 +292,17 @@ class TcamEmulator {
    uint64_t merges_ = 0;
    uint64_t errorCount_ = 0;
    std::vector<std::string> errors_;
+
+   ModelView model_;
+   // Sources of merges the agent has yet to rewrite: the copy there is expected.
+   std::vector<uint32_t> pendingMergeSources_;
+
+   WriterFault fault_ = WriterFault::none;
+   uint32_t faultSkip_ = 0;
+   bool faultMade_ = false;
+   std::vector<std::string> faultRoutes_;
+   RoutePosition lastMoveAck_;
+   RouteMergeInfo lastMergeAck_;
 };
 
 }  // namespace VexloL3Common::sim

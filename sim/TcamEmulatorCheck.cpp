@@ -54,13 +54,95 @@ Violation shadowed(const Key& key, uint32_t first, const Shadow<Key>& s, uint32_
                                 where<Key>(first, size), *s.key, where<Key>(s.rank, size))};
 }
 
-// (a) then (b) for one installed route, by walking its ancestors.
 template <class Key>
-void KeyIndex<Key>::evaluate(Slot& r, uint64_t stamp, const std::vector<TcamEntry>& entries,
+std::string modelWhere(uint32_t pos, bool right) {
+   if (pos == 0) return "nothing";
+   if constexpr (std::is_same_v<Key, Ipv4UcastKey>) {
+      return fmt::format("entry {} {} half", pos, right ? "right" : "left");
+   } else {
+      return fmt::format("entry {}", pos);
+   }
+}
+
+// (c) Where the model has the route, against where the hardware has it installed (homeRank 0:
+// nowhere). False when the view has no answer for this family.
+template <class Key>
+bool misplaced(const Key& key, uint32_t homeRank, const CheckInput& in,
+               std::vector<Violation>& out) {
+   const uint32_t pos = homeRank ? posOfRank<Key>(homeRank, in.size()) : 0;
+   ModelPlace model, hardware{pos, false};
+   if constexpr (std::is_same_v<Key, Ipv4UcastKey>) {
+      if (!in.model.v4) return false;
+      model = in.model.v4(key);
+      hardware.right = pos && in.entries[pos].v4.right == key;
+      if (!model.pos) model.right = false;
+   } else if constexpr (isV6<Key>) {
+      if (!in.model.v6) return false;
+      model.pos = in.model.v6(key);
+   } else {
+      if (!in.model.mcast) return false;
+      model.pos = in.model.mcast(key);
+   }
+   if (model == hardware) return false;
+   out.push_back(
+       Violation{Violation::Kind::misplaced, key.toString(),
+                 fmt::format("route {} stands at {} in the model but at {} in the hardware", key,
+                             modelWhere<Key>(model.pos, model.right),
+                             modelWhere<Key>(hardware.pos, hardware.right))});
+   return true;
+}
+
+// (d) A second copy of an installed route outlives the route's deletion; the source of a merge
+// keeps one until the agent rewrites it.
+template <class Key>
+bool copied(const Key& key, const std::vector<uint32_t>& ranks, uint32_t homeRank,
+            const CheckInput& in, std::vector<Violation>& out) {
+   for (uint32_t r : ranks) {
+      const uint32_t pos = posOfRank<Key>(r, in.size());
+      if (r == homeRank ||
+          std::count(in.pendingMergeSources.begin(), in.pendingMergeSources.end(), pos) != 0) {
+         continue;
+      }
+      out.push_back(
+          Violation{Violation::Kind::copied, key.toString(),
+                    fmt::format("route {} installed at {} is also held at {}", key,
+                                where<Key>(homeRank, in.size()), where<Key>(r, in.size()))});
+      return true;
+   }
+   return false;
+}
+
+// (e) A double-size route matches only with its second entry at the pair gap.
+template <class Key>
+bool brokenPair(const Key& key, const std::vector<uint32_t>& ranks, const CheckInput& in,
+                std::vector<Violation>& out) {
+   if constexpr (isV6<Key>) {
+      for (uint32_t r : ranks) {
+         if (r >= in.size()) break;  // single-size entries rank after every double-size one
+         const uint32_t second = r + in.pairGap;
+         const TcamEntry* e = second < in.size() ? &in.entries[second] : nullptr;
+         if (e && e->kind == EntryKind::v6DoubleSecond && e->v6 == key) continue;
+         out.push_back(Violation{
+             Violation::Kind::brokenPair, key.toString(),
+             fmt::format("route {} at entry {} (double) has no second entry at {} (it holds: {})",
+                         key, r, second, e ? e->toString() : std::string("nothing"))});
+         return true;
+      }
+   }
+   return false;
+}
+
+// Every check of one installed route, by walking its ancestors for (b); the first failure is
+// reported.
+template <class Key>
+void KeyIndex<Key>::evaluate(Slot& r, uint64_t stamp, const CheckInput& in,
                              std::vector<Violation>& out) {
    r.stamp = stamp;
    if (!std::binary_search(r.ranks.begin(), r.ranks.end(), r.homeRank)) {
-      out.push_back(notHeld(*r.key, r.homeRank, entries));
+      out.push_back(notHeld(*r.key, r.homeRank, in.entries));
+      return;
+   }
+   if (brokenPair(*r.key, r.ranks, in, out) || copied(*r.key, r.ranks, r.homeRank, in, out)) {
       return;
    }
    uint32_t first = r.first();
@@ -70,14 +152,13 @@ void KeyIndex<Key>::evaluate(Slot& r, uint64_t stamp, const std::vector<TcamEntr
          if (a->first() && a->first() < first) best.offer(a->first(), nodes[n].depth, *a->key);
       }
    }
-   if (best.key) out.push_back(shadowed(*r.key, first, best, uint32_t(entries.size())));
+   if (best.key) out.push_back(shadowed(*r.key, first, best, in.size()));
 }
 
 template <class Key>
-void KeyIndex<Key>::checkDirty(uint64_t stamp, const std::vector<TcamEntry>& entries,
-                               std::vector<Violation>& out) {
+void KeyIndex<Key>::checkDirty(uint64_t stamp, const CheckInput& in, std::vector<Violation>& out) {
    for (Slot* s : dirty) {
-      if (s->installed() && s->stamp != stamp) evaluate(*s, stamp, entries, out);
+      if (s->installed() && s->stamp != stamp) evaluate(*s, stamp, in, out);
       // Every installed route below that is first held after this key's first entry is
       // shadowed by it; only subtrees whose largest first rank lies beyond are entered.
       uint32_t b = s->first();
@@ -90,7 +171,7 @@ void KeyIndex<Key>::checkDirty(uint64_t stamp, const std::vector<TcamEntry>& ent
          uint32_t n = stack.back();
          stack.pop_back();
          for (Slot* r = nodes[n].keys; r; r = r->nextAtNode) {
-            if (r->contribution() > b && r->stamp != stamp) evaluate(*r, stamp, entries, out);
+            if (r->contribution() > b && r->stamp != stamp) evaluate(*r, stamp, in, out);
          }
          for (uint32_t c : nodes[n].child) {
             if (nodes[c].subMax > b) stack.push_back(c);
@@ -105,16 +186,31 @@ void KeyIndex<Key>::checkDirty(uint64_t stamp, const std::vector<TcamEntry>& ent
 // The straightforward check: everything recomputed from the entries, ancestors found by hash
 // lookups of every truncation. Only the installed set and homes come from the index.
 template <class Key>
-void KeyIndex<Key>::checkAll(const std::vector<TcamEntry>& entries,
-                             std::vector<Violation>& out) const {
-   uint32_t size = uint32_t(entries.size());
-   std::unordered_map<Key, uint32_t> firstRank;
+void KeyIndex<Key>::checkCross(const CheckInput& in, std::vector<Violation>& out) {
+   // A key left the index and came back between two calls is queued twice.
+   std::sort(crossCheck.begin(), crossCheck.end());
+   crossCheck.erase(std::unique(crossCheck.begin(), crossCheck.end()), crossCheck.end());
+   for (const Key& k : crossCheck) {
+      Slot* s = find(k);
+      if (s) s->queued = false;
+      const uint32_t home = s ? s->homeRank : 0;
+      // A route no longer held at its home is reported as such already.
+      if (home && !std::binary_search(s->ranks.begin(), s->ranks.end(), home)) continue;
+      misplaced(k, home, in, out);
+   }
+   crossCheck.clear();
+}
+
+template <class Key>
+void KeyIndex<Key>::checkAll(const CheckInput& in, std::vector<Violation>& out) const {
+   const uint32_t size = in.size();
+   std::unordered_map<Key, std::vector<uint32_t>> ranksOf;
    std::unordered_map<Bits, Shadow<Key>, BitsHash> earliest;
    for (uint32_t pos = 0; pos < size; ++pos) {
-      visitKeys(entries[pos], pos, size, [&](const auto& k, uint32_t rank) {
+      visitKeys(in.entries[pos], pos, size, [&](const auto& k, uint32_t rank) {
          if constexpr (std::is_same_v<std::decay_t<decltype(k)>, Key>) {
-            auto [it, inserted] = firstRank.try_emplace(k, rank);
-            if (!inserted) it->second = std::min(it->second, rank);
+            auto it = ranksOf.try_emplace(k).first;
+            it->second.push_back(rank);
             Bits b = bitsOf(k);
             earliest[b].offer(rank, b.depth, it->first);
          }
@@ -122,11 +218,17 @@ void KeyIndex<Key>::checkAll(const std::vector<TcamEntry>& entries,
    }
    for (const auto& [key, slot] : slots) {
       if (!slot.installed()) continue;
-      if (!holdsAt(entries, key, slot.homeRank)) {
-         out.push_back(notHeld(key, slot.homeRank, entries));
+      if (!holdsAt(in.entries, key, slot.homeRank)) {
+         out.push_back(notHeld(key, slot.homeRank, in.entries));
          continue;
       }
-      uint32_t first = firstRank.at(key);
+      std::vector<uint32_t>& ranks = ranksOf.at(key);
+      std::sort(ranks.begin(), ranks.end());
+      if (misplaced(key, slot.homeRank, in, out) || brokenPair(key, ranks, in, out) ||
+          copied(key, ranks, slot.homeRank, in, out)) {
+         continue;
+      }
+      const uint32_t first = ranks.front();
       Bits b = bitsOf(key);
       Shadow<Key> best;
       for (unsigned d = 0; d < b.depth; ++d) {
@@ -150,21 +252,46 @@ void sortViolations(std::vector<Violation>& v) {
 
 std::vector<Violation> TcamEmulator::checkAll() const {
    std::vector<Violation> out;
-   index_->v4.checkAll(entries_, out);
-   index_->v6.checkAll(entries_, out);
-   index_->mcast.checkAll(entries_, out);
+   const internal::CheckInput in{entries_, pairGap_, model_, pendingMergeSources_};
+   index_->v4.checkAll(in, out);
+   index_->v6.checkAll(in, out);
+   index_->mcast.checkAll(in, out);
+   // A route the hardware lost entirely is in no index; the count tells.
+   if (model_.routes && model_.routes() != installedRoutes()) {
+      out.push_back(Violation{Violation::Kind::misplaced, "",
+                              fmt::format("the model has placed {} routes but the hardware has {} "
+                                          "installed",
+                                          model_.routes(), installedRoutes())});
+   }
+   sortViolations(out);
+   return out;
+}
+
+std::vector<Violation> TcamEmulator::checkChanged(bool withinOperation) {
+   std::vector<Violation> out;
+   const uint64_t stamp = ++index_->stamp;
+   const internal::CheckInput in{entries_, pairGap_, model_, pendingMergeSources_};
+   index_->v4.checkDirty(stamp, in, out);
+   index_->v6.checkDirty(stamp, in, out);
+   index_->mcast.checkDirty(stamp, in, out);
+   if (!withinOperation) {
+      index_->v4.checkCross(in, out);
+      index_->v6.checkCross(in, out);
+      index_->mcast.checkCross(in, out);
+   }
    sortViolations(out);
    return out;
 }
 
 std::vector<Violation> TcamEmulator::checkAfterMove() {
-   std::vector<Violation> out;
-   const uint64_t stamp = ++index_->stamp;
-   index_->v4.checkDirty(stamp, entries_, out);
-   index_->v6.checkDirty(stamp, entries_, out);
-   index_->mcast.checkDirty(stamp, entries_, out);
-   sortViolations(out);
-   return out;
+   return checkChanged(false);
+}
+
+void TcamEmulator::modelViewIs(ModelView view) {
+   model_ = std::move(view);
+   index_->v4.crossChecking = bool(model_.v4);
+   index_->v6.crossChecking = bool(model_.v6);
+   index_->mcast.crossChecking = bool(model_.mcast);
 }
 
 }  // namespace VexloL3Common::sim

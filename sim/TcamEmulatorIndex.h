@@ -113,6 +113,17 @@ std::string where(uint32_t rank, uint32_t size) {
    }
 }
 
+// What the checks read besides the index: the entries, the pair geometry, the model's view (its
+// functions may be empty) and the merge sources the agent has yet to rewrite.
+struct CheckInput {
+   const std::vector<TcamEntry>& entries;
+   uint32_t pairGap;
+   const ModelView& model;
+   const std::vector<uint32_t>& pendingMergeSources;
+
+   uint32_t size() const { return uint32_t(entries.size()); }
+};
+
 // Keys of one family, each with the ranks of the entries that hold it and, when installed, its
 // home; and per domain a binary trie over the keys' bits (see the header for the idea).
 template <class Key>
@@ -128,6 +139,7 @@ struct KeyIndex {
       Slot* nextAtHome = nullptr;
       uint32_t dirtyAt = npos;
       uint64_t stamp = 0;
+      bool queued = false;  // in crossCheck
 
       bool installed() const { return homeRank != 0; }
       uint32_t first() const { return ranks.empty() ? 0 : ranks.front(); }
@@ -153,6 +165,12 @@ struct KeyIndex {
    size_t installedCount = 0;
    uint32_t tableSize;
    std::vector<Slot*> homeHead;  // per entry, the installed keys that live there
+   // While the model's view is cross-checked: every key changed since the last cross-check, by
+   // value (a route the hardware lost entirely has left the index, and only this list remembers
+   // it). The model and the hardware agree only between operations, so the check after each move
+   // leaves this list alone.
+   std::vector<Key> crossCheck;
+   bool crossChecking = false;
 
    explicit KeyIndex(uint32_t size) : tableSize(size), homeHead(size, nullptr) {}
 
@@ -223,6 +241,10 @@ struct KeyIndex {
    }
 
    void markDirty(Slot& s) {
+      if (crossChecking && !s.queued) {
+         s.queued = true;
+         crossCheck.push_back(*s.key);
+      }
       if (s.dirtyAt != npos) return;
       s.dirtyAt = uint32_t(dirty.size());
       dirty.push_back(&s);
@@ -299,14 +321,19 @@ struct KeyIndex {
       releaseIfUnused(s);
    }
 
-   // The checks (TcamEmulatorCheck.cpp): evaluate, (a) then (b) for one installed route;
-   // checkDirty, every route the keys changed since the last call may affect; checkAll, the whole
-   // family from scratch.
-   void evaluate(Slot& r, uint64_t stamp, const std::vector<TcamEntry>& entries,
-                 std::vector<Violation>& out);
-   void checkDirty(uint64_t stamp, const std::vector<TcamEntry>& entries,
-                   std::vector<Violation>& out);
-   void checkAll(const std::vector<TcamEntry>& entries, std::vector<Violation>& out) const;
+   // Marks the key's slot for the next check, when the key is indexed.
+   void touch(const Key& k) {
+      if (Slot* s = find(k)) markDirty(*s);
+   }
+
+   // The checks (TcamEmulatorCheck.cpp): evaluate, every check of one installed route in order,
+   // the first failure reported; checkDirty, every route the keys changed since the last call may
+   // affect, and the routes lost since; checkAll, the whole family from scratch.
+   void evaluate(Slot& r, uint64_t stamp, const CheckInput& in, std::vector<Violation>& out);
+   void checkDirty(uint64_t stamp, const CheckInput& in, std::vector<Violation>& out);
+   // (c) for every key queued since the last call.
+   void checkCross(const CheckInput& in, std::vector<Violation>& out);
+   void checkAll(const CheckInput& in, std::vector<Violation>& out) const;
 };
 
 }  // namespace VexloL3Common::sim::internal

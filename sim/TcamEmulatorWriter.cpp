@@ -39,14 +39,39 @@ void TcamEmulator::detach() {
    mergeStatus_ = nullptr;
 }
 
+// Every route a publication names is checked afterwards, whatever the writer made of it: a move
+// or merge dropped on the way changes no entry, and only this tells the check to look.
 void TcamEmulator::onMove(const RoutePosition& p) {
-   applyMove(p);
-   if (acknowledges_) moveStatus_->posIs(p);
+   touchKeysAt(p.oldRouteId);
+   const bool faulty = faultDue(false, &p);
+   if (faulty) noteFaultRoutes(p.oldRouteId, std::nullopt);
+   if (faulty && fault_ != WriterFault::wrongAck) {
+      applyFaultyMove(p);
+   } else {
+      applyMove(p);
+   }
+   if (acknowledges_)
+      moveStatus_->posIs(faulty && fault_ == WriterFault::wrongAck ? lastMoveAck_ : p);
+   lastMoveAck_ = p;
 }
 
 void TcamEmulator::onMerge(const RouteMergeInfo& m) {
-   applyMerge(m);
-   if (acknowledges_) mergeStatus_->mergeIs(m);
+   touchKeysAt(m.srcRouteId);  // both halves: cheaper than telling them apart, and harmless
+   const bool faulty = faultDue(true, nullptr);
+   if (faulty) noteFaultRoutes(m.srcRouteId, m.srcRouteType);
+   if (faulty && fault_ != WriterFault::wrongAck) {
+      applyFaultyMerge(m);
+   } else {
+      applyMerge(m);
+   }
+   if (acknowledges_)
+      mergeStatus_->mergeIs(faulty && fault_ == WriterFault::wrongAck ? lastMergeAck_ : m);
+   lastMergeAck_ = m;
+}
+
+void TcamEmulator::touchKeysAt(uint32_t pos) {
+   if (pos == 0 || pos >= size()) return;
+   visitKeys(entries_[pos], pos, size(), [&](const auto& k, uint32_t) { index_->of(k).touch(k); });
 }
 
 bool TcamEmulator::posValid(uint32_t pos, bool doubleSize) const {
@@ -142,13 +167,14 @@ void TcamEmulator::applyMerge(const RouteMergeInfo& m) {
    half = key;
    setRaw(m.dstRouteId, to);
    index_->v4.homeIs(*index_->v4.find(key), m.dstRouteId);
+   pendingMergeSources_.push_back(m.srcRouteId);
    ++merges_;
    afterChange();
 }
 
 void TcamEmulator::afterChange() {
    if (!checkEveryMove_) return;
-   for (auto& v : checkAfterMove())
+   for (auto& v : checkChanged(true))
       report(inconsistentText, std::move(v.message));
 }
 

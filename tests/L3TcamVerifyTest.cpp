@@ -129,3 +129,41 @@ TEST(TcamVerify, NamesTheFirstBrokenRecordOfAMulticastModel) {
              }),
              "verify: bitmap");
 }
+
+namespace {
+
+// A route placed with useSwapArea takes the IPv4 swap reserve; deletes that free it again make
+// the reserve whole, and from then on verify() checks it again: placements that keep out of it
+// stop at the reserve and leave it whole.
+TEST(TcamVerify, SwapReserveIsCheckedAgainOnceDeletesFreeIt) {
+   TcamHarness h(layout(256, 2, 8, false));
+   const uint32_t swap = h.ctx().swapAreaSize(RouteType::v4);
+   ASSERT_GT(swap, 1u);
+   std::vector<Ipv4UcastKey> placed;
+   for (uint32_t i = 0; h.ctx().entriesFree(RouteType::v4) > swap; ++i) {
+      placed.push_back(k4(1, fmt::format("10.{}.{}.0/24", i / 256, i % 256).c_str()));
+      ASSERT_NE(h.add4(placed.back()).routeId, 0u);
+   }
+   EXPECT_TRUE(h.ctx().swapReserveKept());
+   EXPECT_EQ(h.add4(k4(1, "20.0.0.0/16")).routeId, 0u) << "the reserve stops an ordinary add";
+   for (uint32_t i = 0; i < 3; ++i) {
+      placed.push_back(k4(1, fmt::format("30.0.{}.0/24", i).c_str()));
+      ASSERT_NE(h.add4(placed.back(), /*useSwapArea*/ true).routeId, 0u);
+   }
+   EXPECT_FALSE(h.ctx().swapReserveKept());
+   h.del4(placed.back());
+   placed.pop_back();
+   EXPECT_FALSE(h.ctx().swapReserveKept()) << "two reserve entries still taken";
+   for (int i = 0; i < 2; ++i) {
+      h.del4(placed.back());
+      placed.pop_back();
+   }
+   EXPECT_TRUE(h.ctx().swapReserveKept()) << "the reserve is whole again";
+   EXPECT_EQ(h.add4(k4(1, "20.0.0.0/16")).routeId, 0u);
+   // verify() checks the reserve again: a model that lost it behind the engine's back fails.
+   const uint32_t p = freeEntry(h.ctx(), RouteType::v4);
+   h.ctx().bitmap()->setBit(p);
+   EXPECT_EQ(failureOf([&] { h.ctx().verify(); }), "( v4Free + v4HalfUsed ) >= v4Swap");
+}
+
+}  // namespace

@@ -31,7 +31,9 @@ class TcamHarness {
    // invalid-entry manager).
    explicit TcamHarness(L3TcamManagerContext::Config cfg, bool urpf = false,
                         const std::function<void(L3TcamManagerContext&)>& beforeInit = {})
-       : table_(std::move(cfg), urpf, /*emulate*/ true, beforeInit) {}
+       : table_(std::move(cfg), urpf, /*emulate*/ true, beforeInit) {
+      emu_->modelViewIs(table_.modelView());
+   }
 
    // Separate single- and double-size IPv6 regions split at `border` (sim::EmulatedTable).
    void shareRegions(uint32_t border) { table_.shareRegions(border); }
@@ -98,10 +100,13 @@ class TcamHarness {
       return rc;
    }
 
-   // The model verifies itself; the emulator has checked every move already, and checkAll
+   // The model verifies itself; the emulator has checked every move already, and now that the
+   // operation is over also that every route it touched stands where the model has it; checkAll
    // confirms the whole table.
    void check(bool full = false) {
       ctx_->verify();
+      const auto changed = emu_->checkAfterMove();
+      ASSERT_TRUE(changed.empty()) << changed.front().message;
       if (full) {
          auto violations = emu_->checkAll();
          ASSERT_TRUE(violations.empty()) << violations.front().message;

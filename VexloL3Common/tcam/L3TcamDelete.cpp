@@ -58,6 +58,7 @@ void L3TcamManagerContext::deleteRoute(RouteType t, uint32_t pos, uint32_t len) 
    TRACE(th, level, "deleteRoute", ", pos: ", pos, ", len: ", len, " type: ", t);
    TcamRegion& region = regions_[t];
    region.release(len, region.slot(pos));
+   rearmSwapReserve();
 }
 
 RouteReturnCode L3TcamManagerContext::deleteRoute4(const Ipv4UcastKey& key, bool merge,
@@ -101,6 +102,7 @@ void L3TcamManagerContext::mergeRoute4(const Ipv4UcastKey& key, uint32_t pos, ui
          ", halfFullPos: ", halfFullPos, ", sequence: ", sequence);
    VEXLO_ASSERT(halfFullPos != pos, "halfFullPos != pos");
    regions_[RouteType::v4].merge(key.len(), halfFullPos, pos, key.vrfId, sequence);
+   rearmSwapReserve();
 }
 
 RouteReturnCode L3TcamManagerContext::deleteRoute6(const Ipv6UcastKey& key,

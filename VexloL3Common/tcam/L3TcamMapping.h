@@ -252,6 +252,8 @@ class MappingV6Base {
 
    // Collections. A key's positions are kept as a set (no counts).
    bool keyToEntryIdHas(const Ipv6UcastKey& key) const;
+   // The key's first position, 0 when absent; untraced, for checks that ask about every move.
+   uint32_t keyToEntryIdFirst(const Ipv6UcastKey& key) const;
    void keyToEntryIdIs(const Ipv6UcastKey& key, uint32_t pos);  // adds pos to the key's set
    void keyToEntryIdDel(const Ipv6UcastKey& key);
    void keyToEntryIdDelAll();

@@ -89,6 +89,11 @@ uint16_t MappingV6Base::getEntryIdCount(const Ipv6UcastKey& key) const {
    return cnt;
 }
 
+uint32_t MappingV6Base::keyToEntryIdFirst(const Ipv6UcastKey& key) const {
+   const internal::V6KeyRecord* r = keyToEntryId_.find(key);
+   return r ? r->first() : 0;
+}
+
 uint32_t MappingV6Base::getEntryId(const Ipv6UcastKey& key) const {
    const internal::V6KeyRecord* r = keyToEntryId_.find(key);
    uint32_t pos = 0;

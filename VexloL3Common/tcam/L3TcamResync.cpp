@@ -135,6 +135,14 @@ void L3TcamManagerContext::recheckSwapReserve() {
    if (v4_ && entriesFree(RouteType::v4) < swapAreaSize(RouteType::v4)) swapReserveKept_ = false;
 }
 
+void L3TcamManagerContext::rearmSwapReserve() {
+   // Once deletes leave the reserve whole again, placements that keep out of it keep it whole
+   // (they are refused at the reserve), so verify() can expect it again.
+   if (!swapReserveKept_ && v4_ && entriesFree(RouteType::v4) >= swapAreaSize(RouteType::v4)) {
+      swapReserveKept_ = true;
+   }
+}
+
 // ---- rebuild -----------------------------------------------------------------------------
 
 void L3TcamManagerContext::rebuildFromHardware(const std::vector<TcamHardwareEntry>& image,

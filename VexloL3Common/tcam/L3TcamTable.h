@@ -226,8 +226,9 @@ class L3TcamManagerContext {
       if (t == RouteType::v4 && n > regions_[t].swapReserve()) swapReserveKept_ = false;
       regions_[t].swapReserveIs(n);
    }
-   // Every placement so far kept out of the swap reserve (no caller passed useSwapArea, and the
-   // IPv4 reserve was never raised above what the layout could keep free).
+   // Every placement since the IPv4 swap reserve was last whole kept out of it (no caller passed
+   // useSwapArea, and the reserve was not raised above what was free). Deletes that free it
+   // again make it whole again.
    bool swapReserveKept() const { return swapReserveKept_; }
    bool initialized() const { return initialized_; }
    bool urpfEnabled() const { return urpfEnabled_; }
@@ -375,6 +376,7 @@ class L3TcamManagerContext {
    // Placements that bypass insertion (at a known index, or rebuilt from the hardware) take
    // whatever entries they are given, so the IPv4 reserve is kept only while it is still free.
    void recheckSwapReserve();
+   void rearmSwapReserve();
 
    // ---- the steps of verify(), in the order it runs them (L3TcamVerify.cpp). `expected` and
    // `expectedPair` collect the entries and pairs that the reserved entries and the routes claim.
@@ -422,8 +424,8 @@ class L3TcamManagerContext {
    bool initialized_ = false;
    bool urpfEnabled_ = false;
    bool layoutDone_ = false;
-   // False once a caller let placements take the swap reserve (or the reserve never fitted):
-   // verify() then no longer expects it kept.
+   // False while placements may have taken the swap reserve (a caller passed useSwapArea, or the
+   // reserve did not fit): verify() expects it kept only while this is true.
    bool swapReserveKept_ = true;
    Ulo::Ptr<TcamStats> stats_;
    Ulo::Ptr<TcamPublisher> publisher_;
