@@ -29,6 +29,7 @@ set(VEXLO_SOURCES
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamShift.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamShow.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamVerify.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamVerifyEntries.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/types/HBitmap.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/types/L3RouteTypes.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/vxlan/VexloVxlanDebug.cpp

@@ -20,7 +20,12 @@ bool envFlag(const char* name) {
 
 }  // namespace
 
-const bool sparseVerify = envFlag("VEXLO_FUZZ_SPARSE_VERIFY");
+const bool fullVerify = envFlag("VEXLO_FUZZ_FULL_VERIFY");
+const uint32_t maxSteps = [] {
+   const char* v = std::getenv("VEXLO_FUZZ_MAX_STEPS");
+   const unsigned long n = v && *v ? std::strtoul(v, nullptr, 10) : 0;
+   return n > 0 && n < 1024 ? uint32_t(n) : 1024u;
+}();
 const bool summaryWanted = envFlag("VEXLO_FUZZ_SUMMARY");
 
 void Run::check(sim::EmulatedTable& t, bool verify) {
@@ -36,9 +41,13 @@ void Run::check(sim::EmulatedTable& t, bool verify) {
        inM_.size());
    const std::vector<sim::Violation> v = t.emu()->checkAfterMove();
    VEXLO_ASSERT_MSG(v.empty(), "fuzz: hardware table consistent", v.empty() ? "" : v[0].message);
-   if (!verify) return;
-   c.verify();
-   (m ? sinceVerifyMcast_ : sinceVerify_) = 0;
+   if (verify) {
+      c.verify();
+      (m ? sinceVerifyMcast_ : sinceVerify_) = 0;
+   } else {
+      c.verifyEntries(t.touched());
+   }
+   t.touchedDelAll();
 }
 
 bool Run::afterStep(sim::EmulatedTable& t) {
@@ -48,7 +57,7 @@ bool Run::afterStep(sim::EmulatedTable& t) {
       peak = std::max(peak, t.usedEntries() * 100 / t.ctx().effectiveSize());
    }
    uint32_t& since = &t == mc_.get() ? sinceVerifyMcast_ : sinceVerify_;
-   const uint32_t stride = sparseVerify ? std::max(1u, t.ctx().tcamSize() / verifyDivisor) : 1;
+   const uint32_t stride = fullVerify ? 1 : std::max(1u, t.ctx().tcamSize() / verifyDivisor);
    const bool verified = ++since >= stride;
    check(t, verified);
    if (steps_ % fullCheckEvery == 0) fullCheck();

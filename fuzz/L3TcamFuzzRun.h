@@ -21,20 +21,23 @@
 namespace VexloL3Common::fuzz {
 
 // Caps that keep one input fast: operations decoded, and single route operations (a fill or a
-// drain makes many).
+// drain makes many). VEXLO_FUZZ_MAX_STEPS lowers the second for long exploring runs: an input
+// that fails under a lower cap fails the same way under a higher one, since every step before
+// the cap runs the same.
 constexpr uint32_t maxOps = 512;
-constexpr uint32_t maxSteps = 1024;
+extern const uint32_t maxSteps;
 // The whole table is checked this often, and at the end.
 constexpr uint32_t fullCheckEvery = 1024;
-// With VEXLO_FUZZ_SPARSE_VERIFY=1 the model verifies itself (a pass over the whole table) only
-// after every (n / verifyDivisor)-th step on a table of n entries, at a cost per step that does not
-// grow with the table: about twice the executions per second, for long exploring runs.
+// After every step the model verifies the entries the step touched (verifyEntries), which costs
+// the same on any table; it verifies itself whole (a pass over the table) after every
+// (n / verifyDivisor)-th step on a table of n entries, at every layout change and at the end.
+// VEXLO_FUZZ_FULL_VERIFY=1 verifies it whole after every step.
 constexpr uint32_t verifyDivisor = 64;
 // Lookups of a full check: every route of a small table, this many spread over a large one.
 constexpr size_t fullCheckLookups = 16;
 
-// VEXLO_FUZZ_SPARSE_VERIFY and VEXLO_FUZZ_SUMMARY, read once.
-extern const bool sparseVerify;
+// VEXLO_FUZZ_FULL_VERIFY and VEXLO_FUZZ_SUMMARY, read once.
+extern const bool fullVerify;
 extern const bool summaryWanted;
 
 // ---- the shadow: installed routes, pickable by index
@@ -155,7 +158,7 @@ class Run {
    // ---- checks (the comment at the top of L3TcamFuzz.cpp says which run when)
 
    // The route counts of a table and its shadow, the hardware check of what changed since the
-   // last one, and with `verify` the model's own verify().
+   // last one, and the model's own verify(): whole with `verify`, else of the entries touched.
    void check(sim::EmulatedTable& t, bool verify);
 
    // A layout change (border move, uRPF switch, restart) checks or rebuilds the whole table; it
@@ -166,7 +169,7 @@ class Run {
    }
    void charge(uint32_t steps) { steps_ += steps; }
 
-   // Returns whether the model verified itself (the caller then looks the route up).
+   // Returns whether the model verified itself whole (the caller then looks the route up).
    bool afterStep(sim::EmulatedTable& t);
 
    // Every table checked and its hardware checked from scratch; every installed route at the

@@ -56,6 +56,7 @@ bool Run::addMcast(const IpMcastPrefixKey& key) {
 
 template <class Key>
 bool Run::added(const Key& key, const RouteReturnCode& rc, size_t family) {
+   tableOf(key).noteTouched(rc.routeId);
    if (rc.routeId) shadow(key).add(key);
    ++(rc.routeId ? tally_.placed : tally_.refused)[family];
    checkRoute(key, rc.routeId);
@@ -65,6 +66,7 @@ bool Run::added(const Key& key, const RouteReturnCode& rc, size_t family) {
 void Run::del4(Ipv4UcastKey key, bool mergeAtOnce) {
    const uint64_t seq = ++sequence_;
    const RouteReturnCode rc = ctx().deleteRoute4(key, mergeAtOnce, seq);
+   uc_->noteTouched(rc.routeId);
    in4_.remove(key);
    uc_->rewriteV4(rc.routeId);
    if (rc.canMerge) {
@@ -80,13 +82,17 @@ void Run::del4(Ipv4UcastKey key, bool mergeAtOnce) {
 }
 
 void Run::del6(Ipv6UcastKey key) {
-   emu().clear(ctx().deleteRoute6(key).routeId);
+   const uint32_t pos = ctx().deleteRoute6(key).routeId;
+   uc_->noteTouched(pos);
+   emu().clear(pos);
    in6_.remove(key);
    checkRoute(key, 0);
 }
 
 void Run::delMcast(IpMcastPrefixKey key) {
-   mc_->emu()->clear(mc_->ctx().deleteMroute4(key).routeId);
+   const uint32_t pos = mc_->ctx().deleteMroute4(key).routeId;
+   mc_->noteTouched(pos);
+   mc_->emu()->clear(pos);
    inM_.remove(key);
    checkRoute(key, 0);
 }
@@ -291,6 +297,7 @@ std::unique_ptr<sim::EmulatedTable> Run::mcastTable() const {
 
 std::unique_ptr<sim::EmulatedTable> Run::crossChecked(std::unique_ptr<sim::EmulatedTable> t) {
    t->emu()->modelViewIs(t->modelView());
+   t->trackTouchedIs(true);
    return t;
 }
 

@@ -56,6 +56,24 @@ ModelView EmulatedTable::modelView() const {
    return v;
 }
 
+void EmulatedTable::trackTouchedIs(bool on) {
+   tracking_ = on;
+   touched_.clear();
+   if (!on) {
+      touchMove_.reset();
+      touchMerge_.reset();
+      return;
+   }
+   touchMove_ = move_->changed().subscribe([this](const RoutePosition& p) {
+      touched_.push_back(p.oldRouteId);
+      touched_.push_back(p.newRouteId);
+   });
+   touchMerge_ = merge_->changed().subscribe([this](const RouteMergeInfo& m) {
+      touched_.push_back(m.srcRouteId);
+      touched_.push_back(m.dstRouteId);
+   });
+}
+
 EmulatedTable::~EmulatedTable() {
    if (emu_) emu_->detach();
 }
@@ -93,17 +111,20 @@ bool EmulatedTable::add(const Route& r) {
    switch (r.family) {
       case Route::Family::v4: {
          const uint32_t pos = ctx_->addRoute4(r.v4, false).routeId;
+         noteTouched(pos);
          if (pos && emu_) emu_->writeV4(pos, ctx_->v4()->keys(pos));
          return pos != 0;
       }
       case Route::Family::v6: {
          if (!v6Placeable(r.v6.len())) return false;
          const uint32_t pos = ctx_->addRoute6(r.v6, false).routeId;
+         noteTouched(pos);
          if (pos && emu_) emu_->writeV6(pos, r.v6, doubleSizeAt(pos));
          return pos != 0;
       }
       case Route::Family::mcast: {
          const uint32_t pos = ctx_->addMroute4(r.mcast, false).routeId;
+         noteTouched(pos);
          if (pos && emu_) emu_->writeMcast(pos, r.mcast);
          return pos != 0;
       }
@@ -116,15 +137,21 @@ void EmulatedTable::del(const Route& r) {
       case Route::Family::v4:
          // Merged at once, as an agent that is not batching does; then the entry the delete
          // names is rewritten with what it still holds.
-         rewriteV4(ctx_->deleteRoute4(r.v4, /*merge*/ true, ++sequence_).routeId);
-         return;
+         {
+            const uint32_t pos = ctx_->deleteRoute4(r.v4, /*merge*/ true, ++sequence_).routeId;
+            noteTouched(pos);
+            rewriteV4(pos);
+            return;
+         }
       case Route::Family::v6: {
          const uint32_t pos = ctx_->deleteRoute6(r.v6).routeId;
+         noteTouched(pos);
          if (emu_) emu_->clear(pos);
          return;
       }
       case Route::Family::mcast: {
          const uint32_t pos = ctx_->deleteMroute4(r.mcast).routeId;
+         noteTouched(pos);
          if (emu_) emu_->clear(pos);
          return;
       }

@@ -19,6 +19,7 @@
 
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "VexloL3Common/tcam/L3TcamTable.h"
 #include "sim/Route.h"
@@ -68,6 +69,17 @@ class EmulatedTable {
    // there are no double-size entries, and an agent never offers a route longer than the
    // single-size entries take (the model treats that as a broken caller): add() refuses it.
    bool v6Placeable(uint32_t len) const;
+   // The entries touched since the last touchedDelAll: both ends of every published move and
+   // merge, and the entries of the routes added and deleted through this table or noted by a
+   // caller that drives the context itself. Recorded once tracking is on. For checking after
+   // each operation only what it touched (L3TcamManagerContext::verifyEntries).
+   void trackTouchedIs(bool on);
+   void noteTouched(uint32_t pos) {
+      if (tracking_) touched_.push_back(pos);
+   }
+   const std::vector<uint32_t>& touched() const { return touched_; }
+   void touchedDelAll() { touched_.clear(); }
+
    // Where the model has each route, for the emulator to cross-check the hardware against
    // (`emu()->modelViewIs(modelView())`: then check between operations, not during one).
    ModelView modelView() const;
@@ -79,6 +91,9 @@ class EmulatedTable {
    Ulo::Ptr<L3TcamManagerContext> ctx_;
    std::unique_ptr<TcamEmulator> emu_;
    Ulo::Subscription ackMove_, ackMerge_;
+   Ulo::Subscription touchMove_, touchMerge_;
+   bool tracking_ = false;
+   std::vector<uint32_t> touched_;
    uint64_t sequence_ = 0;
 };
 

@@ -39,12 +39,15 @@ void TcamEmulator::detach() {
    mergeStatus_ = nullptr;
 }
 
-// Every route a publication names is checked afterwards, whatever the writer made of it: a move
-// or merge dropped on the way changes no entry, and only this tells the check to look.
+// Every route a publication names is checked afterwards, whatever the writer made of it. A move
+// or merge carried out marks its routes by changing their entries; one that a faulty writer drops
+// changes none, so the routes the record names are marked here.
 void TcamEmulator::onMove(const RoutePosition& p) {
-   touchKeysAt(p.oldRouteId);
    const bool faulty = faultDue(false, &p);
-   if (faulty) noteFaultRoutes(p.oldRouteId, std::nullopt);
+   if (faulty) {
+      touchKeysAt(p.oldRouteId);
+      noteFaultRoutes(p.oldRouteId, std::nullopt);
+   }
    if (faulty && fault_ != WriterFault::wrongAck) {
       applyFaultyMove(p);
    } else {
@@ -56,9 +59,11 @@ void TcamEmulator::onMove(const RoutePosition& p) {
 }
 
 void TcamEmulator::onMerge(const RouteMergeInfo& m) {
-   touchKeysAt(m.srcRouteId);  // both halves: cheaper than telling them apart, and harmless
    const bool faulty = faultDue(true, nullptr);
-   if (faulty) noteFaultRoutes(m.srcRouteId, m.srcRouteType);
+   if (faulty) {
+      touchKeysAt(m.srcRouteId);  // both halves: harmless
+      noteFaultRoutes(m.srcRouteId, m.srcRouteType);
+   }
    if (faulty && fault_ != WriterFault::wrongAck) {
       applyFaultyMerge(m);
    } else {
@@ -126,6 +131,7 @@ void TcamEmulator::applyMove(const RoutePosition& p) {
    });
    if (!stale.empty()) return fail(fmt::format("the source holds a stale copy:{}", stale));
 
+   index_->deferUpdates();
    store(dst, to);
    const uint32_t dstRank = rankOf(dst, to.kind);
    visitKeys(from, src, size(), [&](const auto& k, uint32_t) {
@@ -135,6 +141,7 @@ void TcamEmulator::applyMove(const RoutePosition& p) {
    // The contents now belong at the destination: the source is invalidated, so that a route
    // moved out of an entry that nothing reuses cannot outlive its deletion there.
    if (entries_[src] == from) vacate(src);
+   index_->flush();
    ++moves_;
    afterChange();
 }

@@ -167,3 +167,55 @@ TEST(TcamVerify, SwapReserveIsCheckedAgainOnceDeletesFreeIt) {
 }
 
 }  // namespace
+
+namespace {
+
+// verifyEntries sees a break at the entries it is given, and the breaks of the whole model that
+// cost no pass over the table, with the same texts as verify(); a break elsewhere waits for
+// verify().
+TEST(TcamVerify, EntriesNamesABreakAtAnEntryItIsGivenOrAnywhereInTheCounts) {
+   struct Case {
+      const char* text;
+      std::function<uint32_t(L3TcamManagerContext&)> breakIt;  // returns the entry to give
+   };
+   const Case cases[] = {
+       {"verify: bitmap",
+        [](L3TcamManagerContext& c) {
+           const uint32_t p = freeEntry(c, RouteType::v4);
+           c.bitmap()->setBit(p);
+           return p;
+        }},
+       // The lone /16's range ends on the entry that no longer counts as used.
+       {"verify: range ends on used entries",
+        [](L3TcamManagerContext& c) {
+           const uint32_t p = c.getKeyV4ToEntryId(k4(1, "10.2.0.0/16"));
+           c.block(RouteType::v4)->bitmap()->clearBit(p);
+           return p;
+        }},
+       {"verify: tracked half-full entry",
+        [](L3TcamManagerContext& c) {
+           c.v4()->halfFullIs(20, c.getKeyV4ToEntryId(k4(1, "10.1.1.0/24")));
+           return 0u;
+        }},
+       {"verify: IPv4 keys counted",
+        [](L3TcamManagerContext& c) {
+           c.stats()->maskLengthsIpv4Inc(16, 1);
+           return 0u;
+        }},
+   };
+   for (const Case& k : cases) {
+      TcamHarness h(layout(8192, 2, 8));
+      populateUnicast(h);
+      const uint32_t pos = k.breakIt(h.ctx());
+      EXPECT_EQ(failureOf([&] { h.ctx().verifyEntries({pos}); }), k.text);
+   }
+   // A stray used entry away from the entries given is verify()'s to find.
+   TcamHarness h(layout(8192, 2, 8));
+   populateUnicast(h);
+   const uint32_t stray = freeEntry(h.ctx(), RouteType::v4);
+   h.ctx().bitmap()->setBit(stray);
+   EXPECT_EQ(failureOf([&] { h.ctx().verifyEntries({stray + 1}); }), "no failure");
+   EXPECT_EQ(failureOf([&] { h.ctx().verify(); }), "verify: bitmap");
+}
+
+}  // namespace

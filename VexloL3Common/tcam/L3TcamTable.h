@@ -334,6 +334,11 @@ class L3TcamManagerContext {
 
    // ---- verification: fatal on the first inconsistency found
    void verify() const;
+   // verify() for the given entries (the ones an operation touched: its route's entry and the
+   // moves' and merges' both ends), together with the checks that cost no pass over the table: at
+   // a cost that does not grow with the table, for checking after every operation. A break that
+   // only a pass over the whole table shows is left to verify().
+   void verifyEntries(const std::vector<uint32_t>& positions) const;
    // Checks one IPv4 route's placement (mapping both ways, occupancy, its length's range, the
    // half-full tracking) and returns its entry; 0 when the route is not installed.
    uint32_t verifyRoute4(const Ipv4UcastKey& key) const;
@@ -390,6 +395,10 @@ class L3TcamManagerContext {
    void verifySwapReserve() const;
    void verifyV6Entries(HBitmap& expected, HBitmap& expectedPair) const;
    void verifyOccupancy(const HBitmap& expected, const HBitmap& expectedPair) const;
+   void verifyMcastEntry(uint32_t pos) const;
+   void verifyUnicastEntry(uint32_t pos) const;
+   void verifyRoute4Entry(uint32_t pos) const;
+   bool invalidEntry(uint32_t pos) const;
 
    // ---- the steps of doCreateBlocks, in the order it runs them (L3TcamLayout.cpp)
    struct LayoutSizes {
