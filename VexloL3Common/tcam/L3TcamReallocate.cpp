@@ -28,6 +28,7 @@
 //   TcamStats::reallocation is counted.
 //   A failure is decided before the first move, so a refused reallocation changes nothing.
 #include "VexloL3Common/tcam/L3TcamTable.h"
+#include "VexloL3Common/tcam/internal/L3TcamRangeMove.h"
 #include "VexloL3Common/tcam/internal/L3TcamShift.h"
 #include "platform/Assert.h"
 #include "platform/Trace.h"
@@ -99,14 +100,7 @@ bool L3TcamManagerContext::reallocate(uint32_t newBorder, bool useSwapArea) {
          TRACE(th, 2, "reallocate: no room for the IPv4 entries");
          return false;
       }
-      for (uint32_t n = 0; n < routes; ++n) {
-         const uint32_t pos = used4.findLastSet(first, newBorder - 1);
-         const uint32_t freeEntry = occupancy_.entries()->findFirstClear(newBorder, last);
-         VEXLO_ASSERT_MSG(pos != npos && freeEntry != npos, "reallocate: entry and room", "pos ",
-                          pos, ", free ", freeEntry);
-         TcamRegion& region = regions_[RouteType::v4];
-         internal::relocateEntry(region, region.mapping().routeAt(pos).len(), pos, freeEntry);
-      }
+      clearForPartition(RouteType::v4, first, newBorder - 1, routes);
       VEXLO_ASSERT_MSG(used4.count(first, newBorder - 1) == 0, "reallocate: region empty",
                        "IPv4 entries left in ", first, "/", newBorder - 1);
    } else {
@@ -127,15 +121,7 @@ bool L3TcamManagerContext::reallocate(uint32_t newBorder, bool useSwapArea) {
          TRACE(th, 2, "reallocate: no room for the IPv6 pairs");
          return false;
       }
-      for (uint32_t n = 0; n < routes; ++n) {
-         const uint32_t pair = usedFull.findFirstSet(pairFirst, pairLast);
-         const uint32_t freePair = occupancy_.pairs()->findLastClear(1, pairFirst - 1);
-         VEXLO_ASSERT_MSG(pair != npos && freePair != npos, "reallocate: pair and room", "pair ",
-                          pair, ", free ", freePair);
-         TcamRegion& region = regions_[RouteType::v6Full];
-         const uint32_t len = region.mapping().routeAt(region.physical(pair)).len();
-         internal::relocateEntry(region, len, pair, freePair);
-      }
+      clearForPartition(RouteType::v6Full, pairFirst, pairLast, routes);
       VEXLO_ASSERT_MSG(usedFull.count(pairFirst, pairLast) == 0, "reallocate: region empty",
                        "pairs left in ", pairFirst, "/", pairLast);
    }
@@ -143,6 +129,40 @@ bool L3TcamManagerContext::reallocate(uint32_t newBorder, bool useSwapArea) {
    stats_->reallocationInc(1);
    TRACE(th, 2, "reallocate", " done, border: ", newBorder);
    return true;
+}
+
+void L3TcamManagerContext::clearForPartition(RouteType t, uint32_t first, uint32_t last,
+                                             uint32_t routes) {
+   TcamRegion& region = regions_[t];
+   const uint32_t end = effectiveSize_ - 1;
+   if (borderMoveInRanges()) {
+      // Each entry in the way moves at most once; see internal/L3TcamRangeMove.h.
+      const uint64_t moves = t == RouteType::v4
+                                 ? internal::clearSpan(region, first, last, true, end)
+                                 : internal::clearSpan(region, first, last, false, 1);
+      TRACE(th, 7, "reallocate: in ranges, ", routes, " routes, ", moves, " moves");
+      return;
+   }
+   if (t == RouteType::v4) {
+      const HBitmap& used4 = region.used();
+      for (uint32_t n = 0; n < routes; ++n) {
+         const uint32_t pos = used4.findLastSet(first, last);
+         const uint32_t freeEntry = occupancy_.entries()->findFirstClear(last + 1, end);
+         VEXLO_ASSERT_MSG(pos != npos && freeEntry != npos, "reallocate: entry and room", "pos ",
+                          pos, ", free ", freeEntry);
+         internal::relocateEntry(region, region.mapping().routeAt(pos).len(), pos, freeEntry);
+      }
+      return;
+   }
+   const HBitmap& usedFull = region.used();
+   for (uint32_t n = 0; n < routes; ++n) {
+      const uint32_t pair = usedFull.findFirstSet(first, last);
+      const uint32_t freePair = occupancy_.pairs()->findLastClear(1, first - 1);
+      VEXLO_ASSERT_MSG(pair != npos && freePair != npos, "reallocate: pair and room", "pair ", pair,
+                       ", free ", freePair);
+      const uint32_t len = region.mapping().routeAt(region.physical(pair)).len();
+      internal::relocateEntry(region, len, pair, freePair);
+   }
 }
 
 }  // namespace VexloL3Common
