@@ -21,6 +21,12 @@
 //   made by the shifting engine: from the nearest free entry on the receiving side the hole
 //   travels one entry per intervening prefix length to the moved entry's length, so every length
 //   keeps its order at every step and each step leaves R with one route fewer.
+//   With borderMoveInRanges set, the way is cleared range by range instead
+//   (internal/L3TcamRangeMove.h): the ranges from the border outward each give up the entries that
+//   the push overruns, from their far end to the free entries just past their near end, so each
+//   entry moves at most once and a range the push does not reach moves nothing. The bound is the
+//   number of entries in the way, where the entry-by-entry move makes one move per intervening
+//   length for each of them.
 //   What is published: every move, in the order made, each acknowledged by the writer before the
 //   next; nothing else (the new border is the model's business: the hardware only ever sees
 //   routes at valid places).
