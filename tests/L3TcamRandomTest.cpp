@@ -186,6 +186,12 @@ class RandomRun {
          for (Family& f : fams_)
             f.refusedInFill = 0;
       }
+      // Under the weighted policy an idle agent rebalances now and then, a few moves at a time.
+      if (s_.cfg.placementPolicy == PlacementPolicy::weighted && op_ % 97 == 96) {
+         digest_.add(h_.ctx().rebalance(rng_() % 64));
+         h_.check();
+         return;
+      }
       // Phases that favour one family, then one IPv6 size, make the partitions and the two
       // regions trade space back and forth.
       const uint64_t phase = (op_ / 700) % 3;

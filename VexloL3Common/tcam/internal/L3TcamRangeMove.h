@@ -11,7 +11,8 @@
 //   does not reach moves nothing. The moves are made from the outermost range inward, so every
 //   move lands on a slot that is already free and every length keeps its order at every step.
 //   Returns the moves made. The caller has checked that the room past the span holds every
-//   entry in it.
+//   entry in it, and the span lies at the start of the region (up) or its end (down), so that no
+//   range lies wholly before it.
 //
 // rebalance(region, weights, budget)
 //   Moves free slots across ranges, one entry per slot and range crossed, so that the free slots
