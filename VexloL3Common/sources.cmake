@@ -22,7 +22,10 @@ set(VEXLO_SOURCES
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamMappingV4Moves.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamMappingV6.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamPublisher.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamPlacement.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamRangeMove.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamReallocate.cpp
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamRebalance.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamRegion.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamResync.cpp
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamResyncCheck.cpp
@@ -50,11 +53,13 @@ set(VEXLO_HEADERS
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamBlock.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamManager.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamMapping.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamPlacement.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamPublisher.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamRegion.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamRoute.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/L3TcamTable.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamMappingImpl.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamRangeMove.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamResyncCheck.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamShift.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/types/HBitmap.h

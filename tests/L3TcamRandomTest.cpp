@@ -76,8 +76,31 @@ std::vector<Scenario> ipv6Scenarios() {
            {"moving border, uRPF", movingUrpf, true, 128}};
 }
 
+// The same layouts under the weighted placement with the border moving in ranges, and the
+// moving-border layouts with the border in ranges under the classic placement: every check of the
+// runs holds whatever the policy; each run's digest is its own.
+std::vector<Scenario> optInScenarios() {
+   std::vector<Scenario> out;
+   for (std::vector<Scenario> group : {ipv4Scenarios(), ipv6Scenarios()}) {
+      for (Scenario s : group) {
+         if (s.cfg.dynamicV4V6Boundary) {
+            Scenario ranges = s;
+            ranges.name = "classic, border in ranges, " + s.name;
+            ranges.cfg.borderMoveInRanges = true;
+            out.push_back(ranges);
+         }
+         s.name = "weighted, " + s.name;
+         s.cfg.placementPolicy = PlacementPolicy::weighted;
+         s.cfg.borderMoveInRanges = true;
+         out.push_back(s);
+      }
+   }
+   return out;
+}
+
 uint64_t opsPerRun() {
-   const uint64_t runs = ipv4Scenarios().size() + 1 + ipv6Scenarios().size();  // 1: multicast
+   const uint64_t runs = ipv4Scenarios().size() + 1 + ipv6Scenarios().size() +
+                         optInScenarios().size();  // 1: multicast
    const uint64_t total = envNumber("VEXLO_RANDOM_TOTAL_OPS", 0);
    return total ? std::max<uint64_t>(total / runs, 1) : envNumber("VEXLO_RANDOM_OPS", 5000);
 }
@@ -162,6 +185,12 @@ class RandomRun {
          filling_ = true;
          for (Family& f : fams_)
             f.refusedInFill = 0;
+      }
+      // Under the weighted policy an idle agent rebalances now and then, a few moves at a time.
+      if (s_.cfg.placementPolicy == PlacementPolicy::weighted && op_ % 97 == 96) {
+         digest_.add(h_.ctx().rebalance(rng_() % 64));
+         h_.check();
+         return;
       }
       // Phases that favour one family, then one IPv6 size, make the partitions and the two
       // regions trade space back and forth.
@@ -258,6 +287,14 @@ TEST(TcamRandom, Ipv6BesideIpv4) {
    Ulo::ScopedThrowingAssertHandler guard;
    uint64_t seed = envNumber("VEXLO_RANDOM_SEED", 1) + 200;
    for (const Scenario& s : ipv6Scenarios()) {
+      if (!RandomRun(s, seed++).run(opsPerRun())) return;
+   }
+}
+
+TEST(TcamRandom, WeightedPlacementAndBorderMoveInRangesStayConsistent) {
+   Ulo::ScopedThrowingAssertHandler guard;
+   uint64_t seed = envNumber("VEXLO_RANDOM_SEED", 1) + 300;
+   for (const Scenario& s : optInScenarios()) {
       if (!RandomRun(s, seed++).run(opsPerRun())) return;
    }
 }

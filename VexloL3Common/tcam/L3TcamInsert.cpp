@@ -61,7 +61,7 @@ uint32_t L3TcamManagerContext::addRoute(const TcamRoute& route, bool useSwapArea
       blkStart = physicalBoundToPair(blkStart);
       blkEnd = physicalBoundToPair(blkEnd);
    }
-   const IndexRange target = targetRange(*blk, len, blkStart, blkEnd);
+   const IndexRange target = targetRange(t, *blk, len, blkStart, blkEnd);
    const uint32_t start = target.start(), end = target.end();
    TRACE(th, 7, "BlkRange: ", blkStart, "/", blkEnd, ", indexRange: ", start, "/", end);
 
@@ -88,8 +88,8 @@ uint32_t L3TcamManagerContext::addRoute(const TcamRoute& route, bool useSwapArea
    return shiftAndInsert(route, freeEntry, false);
 }
 
-IndexRange L3TcamManagerContext::targetRange(const TcamBlock& blk, uint32_t len, uint32_t blkStart,
-                                             uint32_t blkEnd) const {
+IndexRange L3TcamManagerContext::targetRange(RouteType t, const TcamBlock& blk, uint32_t len,
+                                             uint32_t blkStart, uint32_t blkEnd) const {
    if (blk.lengthRangeHas(len) && blk.lengthRange(len).start() != 0) return blk.lengthRange(len);
    // The gap between the nearest longer length (below) and the nearest shorter one (above).
    uint32_t lenEnd = blk.prefixLenMin(), lenStart = blk.prefixLenMax() + 1;
@@ -111,8 +111,14 @@ IndexRange L3TcamManagerContext::targetRange(const TcamBlock& blk, uint32_t len,
          ", ir: ", start, "/", end);
    if (end > start && start <= blkEnd && end >= blkStart) {
       uint32_t target;
+      const std::span<const uint32_t> weights = placementPolicy() == PlacementPolicy::weighted
+                                                    ? placementWeights().of(t)
+                                                    : std::span<const uint32_t>();
       if (len <= blk.prefixLenMin()) {
          target = end;
+      } else if (!weights.empty()) {
+         target = weightedTarget(weights, len, start, end, lenStart, lenEnd,
+                                 lenStart <= blk.prefixLenMax());
       } else {
          // Share the gap equally among the lengths that may still arrive between the two
          // neighbours and aim at the middle of this length's share.

@@ -21,6 +21,12 @@
 //   made by the shifting engine: from the nearest free entry on the receiving side the hole
 //   travels one entry per intervening prefix length to the moved entry's length, so every length
 //   keeps its order at every step and each step leaves R with one route fewer.
+//   With borderMoveInRanges set, the way is cleared range by range instead
+//   (internal/L3TcamRangeMove.h): the ranges from the border outward each give up the entries that
+//   the push overruns, from their far end to the free entries just past their near end, so each
+//   entry moves at most once and a range the push does not reach moves nothing. The bound is the
+//   number of entries in the way, where the entry-by-entry move makes one move per intervening
+//   length for each of them.
 //   What is published: every move, in the order made, each acknowledged by the writer before the
 //   next; nothing else (the new border is the model's business: the hardware only ever sees
 //   routes at valid places).
@@ -28,6 +34,7 @@
 //   TcamStats::reallocation is counted.
 //   A failure is decided before the first move, so a refused reallocation changes nothing.
 #include "VexloL3Common/tcam/L3TcamTable.h"
+#include "VexloL3Common/tcam/internal/L3TcamRangeMove.h"
 #include "VexloL3Common/tcam/internal/L3TcamShift.h"
 #include "platform/Assert.h"
 #include "platform/Trace.h"
@@ -99,14 +106,7 @@ bool L3TcamManagerContext::reallocate(uint32_t newBorder, bool useSwapArea) {
          TRACE(th, 2, "reallocate: no room for the IPv4 entries");
          return false;
       }
-      for (uint32_t n = 0; n < routes; ++n) {
-         const uint32_t pos = used4.findLastSet(first, newBorder - 1);
-         const uint32_t freeEntry = occupancy_.entries()->findFirstClear(newBorder, last);
-         VEXLO_ASSERT_MSG(pos != npos && freeEntry != npos, "reallocate: entry and room", "pos ",
-                          pos, ", free ", freeEntry);
-         TcamRegion& region = regions_[RouteType::v4];
-         internal::relocateEntry(region, region.mapping().routeAt(pos).len(), pos, freeEntry);
-      }
+      clearForPartition(RouteType::v4, first, newBorder - 1, routes);
       VEXLO_ASSERT_MSG(used4.count(first, newBorder - 1) == 0, "reallocate: region empty",
                        "IPv4 entries left in ", first, "/", newBorder - 1);
    } else {
@@ -127,15 +127,7 @@ bool L3TcamManagerContext::reallocate(uint32_t newBorder, bool useSwapArea) {
          TRACE(th, 2, "reallocate: no room for the IPv6 pairs");
          return false;
       }
-      for (uint32_t n = 0; n < routes; ++n) {
-         const uint32_t pair = usedFull.findFirstSet(pairFirst, pairLast);
-         const uint32_t freePair = occupancy_.pairs()->findLastClear(1, pairFirst - 1);
-         VEXLO_ASSERT_MSG(pair != npos && freePair != npos, "reallocate: pair and room", "pair ",
-                          pair, ", free ", freePair);
-         TcamRegion& region = regions_[RouteType::v6Full];
-         const uint32_t len = region.mapping().routeAt(region.physical(pair)).len();
-         internal::relocateEntry(region, len, pair, freePair);
-      }
+      clearForPartition(RouteType::v6Full, pairFirst, pairLast, routes);
       VEXLO_ASSERT_MSG(usedFull.count(pairFirst, pairLast) == 0, "reallocate: region empty",
                        "pairs left in ", pairFirst, "/", pairLast);
    }
@@ -143,6 +135,40 @@ bool L3TcamManagerContext::reallocate(uint32_t newBorder, bool useSwapArea) {
    stats_->reallocationInc(1);
    TRACE(th, 2, "reallocate", " done, border: ", newBorder);
    return true;
+}
+
+void L3TcamManagerContext::clearForPartition(RouteType t, uint32_t first, uint32_t last,
+                                             uint32_t routes) {
+   TcamRegion& region = regions_[t];
+   const uint32_t end = effectiveSize_ - 1;
+   if (borderMoveInRanges()) {
+      // Each entry in the way moves at most once; see internal/L3TcamRangeMove.h.
+      const uint64_t moves = t == RouteType::v4
+                                 ? internal::clearSpan(region, first, last, true, end)
+                                 : internal::clearSpan(region, first, last, false, 1);
+      TRACE(th, 7, "reallocate: in ranges, ", routes, " routes, ", moves, " moves");
+      return;
+   }
+   if (t == RouteType::v4) {
+      const HBitmap& used4 = region.used();
+      for (uint32_t n = 0; n < routes; ++n) {
+         const uint32_t pos = used4.findLastSet(first, last);
+         const uint32_t freeEntry = occupancy_.entries()->findFirstClear(last + 1, end);
+         VEXLO_ASSERT_MSG(pos != npos && freeEntry != npos, "reallocate: entry and room", "pos ",
+                          pos, ", free ", freeEntry);
+         internal::relocateEntry(region, region.mapping().routeAt(pos).len(), pos, freeEntry);
+      }
+      return;
+   }
+   const HBitmap& usedFull = region.used();
+   for (uint32_t n = 0; n < routes; ++n) {
+      const uint32_t pair = usedFull.findFirstSet(first, last);
+      const uint32_t freePair = occupancy_.pairs()->findLastClear(1, first - 1);
+      VEXLO_ASSERT_MSG(pair != npos && freePair != npos, "reallocate: pair and room", "pair ", pair,
+                       ", free ", freePair);
+      const uint32_t len = region.mapping().routeAt(region.physical(pair)).len();
+      internal::relocateEntry(region, len, pair, freePair);
+   }
 }
 
 }  // namespace VexloL3Common

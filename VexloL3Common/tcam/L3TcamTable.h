@@ -48,6 +48,7 @@
 #include "VexloL3Common/tcam/L3Stats.h"
 #include "VexloL3Common/tcam/L3TcamBlock.h"
 #include "VexloL3Common/tcam/L3TcamMapping.h"
+#include "VexloL3Common/tcam/L3TcamPlacement.h"
 #include "VexloL3Common/tcam/L3TcamPublisher.h"
 #include "VexloL3Common/tcam/L3TcamRegion.h"
 #include "VexloL3Common/tcam/L3TcamRoute.h"
@@ -98,12 +99,19 @@ struct L3TcamFixedConfig {
    bool operator==(const L3TcamFixedConfig&) const = default;
 };
 
-// What a manager writes into the context it keeps (taking effect at the next layout).
+// What a manager writes into the context it keeps (the layout fields take effect at the next
+// layout, the placement fields at the next placement).
 struct L3TcamInPlaceConfig {
    uint32_t tcamMode = 1;            // 1..4
    uint8_t numUcastDefipBlocks = 1;  // never 0
    uint32_t pairGap = 0;             // 0: derive
    uint32_t requestedTableMode = 0;
+   // Where the first route of a new prefix length goes (L3TcamPlacement.h).
+   PlacementPolicy placementPolicy = PlacementPolicy::classic;
+   PlacementWeights placementWeights = PlacementWeights::internetLike();
+   // A moving IPv4/IPv6 border clears its way range by range, each entry moving at most once,
+   // rather than entry by entry through the shifting engine (L3TcamReallocate.cpp).
+   bool borderMoveInRanges = false;
 
    bool operator==(const L3TcamInPlaceConfig&) const = default;
 };
@@ -168,6 +176,12 @@ class L3TcamManagerContext {
    }
    uint32_t requestedTableMode() const { return config_.requestedTableMode; }
    void requestedTableModeIs(uint32_t m) { config_.requestedTableMode = m; }
+   PlacementPolicy placementPolicy() const { return config_.placementPolicy; }
+   void placementPolicyIs(PlacementPolicy p) { config_.placementPolicy = p; }
+   const PlacementWeights& placementWeights() const { return config_.placementWeights; }
+   void placementWeightsIs(const PlacementWeights& w) { config_.placementWeights = w; }
+   bool borderMoveInRanges() const { return config_.borderMoveInRanges; }
+   void borderMoveInRangesIs(bool b) { config_.borderMoveInRanges = b; }
    uint32_t currentTableMode() const { return config_.currentTableMode; }
    bool reAddAllowed() const { return config_.reAddAllowed; }
    VrfId fallbackVrfId() const { return config_.fallbackVrfId; }
@@ -312,6 +326,12 @@ class L3TcamManagerContext {
    // The layout's IPv4/IPv6 border moves at run time (pairing, dynamic border, separate regions).
    bool borderMoves() const;
 
+   // ---- rebalancing (L3TcamRebalance.cpp): moves at most maxMoves entries of the IPv4 and IPv6
+   // regions so that the free entries past each length's range approach its share by the
+   // placement weights, whatever the policy in force; for an agent to call when idle. Each move
+   // is published like any other. Returns the moves made (0: nothing to gain, or maxMoves 0).
+   uint64_t rebalance(uint64_t maxMoves);
+
    // ---- uRPF: lays an empty unicast table out again; false (nothing changed) while routes are
    // installed.
    bool handleUrpf(bool enabled);
@@ -365,13 +385,16 @@ class L3TcamManagerContext {
    TcamRegion& regionOf(RouteType t) { return regions_[t]; }
    // The steps of addRoute: the range in which the route's length wants its slot, and, for a
    // double-size route when no pair is free, a pair freed by moving an IPv4 entry aside.
-   IndexRange targetRange(const TcamBlock& blk, uint32_t len, uint32_t blkStart,
+   IndexRange targetRange(RouteType t, const TcamBlock& blk, uint32_t len, uint32_t blkStart,
                           uint32_t blkEnd) const;
    bool freeAPair(uint32_t blkStart, uint32_t blkEnd, unsigned level, bool useSwapArea);
    uint32_t shiftAndInsert(const TcamRoute& route, uint32_t freeEntry, bool down);
    // Sets the IPv4/IPv6 border of a layout whose border moves: the IPv4 and v6Full block bounds,
    // v4V6Border and the IPv6 mapping's border, together. Moves nothing.
    void borderIs(uint32_t border);
+   // Moves the `routes` entries of route type t (v4 or v6Full) out of the slots [first, last]
+   // toward the other side of the border being moved (up for IPv4, down for pairs).
+   void clearForPartition(RouteType t, uint32_t first, uint32_t last, uint32_t routes);
    // The ladder's rungs for a full double-size block: two IPv4 entries out of the double-size
    // region, or, when a double-size route of /64 or less exists (fullMin), the shortest one to a
    // single entry. False when the rung found nothing to move or nowhere to put it.

@@ -30,10 +30,10 @@ inline void assertPos(uint32_t pos) {
 inline constexpr uint32_t maxMappingPosition = 1u << 24;
 
 // Values indexed by TCAM position. Lookups cost one bounds check and one bit test; a position
-// that was never written reads as absent. The array grows by doubling (rounded to whole bitmap
-// words) and never shrinks, so a table that has reached its size allocates nothing more.
-// forEach visits present positions in ascending order, scanning the presence bitmap a word at a
-// time: O(highest position / 64 + present positions).
+// that was never written reads as absent. The array grows to the power of two above the highest
+// position written (at least one bitmap word) and never shrinks, so a table that has reached its
+// size allocates nothing more. forEach visits present positions in ascending order, scanning the
+// presence bitmap a word at a time: O(highest position / 64 + present positions).
 template <class T>
 class PositionArray {
  public:
@@ -90,8 +90,10 @@ class PositionArray {
  private:
    void grow(uint32_t pos) {
       VEXLO_ASSERT_MSG(pos < maxMappingPosition, "pos < maxMappingPosition", "pos: ", pos);
-      size_t n = std::max<size_t>({size_t(pos) + 1, values_.size() * 2, 64});
-      n = (n + 63) & ~size_t{63};
+      // The next power of two: the size depends on the highest position alone, not on the order
+      // in which positions were reached (a first route placed high must not leave the array
+      // twice the table).
+      const size_t n = std::max<size_t>(std::bit_ceil(size_t(pos) + 1), 64);
       values_.resize(n);
       words_.resize(n / 64, 0);
    }
