@@ -180,6 +180,40 @@ uint64_t probeFree(const EmulatedTable& t, Region region, bool urpf) {
 
 }  // namespace
 
+namespace {
+
+RouteType entryTypeOf(Region region, const L3TcamManagerContext& c) {
+   switch (region) {
+      case Region::v4:
+         return RouteType::v4;
+      case Region::v6Single:
+         return c.borderMoves() ? RouteType::v6Full : RouteType::v6Half;
+      case Region::v6Double:
+         return RouteType::v6Full;
+      case Region::mcast:
+         return RouteType::v4Mcast;
+   }
+   return RouteType::v4;
+}
+
+void severityOf(ReportData::CapacityRow& r, double warnPercent, double criticalPercent) {
+   if (r.refused) {
+      r.severity = "critical";
+      r.warning = fmt::format("critical: {:.1f} % used, {} route{} refused", r.percentUsed,
+                              r.refused, r.refused == 1 ? "" : "s");
+   } else if (r.max && r.percentUsed >= criticalPercent) {
+      r.severity = "critical";
+      r.warning =
+          fmt::format("critical: {:.1f} % used (threshold {:g} %)", r.percentUsed, criticalPercent);
+   } else if (r.max && r.percentUsed >= warnPercent) {
+      r.severity = "warning";
+      r.warning =
+          fmt::format("warning: {:.1f} % used (threshold {:g} %)", r.percentUsed, warnPercent);
+   }
+}
+
+}  // namespace
+
 std::vector<ReportData::CapacityRow> Simulation::capacity(double warnPercent,
                                                           double criticalPercent) const {
    std::vector<ReportData::CapacityRow> rows;
@@ -192,13 +226,14 @@ std::vector<ReportData::CapacityRow> Simulation::capacity(double warnPercent,
       r.max = r.used + r.free;
       r.highWatermark = std::max(stats_.highWatermark[size_t(region)], used);
       r.percentUsed = r.max ? 100.0 * double(r.used) / double(r.max) : 0.0;
-      if (r.max && r.percentUsed >= criticalPercent) {
-         r.warning = fmt::format("critical: {:.1f} % used (threshold {:g} %)", r.percentUsed,
-                                 criticalPercent);
-      } else if (r.max && r.percentUsed >= warnPercent) {
-         r.warning =
-             fmt::format("warning: {:.1f} % used (threshold {:g} %)", r.percentUsed, warnPercent);
+      const RouteType et = entryTypeOf(region, t.ctx());
+      // Without pairing there are no double-size entries, whatever the block is called.
+      if (region != Region::v6Double || t.ctx().supportsDefipPairing()) {
+         r.usedEntries = t.ctx().entries(et) * (et == RouteType::v6Full ? 2 : 1);
+         r.freeEntries = t.ctx().block(et) ? t.ctx().entriesFree(et) : 0;
       }
+      r.refused = stats_.refusals[size_t(region)].total();
+      severityOf(r, warnPercent, criticalPercent);
       rows.push_back(std::move(r));
    };
    if (unicast_) {

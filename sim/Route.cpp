@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "platform/Trace.h"
+#include "sim/Quote.h"
 
 namespace VexloL3Common::sim {
 
@@ -53,9 +54,20 @@ class Words {
 
 // ---- messages ----------------------------------------------------------------------------
 
+// Text from the input is quoted short and escaped (sim/Quote.h); numbers pass as they are.
+template <class T>
+decltype(auto) shown(const T& v) {
+   if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+      return clipped(v);
+   } else {
+      return (v);
+   }
+}
+
 template <class... Args>
-[[noreturn]] void fail(fmt::format_string<Args...> format, Args&&... args) {
-   throw std::invalid_argument(fmt::format(format, std::forward<Args>(args)...));
+[[noreturn]] void fail(fmt::format_string<decltype(shown(std::declval<Args>()))...> format,
+                       Args&&... args) {
+   throw std::invalid_argument(fmt::format(format, shown(args)...));
 }
 
 bool parseUnsigned(std::string_view text, uint32_t& out) {

@@ -101,6 +101,13 @@ uint64_t Statistics::refused() const {
    return n;
 }
 
+uint64_t Statistics::Refusals::total() const {
+   uint64_t n = 0;
+   for (uint64_t c : count)
+      n += c;
+   return n;
+}
+
 uint64_t Statistics::installed() const {
    uint64_t n = 0;
    for (uint64_t r : routes)
@@ -118,6 +125,8 @@ std::unique_ptr<EmulatedTable> Simulation::makeTable(const L3TcamManagerContext:
    try {
       auto t = std::make_unique<EmulatedTable>(c, urpf, true);
       t->emu()->checkEveryMoveIs(cfg_.check);
+      // An inconsistency is a finding of the run, reported with its figures, not a crash.
+      t->emu()->onErrorIs(TcamEmulator::OnError::record);
       return t;
    } catch (const Ulo::AssertionFailure& e) {
       throw std::range_error("the layout refuses this configuration: " + e.text +
@@ -160,7 +169,7 @@ uint32_t Simulation::intern(const Route& r) {
 void Simulation::beginPhase(const char* name) {
    VEXLO_ASSERT(!finished_, "!finished_");
    phaseStart_.push_back(ops_.size());
-   stats_.phases.push_back(Statistics::Phase{name});
+   stats_.phases.emplace_back().name = name;
 }
 
 ReportData::Sample Simulation::currentSample() const {
@@ -184,6 +193,25 @@ void Simulation::sample() {
    }
 }
 
+void Simulation::noteRefusal(const EmulatedTable& t, const Route& r) {
+   const Refusal why = refusalOf(t.ctx(), r);
+   Statistics::Refusals& rr = stats_.refusals[size_t(regionOf(r))];
+   if (rr.count[size_t(why.reason)]++ == 0)
+      rr.example[size_t(why.reason)] = r.toString() + ": " + why.detail;
+   if (!why.border.empty()) rr.border = why.border;
+}
+
+void Simulation::noteWorst(uint32_t route, RouteOp::Kind kind, uint64_t moves) {
+   std::vector<Statistics::Update>& w = stats_.worst;
+   if (cfg_.worst == 0 || moves == 0 || (w.size() == cfg_.worst && moves <= w.back().moves)) return;
+   // The list is short: an insertion in order costs less than a heap would save.
+   auto at = std::upper_bound(w.begin(), w.end(), moves,
+                              [](uint64_t m, const Statistics::Update& u) { return m > u.moves; });
+   w.insert(at, Statistics::Update{stats_.operations, stats_.phases.back().name, kind,
+                                   pool_[route].toString(), moves});
+   if (w.size() > cfg_.worst) w.pop_back();
+}
+
 void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
    const Route& r = pool_[route];
    EmulatedTable& t = *tableOf(r.family);
@@ -204,6 +232,7 @@ void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
       } else {
          ++fam.refused;
          if (r.family == Route::Family::v6 && !t.v6Placeable(r.len())) ++stats_.v6WithoutEntries;
+         noteRefusal(t, r);
       }
    } else if (installedAt_[route] == notInstalled) {
       // Its add was refused: there is nothing to delete.
@@ -232,6 +261,8 @@ void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
    Statistics::Phase& phase = stats_.phases.back();
    ++phase.operations;
    phase.moves += moves;
+   phase.movesPerOperation.add(moves);
+   noteWorst(route, kind, moves);
    phase.placed += placed;
    phase.refused += kind == RouteOp::Kind::add && !placed;
 
@@ -365,7 +396,13 @@ std::vector<std::string> Simulation::checkTables() const {
    std::vector<std::string> out;
    for (const EmulatedTable* t : {unicast_.get(), mcast_.get()}) {
       if (!t) continue;
-      t->ctx().verify();
+      // Fatal unless the caller installed a throwing assertion handler: then it is one finding.
+      try {
+         t->ctx().verify();
+      } catch (const Ulo::AssertionFailure& e) {
+         out.push_back("model verification: " + e.text +
+                       (e.message.empty() ? "" : ": " + e.message));
+      }
       for (const Violation& v : t->emu()->checkAll())
          out.push_back(v.message);
       for (const std::string& e : t->emu()->errors())

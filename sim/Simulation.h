@@ -38,6 +38,7 @@
 #include "VexloL3Common/tcam/L3TcamTable.h"
 #include "sim/EmulatedTable.h"
 #include "sim/HtmlReport.h"
+#include "sim/Refusal.h"
 #include "sim/Route.h"
 
 namespace VexloL3Common::sim {
@@ -47,6 +48,7 @@ struct SimulationConfig {
    bool urpf = false;
    uint32_t mcastSize = 0;  // 0: no multicast table (multicast routes are then an input error)
    bool check = false;      // the emulator checks the table after every move and merge
+   size_t worst = 5;        // updates kept with the most moves (Statistics::worst)
    // Live heap bytes of the process, when the program counts them; null: memory is not reported.
    std::function<int64_t()> heapBytes;
 };
@@ -88,6 +90,23 @@ struct Statistics {
       uint64_t operations = 0;
       uint64_t modelNs = 0;
       uint64_t placed = 0, refused = 0, moves = 0;
+      MoveHistogram movesPerOperation;
+   };
+   // Refused adds of one region by reason (sim/Refusal.h), each with its first route and the
+   // figures the model saw then; `border`: why a moving border did not make room, last seen.
+   struct Refusals {
+      std::array<uint64_t, numRefusalReasons> count{};
+      std::array<std::string, numRefusalReasons> example{};
+      std::string border;
+      uint64_t total() const;
+   };
+   // One update of the run, for the list of those with the most moves.
+   struct Update {
+      uint64_t operation = 0;  // 1-based over the whole run
+      std::string phase;
+      RouteOp::Kind kind = RouteOp::Kind::add;
+      std::string route;
+      uint64_t moves = 0;
    };
    std::array<Family, 3> family;  // by Route::Family
    MoveHistogram movesPerInsert;  // placed adds
@@ -96,6 +115,9 @@ struct Statistics {
    // IPv6 adds refused because the layout has no entry of the size they need (longer than /64
    // without pairing).
    uint64_t v6WithoutEntries = 0;
+   std::array<Refusals, numRegions> refusals;
+   // The updates with the most moves, most first (ties: the earlier first); at most config.worst.
+   std::vector<Update> worst;
    std::vector<Phase> phases;
    // Live heap bytes of the twin contexts after the run; -1 when not counted.
    int64_t modelBytes = -1;
@@ -164,6 +186,8 @@ class Simulation {
    // Applies one operation to the emulated table and records it.
    void apply(uint32_t route, RouteOp::Kind kind);
    void beginPhase(const char* name);
+   void noteRefusal(const EmulatedTable& t, const Route& r);
+   void noteWorst(uint32_t route, RouteOp::Kind kind, uint64_t moves);
    ReportData::Sample currentSample() const;
    void sample();
 

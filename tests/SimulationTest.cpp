@@ -133,6 +133,76 @@ TEST(Simulation, RefusedRoutesAreCountedAndTheirDeletesSkipped) {
    EXPECT_EQ(st.highWatermark[0], st.family[0].placed);
 }
 
+// Every refusal is counted under its region and one reason, with the first route refused; a full
+// IPv4 partition keeps its swap reserve, and a route too long for any entry says so.
+TEST(Simulation, RefusalsCarryTheirRegionAndReason) {
+   SimulationConfig cfg = small();
+   cfg.worst = 3;
+   Simulation sim(cfg);
+   std::vector<Route> routes = v4Routes(2500, 24);
+   Ulo::Ip6Prefix::Bytes b{0x20, 0x01, 0x0d, 0xb8};
+   routes.push_back(Route::of(Ipv6UcastKey(VrfId(1), Ulo::Ip6Prefix(b, 128))));
+   sim.load(routes);
+   const Statistics& st = sim.statistics();
+   const Statistics::Refusals& v4 = st.refusals[size_t(Region::v4)];
+   EXPECT_EQ(v4.total(), st.family[0].refused);
+   const size_t kept = size_t(RefusalReason::swapReserveKept);
+   EXPECT_EQ(v4.count[kept], v4.total()) << "the reserve, not a full block, stops IPv4 here";
+   // The first refused route is the first one past what was placed.
+   EXPECT_THAT(v4.example[kept],
+               ::testing::StartsWith(routes[st.family[0].placed].toString() + ": "));
+   EXPECT_TRUE(v4.border.empty()) << "this layout's border does not move";
+   const Statistics::Refusals& v6 = st.refusals[size_t(Region::v6Double)];
+   EXPECT_EQ(v6.count[size_t(RefusalReason::noEntrySize)], 1u);
+   const auto rows = sim.capacity(70, 85);
+   EXPECT_EQ(rows[0].severity, "critical");
+   EXPECT_EQ(rows[0].refused, v4.total());
+   EXPECT_EQ(rows[2].usedEntries + rows[2].freeEntries, 0u) << "no double-size entries";
+}
+
+// The worst updates are the ones with the most moves, most first, at most config.worst of them,
+// and the first is the histogram's maximum.
+TEST(Simulation, WorstUpdatesAreTheLargestInOrder) {
+   SimulationConfig cfg = small();
+   cfg.worst = 4;
+   Simulation sim(cfg);
+   SyntheticMix mix;
+   mix.v4 = 900;
+   sim.load(syntheticTable(mix));
+   sim.churn(500, 3);
+   const Statistics& st = sim.statistics();
+   ASSERT_EQ(st.worst.size(), 4u);
+   EXPECT_EQ(st.worst.front().moves, st.movesPerUpdate.max());
+   uint64_t atLeastLast = 0;
+   for (uint64_t m = st.worst.back().moves; m < st.movesPerUpdate.counts().size(); ++m)
+      atLeastLast += st.movesPerUpdate.counts()[m];
+   EXPECT_GE(atLeastLast, 4u);
+   for (size_t i = 1; i < st.worst.size(); ++i)
+      EXPECT_GE(st.worst[i - 1].moves, st.worst[i].moves);
+   // Each phase's histogram is its own: the two add up to the run's.
+   EXPECT_EQ(st.phases[0].movesPerOperation.total() + st.phases[1].movesPerOperation.total(),
+             st.moves);
+   EXPECT_EQ(st.phases[1].movesPerOperation.operations(), 500u);
+}
+
+// A table that the writer got wrong is a finding of the run: checked after every move, it is
+// recorded and listed, never an abort.
+TEST(Simulation, EmulatedTableFaultIsRecordedNotFatal) {
+   Simulation sim(small());
+   sim.load(v4Routes(200, 24));
+   EmulatedTable& t = *sim.unicast();
+   // A /8 written where the search meets it first shadows every /24 below it.
+   const uint32_t free = t.ctx().bitmap()->findFirstClear(1, t.ctx().effectiveSize() - 1);
+   ASSERT_NE(free, HBitmap::npos);
+   Ipv4Keys k;
+   k.right = Ipv4UcastKey(VrfId(1), Ulo::Prefix(0, 8));
+   t.emu()->writeV4(free, k);
+   sim.load(v4Routes(50, 24, 200));
+   const std::vector<std::string> found = sim.checkTables();
+   ASSERT_FALSE(found.empty());
+   EXPECT_THAT(found.front(), ::testing::HasSubstr("0.0.0.0/8"));
+}
+
 TEST(Simulation, ChurnKeepsTheTableAndTheTwinAgrees) {
    SimulationConfig cfg = small(256);
    int64_t heap = 0;

@@ -1,7 +1,11 @@
 // Where a run's routes come from: a route file, stdin, the generator, or the bundled table.
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 
+#include "sim/Quote.h"
 #include "sim/SyntheticTable.h"
 #include "tools/Tool.h"
 
@@ -9,9 +13,20 @@ namespace VexloL3Common::tool {
 
 namespace {
 
+// A directory opens as a stream on Linux and fails only at the first read, with no word of why:
+// it is refused by name first, as is a file that cannot be read.
 std::ifstream openOrFail(const std::string& path) {
+   std::error_code ec;
+   const std::string shown = sim::clipped(path);
+   if (std::filesystem::is_directory(path, ec))
+      throw UsageError("'" + shown + "' is a directory, not a file");
    std::ifstream f(path);
-   if (!f) throw UsageError("cannot open '" + path + "'");
+   if (!f) {
+      const int err = errno;
+      if (!std::filesystem::exists(path, ec))
+         throw UsageError("cannot open '" + shown + "': no such file");
+      throw UsageError("cannot read '" + shown + "': " + std::strerror(err));
+   }
    return f;
 }
 

@@ -6,9 +6,10 @@
 //   vexlo-tcam capacity [table options] [input] [--warn-at P] [--critical-at P]
 //   vexlo-tcam generate --synthetic N [--synthetic-v6 N] [--synthetic-mcast N] [--seed S] [-o F]
 //
-// Exit status: 0 done, 1 the emulated table found an inconsistency (a model fault), 2 bad input
-// (usage, files, route text, a configuration the layout refuses) reported as one line on stderr,
-// with no output file written.
+// Exit status: 0 fitted; 1 an inconsistency (a model assertion, the model's verification or the
+// emulated table's check), reported in one line on stderr with the JSON and report still
+// written; 2 bad input (usage, files, route text, a configuration the layout refuses) reported
+// as one line on stderr, with no output file written; 3 the table did not fit as --fail-on asks.
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
@@ -17,7 +18,9 @@
 #include <iostream>
 #include <sstream>
 
+#include "platform/Assert.h"
 #include "platform/Trace.h"
+#include "sim/Quote.h"
 #include "sim/SyntheticTable.h"
 #include "tools/Tool.h"
 
@@ -129,6 +132,20 @@ void addRunOptions(CLI::App& app, Options& o, bool churn) {
        ->capture_default_str();
 }
 
+// Options of the verdict: when a run counts as failed, and how much of the worst it shows.
+void addVerdictOptions(CLI::App& app, Options& o) {
+   const char* g = "Verdict";
+   app.add_option("--fail-on", o.failOn,
+                  "exit 3 when a route was refused (refused), or a region is at the warning "
+                  "(warning) or critical (critical) threshold or worse")
+       ->check(CLI::IsMember({"refused", "warning", "critical"}))
+       ->group(g);
+   app.add_option("--worst", o.worst, "list the N updates with the most moves")
+       ->check(CLI::Range(uint64_t(0), uint64_t(1000)))
+       ->group(g)
+       ->capture_default_str();
+}
+
 sim::SimulationConfig simulationConfig(const Options& o, const Input& in,
                                        const std::vector<sim::RouteOp>& trace) {
    sim::SimulationConfig c;
@@ -155,7 +172,39 @@ sim::SimulationConfig simulationConfig(const Options& o, const Input& in,
       c.mcastSize = Options::defaultMcastSize;
    }
    c.heapBytes = liveHeapBytes;
+   c.worst = size_t(o.worst);
    return c;
+}
+
+// Whether the layout takes the table options of o: a software-only context is laid out.
+bool layoutAccepts(const Options& o) {
+   const sim::SimulationConfig c = simulationConfig(o, Input{}, {});
+   Ulo::ScopedThrowingAssertHandler guard;
+   try {
+      L3TcamManagerContext::Config u = c.unicast;
+      u.v4Mcast = false;
+      sim::EmulatedTable t(u, c.urpf, false);
+      return true;
+   } catch (const std::exception&) {
+      return false;
+   }
+}
+
+// The simulation, or a refused layout in the options' terms.
+std::unique_ptr<sim::Simulation> makeSimulation(const Options& o, const Input& in,
+                                                const std::vector<sim::RouteOp>& trace) {
+   try {
+      return std::make_unique<sim::Simulation>(simulationConfig(o, in, trace));
+   } catch (const std::range_error& e) {
+      // The engine's words (which check refused it) come last, for whoever knows the layout.
+      const std::string why = e.what();
+      const std::string prefix = "the layout refuses this configuration: ";
+      throw UsageError(fmt::format("the layout refuses --size {} --mode {} --blocks {}{}: {} ({})",
+                                   o.size, o.mode, o.blocks,
+                                   o.pairGap ? fmt::format(" --pair-gap {}", o.pairGap) : "",
+                                   layoutAdvice(o, why, layoutAccepts),
+                                   why.rfind(prefix, 0) == 0 ? why.substr(prefix.size()) : why));
+   }
 }
 
 // Counts past these would only exhaust memory: every operation of a run is recorded.
@@ -206,9 +255,9 @@ void checkRun(Command cmd, const Options& o) {
    if (o.report == "-") throw UsageError("--report needs a file name");
 }
 
-// Files are written after all the work, so a run that fails leaves none behind.
+// Files are written after all the work, so a run that fails on its input leaves none behind.
 void writeOutputs(const Options& o, const sim::Simulation& sim, const Input& in,
-                  const std::vector<sim::ReportData::CapacityRow>& capacity, size_t violations) {
+                  const std::vector<sim::ReportData::CapacityRow>& capacity, const Verdict& v) {
    if (!o.report.empty()) {
       sim::ReportData d = sim.reportData();
       d.title = "vexlo-tcam: " + configLine(o, sim);
@@ -219,7 +268,7 @@ void writeOutputs(const Options& o, const sim::Simulation& sim, const Input& in,
       writeFileAtomically(o.report, page.str());
    }
    if (!o.json.empty()) {
-      const std::string text = jsonStatistics(o, sim, in, capacity, violations);
+      const std::string text = jsonStatistics(o, sim, in, capacity, v);
       if (o.json == "-") {
          std::fwrite(text.data(), 1, text.size(), stdout);
       } else {
@@ -230,12 +279,12 @@ void writeOutputs(const Options& o, const sim::Simulation& sim, const Input& in,
 
 // The text an operator reads, by subcommand.
 void printResults(Command cmd, const Options& o, const sim::Simulation& sim, const Input& in,
-                  const std::vector<sim::ReportData::CapacityRow>& capacity) {
+                  const std::vector<sim::ReportData::CapacityRow>& capacity, const Verdict& v) {
    const sim::EmulatedTable* u = sim.unicast();
    switch (cmd) {
       case Command::simulate:
       case Command::replay:
-         printHeadline(o, sim, in);
+         printHeadline(o, sim, in, capacity, v);
          if (u) {
             std::fflush(stdout);
             u->ctx().showSoftwareTcamTableSummary(STDOUT_FILENO);
@@ -256,43 +305,73 @@ void printResults(Command cmd, const Options& o, const sim::Simulation& sim, con
          }
          break;
       case Command::capacity:
-         printHeadline(o, sim, in);
+         printHeadline(o, sim, in, capacity, v);
          printCapacity(capacity);
          break;
    }
 }
 
+std::string assertionText(const Ulo::AssertionFailure& e) {
+   return "model assertion: " + e.text + (e.message.empty() ? "" : ": " + e.message);
+}
+
+// The phases of the run. A model assertion stops it: what follows would build on a broken model.
+void runPhases(Command cmd, const Options& o, sim::Simulation& sim, const Input& in,
+               const std::vector<sim::RouteOp>& trace, std::vector<std::string>& faults) {
+   ProgressBar bar(o.progress);
+   try {
+      sim.load(in.routes, bar.phase("load"));
+      if (cmd == Command::replay)
+         sim.replay(trace, o.trace == "-" ? "<stdin>" : o.trace, bar.phase("replay"));
+      if (o.churn) sim.churn(o.churn, o.churnSeed, bar.phase("churn"));
+      bar.done();
+      sim.finish();
+   } catch (const Ulo::AssertionFailure& e) {
+      faults.push_back(assertionText(e));
+   }
+}
+
 int run(Command cmd, const Options& o) {
    checkRun(cmd, o);
-   if (!o.traceLevels.empty()) Ulo::Trace::configure(o.traceLevels);
+   if (!o.traceLevels.empty()) applyTraceLevels(o.traceLevels);
 
    Input in = readInput(o);
    std::vector<sim::RouteOp> trace;
    if (cmd == Command::replay) {
       trace = readTraceFile(o.trace);
    }
-
-   sim::Simulation sim(simulationConfig(o, in, trace));
-   ProgressBar bar(o.progress);
-   sim.load(in.routes, bar.phase("load"));
-   if (cmd == Command::replay)
-      sim.replay(trace, o.trace == "-" ? "<stdin>" : o.trace, bar.phase("replay"));
-   if (o.churn) sim.churn(o.churn, o.churnSeed, bar.phase("churn"));
-   bar.done();
-   sim.finish();
-   const std::vector<std::string> violations = sim.checkTables();
-   // Probing capacity costs a fill of a copy of the table: only where it is shown.
-   const bool wantCapacity = cmd != Command::show || !o.json.empty() || !o.report.empty();
-   const std::vector<sim::ReportData::CapacityRow> capacity =
-       wantCapacity ? sim.capacity(o.warnAt, o.criticalAt)
-                    : std::vector<sim::ReportData::CapacityRow>{};
-
-   writeOutputs(o, sim, in, capacity, violations.size());
-   if (o.json != "-") printResults(cmd, o, sim, in, capacity);
+   const std::unique_ptr<sim::Simulation> simPtr = makeSimulation(o, in, trace);
+   sim::Simulation& sim = *simPtr;
+   // From here on a failed model assertion is a finding of the run (exit 1), never an abort.
+   Ulo::ScopedThrowingAssertHandler guard;
+   std::vector<std::string> faults;
+   runPhases(cmd, o, sim, in, trace, faults);
+   std::vector<sim::ReportData::CapacityRow> capacity;
+   if (faults.empty()) {
+      for (std::string& v : sim.checkTables())
+         faults.push_back(std::move(v));
+      // Probing capacity costs a fill of a copy of the table: only where it is shown.
+      const bool wantCapacity = cmd != Command::show || !o.json.empty() || !o.report.empty();
+      try {
+         if (wantCapacity) capacity = sim.capacity(o.warnAt, o.criticalAt);
+      } catch (const Ulo::AssertionFailure& e) {
+         faults.push_back(assertionText(e));
+      }
+   }
+   const Verdict v = verdictOf(o, capacity, sim.statistics().refused(), std::move(faults));
+   writeOutputs(o, sim, in, capacity, v);
+   try {
+      if (o.json != "-") printResults(cmd, o, sim, in, capacity, v);
+   } catch (const Ulo::AssertionFailure&) {
+      // A broken model may not show itself: the inconsistency below says why.
+      if (v.inconsistencies.empty()) throw;
+   }
    std::fflush(stdout);
-   for (const std::string& v : violations)
-      std::fprintf(stderr, "vexlo-tcam: table inconsistent: %s\n", v.c_str());
-   return violations.empty() ? 0 : 1;
+   if (!v.inconsistencies.empty())
+      std::fprintf(stderr, "vexlo-tcam: %s\n", inconsistencyLine(v).c_str());
+   if (!v.failedOn.empty() && v.inconsistencies.empty())
+      std::fprintf(stderr, "vexlo-tcam: did not fit: %s\n", v.failedOn.c_str());
+   return v.exitStatus;
 }
 
 int generate(const Options& o) {
@@ -338,6 +417,7 @@ int main(int argc, char** argv) {
       addTableOptions(*sub, o);
       addInputOptions(*sub, o);
       addRunOptions(*sub, o, sub == simulate || sub == replay);
+      addVerdictOptions(*sub, o);
    }
    replay
        ->add_option("trace", o.trace,
@@ -366,9 +446,13 @@ int main(int argc, char** argv) {
                     : show->parsed()   ? Command::show
                                        : Command::capacity;
       return run(cmd, o);
+   } catch (const Ulo::AssertionFailure& e) {
+      std::fprintf(stderr, "vexlo-tcam: inconsistency: model assertion: %s\n",
+                   VexloL3Common::sim::printable(e.what()).c_str());
+      return exitInconsistent;
    } catch (const std::exception& e) {
       // Input, configuration and file errors: one line, and no output file was written.
-      std::fprintf(stderr, "vexlo-tcam: %s\n", e.what());
-      return 2;
+      std::fprintf(stderr, "vexlo-tcam: %s\n", VexloL3Common::sim::printable(e.what()).c_str());
+      return exitBadInput;
    }
 }
