@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 namespace VexloL3Common::sim {
 
@@ -21,5 +22,15 @@ inline constexpr size_t maxQuotedChars = 60;
 std::string clipped(std::string_view text, size_t maxChars = maxQuotedChars);
 // Every byte that is not printable ASCII escaped, nothing cut: for whole messages.
 std::string printable(std::string_view text);
+
+// For message arguments: text is clipped, anything else (a number) passes as it is.
+template <class T>
+decltype(auto) clippedIfText(const T& v) {
+   if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+      return clipped(v);
+   } else {
+      return (v);
+   }
+}
 
 }  // namespace VexloL3Common::sim

@@ -54,20 +54,11 @@ class Words {
 
 // ---- messages ----------------------------------------------------------------------------
 
-// Text from the input is quoted short and escaped (sim/Quote.h); numbers pass as they are.
-template <class T>
-decltype(auto) shown(const T& v) {
-   if constexpr (std::is_convertible_v<const T&, std::string_view>) {
-      return clipped(v);
-   } else {
-      return (v);
-   }
-}
-
+// Text from the input is clipped and escaped (sim/Quote.h); numbers pass as they are.
 template <class... Args>
-[[noreturn]] void fail(fmt::format_string<decltype(shown(std::declval<Args>()))...> format,
+[[noreturn]] void fail(fmt::format_string<decltype(clippedIfText(std::declval<Args>()))...> format,
                        Args&&... args) {
-   throw std::invalid_argument(fmt::format(format, shown(args)...));
+   throw std::invalid_argument(fmt::format(format, clippedIfText(args)...));
 }
 
 bool parseUnsigned(std::string_view text, uint32_t& out) {
