@@ -10,6 +10,22 @@ namespace {
 
 using Row = sim::ReportData::CapacityRow;
 
+// What the input held besides routes: " (bgpdump; skipped 6 local, 2 broadcast; 3 duplicates)".
+std::string inputNotes(const Input& in) {
+   std::string notes;
+   if (in.format != "routes") notes += in.format;
+   if (!in.skipped.empty()) {
+      notes += std::string(notes.empty() ? "" : "; ") + "skipped";
+      for (size_t i = 0; i < in.skipped.size(); ++i)
+         notes += fmt::format("{} {} {}", i ? "," : "", in.skipped[i].second, in.skipped[i].first);
+   }
+   if (in.duplicates) {
+      notes += fmt::format("{}{} duplicate{} collapsed", notes.empty() ? "" : "; ", in.duplicates,
+                           in.duplicates == 1 ? "" : "s");
+   }
+   return notes.empty() ? "" : " (" + notes + ")";
+}
+
 void printResult(const sim::Statistics& st, const Verdict& v) {
    const uint64_t offered = st.placed() + st.refused();
    if (!v.inconsistencies.empty()) {
@@ -90,7 +106,8 @@ void printHeadline(const Options& o, const sim::Simulation& sim, const Input& in
                    const std::vector<Row>& capacity, const Verdict& v) {
    const sim::Statistics& st = sim.statistics();
    std::printf("vexlo-tcam: %s\n", configLine(o, sim).c_str());
-   std::printf("Input: %s, %zu routes\n", in.description.c_str(), in.routes.size());
+   std::printf("Input: %s, %zu routes%s\n", in.description.c_str(), in.routes.size(),
+               inputNotes(in).c_str());
    printResult(st, v);
    if (!capacity.empty()) printRegions(capacity);
    printRefusals(st);

@@ -4,8 +4,10 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <sstream>
 
 #include "sim/Quote.h"
+#include "sim/RouteFormats.h"
 #include "sim/SyntheticTable.h"
 #include "tools/Tool.h"
 
@@ -28,6 +30,25 @@ std::ifstream openOrFail(const std::string& path) {
       throw UsageError("cannot read '" + shown + "': " + std::strerror(err));
    }
    return f;
+}
+
+std::string readAll(std::istream& in, const std::string& name) {
+   std::ostringstream all;
+   all << in.rdbuf();
+   if (in.bad()) throw UsageError("cannot read '" + sim::clipped(name) + "'");
+   return std::move(all).str();
+}
+
+// The table in whichever form it has: named by --routes-format, or recognised from its text.
+void readTable(Input& in, const Options& o, std::istream& f, const std::string& name) {
+   const std::string text = readAll(f, name);
+   const sim::RouteFormat format = o.routesFormat == "auto" ? sim::detectRouteFormat(text)
+                                                            : sim::routeFormatNamed(o.routesFormat);
+   sim::ReadTable t = sim::readRouteText(text, name, format);
+   in.routes = std::move(t.routes);
+   in.format = std::string(sim::formatName(format));
+   in.skipped = std::move(t.skipped);
+   in.duplicates = t.duplicates;
 }
 
 }  // namespace
@@ -56,7 +77,7 @@ Input readInput(const Options& o) {
       return in;
    }
    if (o.routes == "-") {
-      in.routes = sim::readRouteTable(std::cin, "<stdin>");
+      readTable(in, o, std::cin, "<stdin>");
       in.description = "routes from stdin";
       return in;
    }
@@ -70,7 +91,7 @@ Input readInput(const Options& o) {
       in.description = "route file " + path;
    }
    std::ifstream f = openOrFail(path);
-   in.routes = sim::readRouteTable(f, path);
+   readTable(in, o, f, path);
    return in;
 }
 

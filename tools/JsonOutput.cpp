@@ -42,6 +42,21 @@ class Json {
    }
    Json& string(const char* key, std::string_view v) {
       this->key(key);
+      quote(v);
+      return *this;
+   }
+
+ private:
+   // key nullptr: an array element or the top-level value.
+   void key(const char* k) {
+      if (!first_) out_ += ',';
+      first_ = false;
+      if (k) {
+         quote(k);
+         out_ += ':';
+      }
+   }
+   void quote(std::string_view v) {
       out_ += '"';
       for (char ch : v) {
          const unsigned char c = static_cast<unsigned char>(ch);
@@ -57,19 +72,6 @@ class Json {
          }
       }
       out_ += '"';
-      return *this;
-   }
-
- private:
-   // key nullptr: an array element or the top-level value.
-   void key(const char* k) {
-      if (!first_) out_ += ',';
-      first_ = false;
-      if (k) {
-         out_ += '"';
-         out_ += k;
-         out_ += "\":";
-      }
    }
    std::string out_;
    bool first_ = true;
@@ -113,8 +115,12 @@ void configJson(Json& j, const Options& o, const sim::Simulation& sim, const Inp
        .close('}');
    j.open("input", '{')
        .string("description", in.description)
-       .num("routes", in.routes.size())
-       .close('}');
+       .string("format", in.format)
+       .num("duplicates", in.duplicates);
+   j.open("skipped", '{');
+   for (const auto& [kind, n] : in.skipped)
+      j.num(kind.c_str(), n);
+   j.close('}').num("routes", in.routes.size()).close('}');
 }
 
 // Routes placed, refused and deleted per family; moves, merges, conversions, reallocations.

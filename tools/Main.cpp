@@ -77,6 +77,16 @@ void addTableOptions(CLI::App& app, Options& o) {
        ->group(g);
 }
 
+// The forms a route table may come in (sim/RouteFormats.h).
+void addFormatOption(CLI::App& app, Options& o, const char* group) {
+   app.add_option("--routes-format", o.routesFormat,
+                  "form of --routes: routes (our route file), bgpdump (bgpdump -m/-M lines), "
+                  "iproute-json (ip -j route show table all); auto: recognised from the text")
+       ->check(CLI::IsMember({"auto", "routes", "bgpdump", "iproute-json"}))
+       ->group(group)
+       ->capture_default_str();
+}
+
 void addInputOptions(CLI::App& app, Options& o) {
    const char* g = "Input (default: the bundled table)";
    auto* routes =
@@ -97,6 +107,7 @@ void addInputOptions(CLI::App& app, Options& o) {
        ->group(g)
        ->capture_default_str();
    routes->excludes(syn)->excludes(syn6)->excludes(synm);
+   addFormatOption(app, o, g);
 }
 
 void addRunOptions(CLI::App& app, Options& o, bool churn) {

@@ -42,6 +42,7 @@ struct Options {
 
    // ---- input
    std::string routes;  // a route file, "-" for stdin; empty: synthetic or the bundled default
+   std::string routesFormat = "auto";  // auto | routes | bgpdump | iproute-json
    uint64_t synthetic = 0, syntheticV6 = 0, syntheticMcast = 0;
    uint64_t seed = 1;
    std::string trace;  // replay: the operation trace
@@ -75,6 +76,9 @@ struct UsageError : std::runtime_error {
 struct Input {
    std::string description;
    std::vector<sim::Route> routes;
+   std::string format = "routes";                          // as read (sim/RouteFormats.h)
+   std::vector<std::pair<std::string, uint64_t>> skipped;  // entries that are no route, by kind
+   uint64_t duplicates = 0;                                // entries that repeated a route
 };
 Input readInput(const Options& o);
 std::vector<sim::RouteOp> readTraceFile(const std::string& path);

@@ -221,6 +221,62 @@ class Cli(unittest.TestCase):
                                                    "need double-size entries (--pairing)")
         self.assertLessEqual(len(j["worstUpdates"]), 1)
 
+    # ---- the tables operators have
+    def routes_shown(self, *args):
+        """(VRF, route) of every route `show` lists."""
+        code, out, err = run("show", *args)
+        self.assertEqual(code, 0, err)
+        return sorted(re.findall(r"(?m)^ *\d+(?: +\d+| +(?:Left|Right))? +(\d+) +([\d.:a-f]+/\d+)$",
+                                 out))
+
+    def test_bgpdump_lines_load_with_peers_collapsed(self):
+        rib = os.path.join(ROOT, "tests", "cli", "fixtures", "rib.bgpdump")
+        want = [("0", r) for r in ("1.0.0.0/24", "1.0.4.0/22", "2001:4860::/32", "203.0.113.0/24",
+                                   "8.8.8.0/24", "9.9.9.0/24")]
+        self.assertEqual(self.routes_shown("--routes", rib), sorted(want))
+        code, out, err = run("capacity", "--routes", rib, "--routes-format", "bgpdump",
+                             "--json", "-")
+        self.assertEqual(code, 0, err)
+        i = json.loads(out)["input"]
+        self.assertEqual((i["format"], i["routes"], i["duplicates"], i["skipped"]),
+                         ("bgpdump", 6, 2, {"withdrawal": 1}))
+        code, out, err = run("capacity", "--routes", rib, "--routes-format", "iproute-json")
+        self.assertFailsCleanly(code, out, err)
+        self.assertIn(":0: not JSON: ", err)
+        bad = self.write("bad.bgpdump", "TABLE_DUMP2|1|B|192.0.2.1|64496|1.0.0.0/24|\n"
+                                        "TABLE_DUMP2|1|B|192.0.2.1|64496|" + "9" * 500 + "|\n")
+        code, out, err = run("capacity", "--routes", bad)
+        self.assertFailsCleanly(code, out, err)
+        self.assertTrue(err.startswith(f"vexlo-tcam: {bad}:2: "), err)
+        self.assertLess(len(err), 200)
+
+    def test_ip_route_json_from_a_network_namespace(self):
+        """`ip -j route` output of a namespace this test sets up when it may (root, netns), else
+        the same capture made on the development machine."""
+        fixtures = os.path.join(ROOT, "tests", "cli", "fixtures")
+        table = os.path.join(fixtures, "ip-route-all.json")
+        ns = f"vexlo-cli-{os.getpid()}"
+        if subprocess.run(["ip", "netns", "add", ns], capture_output=True).returncode == 0:
+            try:
+                p = subprocess.run(["ip", "netns", "exec", ns, "sh",
+                                    os.path.join(fixtures, "iproute-netns.sh")],
+                                   capture_output=True, text=True, timeout=60)
+                if p.returncode == 0:
+                    table = self.write("ip.json", p.stdout)
+            finally:
+                subprocess.run(["ip", "netns", "del", ns], capture_output=True)
+        want = [("0", "0.0.0.0/0"), ("0", "10.0.0.0/8"), ("0", "10.1.0.0/16"),
+                ("0", "2001:db8:100::/48"), ("0", "2001:db8:1::/64"), ("0", "::/0"),
+                ("100", "10.0.0.0/8"), ("100", "172.16.0.0/12"), ("100", "2001:db8:200::/56")]
+        self.assertEqual(self.routes_shown("--routes", table), sorted(want))
+        code, out, err = run("capacity", "--routes", table, "--json", "-")
+        self.assertEqual(code, 0, err)
+        i = json.loads(out)["input"]
+        self.assertEqual(i["format"], "iproute-json")
+        self.assertEqual({k: i["skipped"][k] for k in ("blackhole", "unreachable")},
+                         {"blackhole": 1, "unreachable": 1})
+        self.assertGreaterEqual(i["skipped"]["local"], 4)
+
     def test_output_written_through_a_symbolic_link(self):
         target = self.write("target.json", "")
         link = self.path("link.json")
