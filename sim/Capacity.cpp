@@ -2,14 +2,23 @@
 //
 // "Free" is not a count of empty entries: an empty entry may be kept in reserve for moves, an
 // IPv4 half can only take a route of the length of the other half, and a region may grow into
-// its neighbour by converting entries or moving the IPv4/IPv6 border. So free is measured: a
-// scratch copy of the context is rebuilt from the emulated table's image (which publishes
-// nothing) and takes probe routes until it refuses one. The probes follow the region's own
-// prefix-length mix (or a typical length when the region is empty), are added the way an agent
-// adds routes (no swap reserve) and live in VRFs the table does not use, so they collide with
-// nothing. Max is then used + free. Regions share space when entries convert or the border
-// moves, so each region's free counts what it could take alone.
+// its neighbour by converting entries or moving the IPv4/IPv6 border.
+//
+// Where the layout makes it exact, free is computed from the context's own counts, replaying the
+// admission rules of an add on counters: multicast, and IPv4 where its partition is its own (a
+// fixed pairing border, or a moving one that has given IPv6 nothing yet). There an add is
+// admitted while the block has free entries beyond its swap reserve, the shifting engine reaches
+// any free entry of the block, and an IPv4 route fills the free half of an entry of its length
+// first: a free right half always, a free left half only while the reserve is not reached (the
+// first route of an entry takes the right half). Elsewhere (blocks that overlap, entries that
+// convert between sizes, a border that moves) free is measured: a scratch copy of the context is
+// rebuilt from the emulated table's image (which publishes nothing) and takes probe routes until it
+// refuses one. The probes follow the region's own prefix-length mix (or a typical length when the
+// region is empty), are added the way an agent adds routes (no swap reserve) and live in VRFs the
+// table does not use, so they collide with nothing. Max is then used + free. Regions share space
+// when entries convert or the border moves, so each region's free counts what it could take alone.
 #include <algorithm>
+#include <array>
 #include <optional>
 
 #include "platform/Trace.h"
@@ -157,7 +166,72 @@ class ProbeVrfs {
    std::vector<uint32_t> free_;
 };
 
-uint64_t probeFree(const EmulatedTable& t, Region region, bool urpf) {
+// ---- computed where exact
+
+uint64_t freeV4(const L3TcamManagerContext& c, LengthMix mix) {
+   uint64_t free = c.entriesFree(RouteType::v4);
+   const uint64_t reserve = c.swapAreaSize(RouteType::v4);
+   enum Half : uint8_t { none, left, right };  // the free half of the entry of a length
+   std::array<Half, 33> open{};
+   for (uint32_t len = 0; len <= 32; ++len) {
+      if (const uint32_t e = c.v4()->halfFull(len))
+         open[len] = c.v4()->keys(e).right.isNull() ? right : left;
+   }
+   uint64_t placed = 0;
+   for (;;) {
+      const uint32_t len = mix.next();
+      if (open[len] != none) {
+         if (open[len] == left && free <= reserve) break;
+         open[len] = none;
+      } else if (free > reserve) {
+         --free;
+         if (c.twoV4RoutesPerEntry()) open[len] = left;
+      } else {
+         break;
+      }
+      ++placed;
+   }
+   return placed;
+}
+
+uint64_t freeBeyond(uint64_t free, uint64_t reserve) {
+   return free > reserve ? free - reserve : 0;
+}
+
+// The free figure computed from the counts, or nothing where only a probe can tell.
+std::optional<uint64_t> computedFree(const L3TcamManagerContext& c, Region region) {
+   switch (region) {
+      case Region::mcast:
+         return freeBeyond(c.entriesFree(RouteType::v4Mcast), c.swapAreaSize(RouteType::v4Mcast));
+      case Region::v4:
+         // A moving border that has given IPv6 nothing yet: the IPv4 partition is the table.
+         if (c.borderMoves()) {
+            return c.v4V6Border() == 0 ? std::optional(freeV4(c, mixOf(c, region))) : std::nullopt;
+         }
+         // A fixed pairing border: IPv4 has the entries above it to itself, and an add is
+         // admitted only while the IPv6 blocks below keep more than their reserve (which IPv4
+         // adds do not change).
+         if (c.supportsDefipPairing() && c.v4V6InterleavingDisabled()) {
+            const bool v6Room =
+                c.entriesFree(RouteType::v6Half) > c.swapAreaSize(RouteType::v6Half) ||
+                c.entriesFree(RouteType::v6Full) > c.swapAreaSize(RouteType::v6Full);
+            return v6Room ? freeV4(c, mixOf(c, region)) : 0;
+         }
+         // Otherwise the IPv4 block overlaps the IPv6 ones, and whether an add is admitted
+         // depends on which of them the engine's shifting takes its entry from.
+         return std::nullopt;
+      case Region::v6Single:
+         return std::nullopt;
+      case Region::v6Double:
+         if (!c.supportsDefipPairing()) return 0;  // no double-size entries at all
+         return std::nullopt;
+   }
+   return std::nullopt;
+}
+
+// progress(placed, estimate): the estimate is what the free entries could hold at most.
+uint64_t probeFree(const EmulatedTable& t, Region region, bool urpf,
+                   const Simulation::Progress& progress) {
    // The probes are no operation of the caller's: nothing of them is traced.
    Ulo::ScopedTraceSilence quiet;
    const L3TcamManagerContext& c = t.ctx();
@@ -167,6 +241,8 @@ uint64_t probeFree(const EmulatedTable& t, Region region, bool urpf) {
    scratch.ctx().rebuildFromHardware(imageOf(*t.emu()), border);
    LengthMix mix = mixOf(c, region);
    ProbeVrfs vrfs(c, region == Region::mcast ? 0xffffu : VrfId::maxValue - 1);
+   const uint64_t estimate = 2 * uint64_t(c.bitmap() ? c.effectiveSize() - c.bitmap()->count()
+                                                     : c.entriesFree(RouteType::v4Mcast));
    uint64_t placed = 0;
    for (;;) {
       const uint32_t len = mix.next();
@@ -174,7 +250,9 @@ uint64_t probeFree(const EmulatedTable& t, Region region, bool urpf) {
       const std::optional<uint32_t> vrf = vrfs.at(p.vrfOffset);
       if (!vrf || !scratch.add(probeRoute(region, len, p, *vrf))) break;
       ++placed;
+      if (progress && (placed & 1023) == 0) progress(std::min(placed, estimate), estimate);
    }
+   if (progress) progress(estimate, estimate);
    return placed;
 }
 
@@ -215,14 +293,18 @@ void severityOf(ReportData::CapacityRow& r, double warnPercent, double criticalP
 }  // namespace
 
 std::vector<ReportData::CapacityRow> Simulation::capacity(double warnPercent,
-                                                          double criticalPercent) const {
+                                                          double criticalPercent,
+                                                          const Progress& progress) const {
    std::vector<ReportData::CapacityRow> rows;
    auto row = [&](Region region, const EmulatedTable& t) {
       ReportData::CapacityRow r;
       r.region = std::string(regionName(region));
       const uint64_t used = stats_.routes[size_t(region)];
       r.used = used;
-      r.free = probeFree(t, region, &t == unicast_.get() && cfg_.urpf);
+      const std::optional<uint64_t> computed =
+          cfg_.probeCapacity ? std::nullopt : computedFree(t.ctx(), region);
+      r.free =
+          computed ? *computed : probeFree(t, region, &t == unicast_.get() && cfg_.urpf, progress);
       r.max = r.used + r.free;
       r.highWatermark = std::max(stats_.highWatermark[size_t(region)], used);
       r.percentUsed = r.max ? 100.0 * double(r.used) / double(r.max) : 0.0;

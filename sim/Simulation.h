@@ -49,6 +49,9 @@ struct SimulationConfig {
    uint32_t mcastSize = 0;  // 0: no multicast table (multicast routes are then an input error)
    bool check = false;      // the emulator checks the table after every move and merge
    size_t worst = 5;        // updates kept with the most moves (Statistics::worst)
+   // Measure free capacity with probe routes everywhere, also where the counts give it exactly
+   // (a check of the computation; slow on a large table).
+   bool probeCapacity = false;
    // Live heap bytes of the process, when the program counts them; null: memory is not reported.
    std::function<int64_t()> heapBytes;
 };
@@ -166,7 +169,9 @@ class Simulation {
    const EmulatedTable* multicast() const { return mcast_.get(); }
 
    // One row per region the layout has (see Capacity.cpp for what "free" means).
-   std::vector<ReportData::CapacityRow> capacity(double warnPercent, double criticalPercent) const;
+   // progress reports each probe (sim/Capacity.cpp); computed figures take no time.
+   std::vector<ReportData::CapacityRow> capacity(double warnPercent, double criticalPercent,
+                                                 const Progress& progress = {}) const;
 
    // The context's verification (fatal) and the emulators' full check: the violations found.
    std::vector<std::string> checkTables() const;

@@ -95,6 +95,56 @@ TEST(Simulation, FreeCapacityIsWhatTheTableStillTakes) {
    }
 }
 
+// Where free capacity is computed from the counts, it must be what the probe finds: for every
+// layout whose admission the computation replays, from empty to full, after churn has left
+// entries with a free right half.
+TEST(Simulation, ComputedFreeCapacityIsWhatTheProbeFinds) {
+   struct Layout {
+      const char* name;
+      uint32_t mode;
+      bool two, urpf, pairing;
+      bool moving = pairing;
+   };
+   const Layout layouts[] = {{"mode 1", 1, true, false, false},
+                             {"mode 2", 2, true, false, false},
+                             {"mode 3, one per entry", 3, false, false, false},
+                             {"mode 2, uRPF", 2, true, true, false},
+                             {"moving border, no IPv6 yet", 2, true, false, true},
+                             {"fixed pairing border", 2, true, false, true, false},
+                             {"fixed pairing border, one per entry", 2, false, false, true, false}};
+   for (const Layout& l : layouts) {
+      for (uint64_t v4 : {0u, 500u, 1400u, 2600u}) {
+         SCOPED_TRACE(fmt::format("{}, {} IPv4", l.name, v4));
+         SimulationConfig cfg = small(256);
+         cfg.check = false;
+         cfg.urpf = l.urpf;
+         cfg.unicast.tcamMode = l.mode;
+         cfg.unicast.twoV4RoutesPerEntry = l.two;
+         cfg.unicast.supportsDefipPairing = l.pairing;
+         cfg.unicast.dynamicV4V6Boundary = l.moving;
+         SyntheticMix mix;
+         mix.v4 = v4;
+         mix.v6 = l.moving ? 0 : v4 / 8;
+         mix.mcast = 40;
+         mix.seed = v4 + l.mode;
+         std::vector<ReportData::CapacityRow> rows[2];
+         for (bool probe : {false, true}) {
+            cfg.probeCapacity = probe;
+            Simulation sim(cfg);
+            const std::vector<Route> table = syntheticTable(mix);
+            sim.load(table);
+            if (v4) sim.churn(300, 5);
+            rows[probe] = sim.capacity(70, 85);
+         }
+         ASSERT_EQ(rows[0].size(), rows[1].size());
+         for (size_t i = 0; i < rows[0].size(); ++i) {
+            EXPECT_EQ(rows[0][i].free, rows[1][i].free) << rows[0][i].region;
+            EXPECT_EQ(rows[0][i].max, rows[1][i].max) << rows[0][i].region;
+         }
+      }
+   }
+}
+
 TEST(Simulation, TraceIsCheckedWholeBeforeAnythingIsApplied) {
    Simulation sim(small());
    sim.load(v4Routes(10, 24));

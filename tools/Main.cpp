@@ -364,7 +364,8 @@ int run(Command cmd, const Options& o) {
       // Probing capacity costs a fill of a copy of the table: only where it is shown.
       const bool wantCapacity = cmd != Command::show || !o.json.empty() || !o.report.empty();
       try {
-         if (wantCapacity) capacity = sim.capacity(o.warnAt, o.criticalAt);
+         ProgressBar bar(o.progress);
+         if (wantCapacity) capacity = sim.capacity(o.warnAt, o.criticalAt, bar.phase("probe"));
       } catch (const Ulo::AssertionFailure& e) {
          faults.push_back(assertionText(e));
       }
