@@ -11,19 +11,19 @@
 // any free entry of the block, and an IPv4 route fills the free half of an entry of its length
 // first: a free right half always, a free left half only while the reserve is not reached (the
 // first route of an entry takes the right half). Elsewhere (blocks that overlap, entries that
-// convert between sizes, a border that moves) free is measured: a scratch copy of the context is
-// rebuilt from the emulated table's image (which publishes nothing) and takes probe routes until it
-// refuses one. The probes follow the region's own prefix-length mix (or a typical length when the
-// region is empty), are added the way an agent adds routes (no swap reserve) and live in VRFs the
-// table does not use, so they collide with nothing. Max is then used + free. Regions share space
-// when entries convert or the border moves, so each region's free counts what it could take alone.
+// convert between sizes, a border that moves) free is measured: a software-only copy of the
+// context, made by replaying the run's operations (the model decides the same every time, and the
+// copy needs no emulated table), takes probe routes until it refuses one. The probes follow the
+// region's own prefix-length mix (or a typical length when the region is empty), are added the way
+// an agent adds routes (no swap reserve) and live in VRFs the table does not use, so they collide
+// with nothing. Max is then used + free. Regions share space when entries convert or the border
+// moves, so each region's free counts what it could take alone.
 #include <algorithm>
 #include <array>
 #include <optional>
 
 #include "platform/Trace.h"
 #include "sim/Simulation.h"
-#include "sim/TcamImage.h"
 
 namespace VexloL3Common::sim {
 
@@ -230,15 +230,9 @@ std::optional<uint64_t> computedFree(const L3TcamManagerContext& c, Region regio
 }
 
 // progress(placed, estimate): the estimate is what the free entries could hold at most.
-uint64_t probeFree(const EmulatedTable& t, Region region, bool urpf,
+uint64_t probeFree(const EmulatedTable& t, EmulatedTable& scratch, Region region,
                    const Simulation::Progress& progress) {
-   // The probes are no operation of the caller's: nothing of them is traced.
-   Ulo::ScopedTraceSilence quiet;
    const L3TcamManagerContext& c = t.ctx();
-   EmulatedTable scratch(c.config(), urpf, false);
-   std::optional<uint32_t> border;
-   if (c.borderMoves()) border = c.v4V6Border();
-   scratch.ctx().rebuildFromHardware(imageOf(*t.emu()), border);
    LengthMix mix = mixOf(c, region);
    ProbeVrfs vrfs(c, region == Region::mcast ? 0xffffu : VrfId::maxValue - 1);
    const uint64_t estimate = 2 * uint64_t(c.bitmap() ? c.effectiveSize() - c.bitmap()->count()
@@ -303,8 +297,13 @@ std::vector<ReportData::CapacityRow> Simulation::capacity(double warnPercent,
       r.used = used;
       const std::optional<uint64_t> computed =
           cfg_.probeCapacity ? std::nullopt : computedFree(t.ctx(), region);
-      r.free =
-          computed ? *computed : probeFree(t, region, &t == unicast_.get() && cfg_.urpf, progress);
+      if (computed) {
+         r.free = *computed;
+      } else {
+         // The probes are no operation of the caller's: nothing of them is traced.
+         Ulo::ScopedTraceSilence quiet;
+         r.free = probeFree(t, *replica(t), region, progress);
+      }
       r.max = r.used + r.free;
       r.highWatermark = std::max(stats_.highWatermark[size_t(region)], used);
       r.percentUsed = r.max ? 100.0 * double(r.used) / double(r.max) : 0.0;

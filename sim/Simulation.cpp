@@ -123,10 +123,12 @@ std::unique_ptr<EmulatedTable> Simulation::makeTable(const L3TcamManagerContext:
                                                      bool urpf) const {
    Ulo::ScopedThrowingAssertHandler guard;
    try {
-      auto t = std::make_unique<EmulatedTable>(c, urpf, true);
-      t->emu()->checkEveryMoveIs(cfg_.check);
-      // An inconsistency is a finding of the run, reported with its figures, not a crash.
-      t->emu()->onErrorIs(TcamEmulator::OnError::record);
+      auto t = std::make_unique<EmulatedTable>(c, urpf, cfg_.emulate);
+      if (t->emu()) {
+         t->emu()->checkEveryMoveIs(cfg_.check);
+         // An inconsistency is a finding of the run, reported with its figures, not a crash.
+         t->emu()->onErrorIs(TcamEmulator::OnError::record);
+      }
       return t;
    } catch (const Ulo::AssertionFailure& e) {
       throw std::range_error("the layout refuses this configuration: " + e.text +
@@ -392,6 +394,21 @@ void Simulation::finish() {
    }
 }
 
+std::unique_ptr<EmulatedTable> Simulation::replica(const EmulatedTable& t) const {
+   const bool mcast = &t == mcast_.get();
+   auto copy = std::make_unique<EmulatedTable>(t.ctx().config(), !mcast && cfg_.urpf, false);
+   for (size_t i = 0; i < ops_.size(); ++i) {
+      const Route& r = pool_[ops_[i].route];
+      if ((r.family == Route::Family::mcast) != mcast) continue;
+      if (ops_[i].kind == RouteOp::Kind::add) {
+         copy->add(r);
+      } else if (effective_[i]) {
+         copy->del(r);
+      }
+   }
+   return copy;
+}
+
 std::vector<std::string> Simulation::checkTables() const {
    std::vector<std::string> out;
    for (const EmulatedTable* t : {unicast_.get(), mcast_.get()}) {
@@ -403,6 +420,7 @@ std::vector<std::string> Simulation::checkTables() const {
          out.push_back("model verification: " + e.text +
                        (e.message.empty() ? "" : ": " + e.message));
       }
+      if (!t->emu()) continue;
       for (const Violation& v : t->emu()->checkAll())
          out.push_back(v.message);
       for (const std::string& e : t->emu()->errors())

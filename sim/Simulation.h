@@ -52,6 +52,10 @@ struct SimulationConfig {
    // Measure free capacity with probe routes everywhere, also where the counts give it exactly
    // (a check of the computation; slow on a large table).
    bool probeCapacity = false;
+   // false: the tables are the model alone, with a writer that only acknowledges; no emulated
+   // hardware table to check (checkTables verifies the model only) or to draw (reportData needs
+   // it). What `capacity` asks needs no more, and a large table costs a fraction of the time.
+   bool emulate = true;
    // Live heap bytes of the process, when the program counts them; null: memory is not reported.
    std::function<int64_t()> heapBytes;
 };
@@ -186,6 +190,9 @@ class Simulation {
       RouteOp::Kind kind;
    };
    std::unique_ptr<EmulatedTable> makeTable(const L3TcamManagerContext::Config& c, bool urpf) const;
+   // A software-only copy of t, made by replaying t's operations (the model decides the same
+   // every time): what a capacity probe fills.
+   std::unique_ptr<EmulatedTable> replica(const EmulatedTable& t) const;
    EmulatedTable* tableOf(Route::Family f) const;
    uint32_t intern(const Route& r);
    // Applies one operation to the emulated table and records it.

@@ -157,6 +157,8 @@ void addVerdictOptions(CLI::App& app, Options& o) {
        ->capture_default_str();
 }
 
+enum class Command { simulate, replay, show, capacity };
+
 sim::SimulationConfig simulationConfig(const Options& o, const Input& in,
                                        const std::vector<sim::RouteOp>& trace) {
    sim::SimulationConfig c;
@@ -187,6 +189,15 @@ sim::SimulationConfig simulationConfig(const Options& o, const Input& in,
    return c;
 }
 
+// `capacity` asks what fits: the model alone answers that, at a fraction of the cost of an
+// emulated hardware table, which only --check and the report's map need.
+sim::SimulationConfig runConfig(Command cmd, const Options& o, const Input& in,
+                                const std::vector<sim::RouteOp>& trace) {
+   sim::SimulationConfig c = simulationConfig(o, in, trace);
+   c.emulate = cmd != Command::capacity || o.check || !o.report.empty();
+   return c;
+}
+
 // Whether the layout takes the table options of o: a software-only context is laid out.
 bool layoutAccepts(const Options& o) {
    const sim::SimulationConfig c = simulationConfig(o, Input{}, {});
@@ -202,10 +213,10 @@ bool layoutAccepts(const Options& o) {
 }
 
 // The simulation, or a refused layout in the options' terms.
-std::unique_ptr<sim::Simulation> makeSimulation(const Options& o, const Input& in,
+std::unique_ptr<sim::Simulation> makeSimulation(Command cmd, const Options& o, const Input& in,
                                                 const std::vector<sim::RouteOp>& trace) {
    try {
-      return std::make_unique<sim::Simulation>(simulationConfig(o, in, trace));
+      return std::make_unique<sim::Simulation>(runConfig(cmd, o, in, trace));
    } catch (const std::range_error& e) {
       // The engine's words (which check refused it) come last, for whoever knows the layout.
       const std::string why = e.what();
@@ -250,8 +261,6 @@ void checkConfiguration(const Options& o) {
    if (!(o.criticalAt >= o.warnAt)) throw UsageError("--critical-at is below --warn-at");
    if (o.mcastSize != 0 && o.mcastSize < 64) throw UsageError("--mcast-size is 0 or at least 64");
 }
-
-enum class Command { simulate, replay, show, capacity };
 
 // What can be refused before any work is done: counts, the configuration, the inputs, the
 // directories of the output files.
@@ -351,7 +360,7 @@ int run(Command cmd, const Options& o) {
    if (cmd == Command::replay) {
       trace = readTraceFile(o.trace);
    }
-   const std::unique_ptr<sim::Simulation> simPtr = makeSimulation(o, in, trace);
+   const std::unique_ptr<sim::Simulation> simPtr = makeSimulation(cmd, o, in, trace);
    sim::Simulation& sim = *simPtr;
    // From here on a failed model assertion is a finding of the run (exit 1), never an abort.
    Ulo::ScopedThrowingAssertHandler guard;

@@ -316,6 +316,9 @@ class Cli(unittest.TestCase):
         for key in ("summary", "moves", "capacity"):
             self.assertEqual(a[key], b[key], key)
         self.assertEqual(a["routes"]["installed"], 2300)
+        # `capacity` runs the model without the emulated table: the same figures.
+        c = json.loads(run("capacity", "--routes", table, *common)[1])
+        self.assertEqual(c["capacity"], a["capacity"])
 
     def test_trace_levels_write_trace_lines(self):
         code, out, err = run("simulate", "--synthetic", "50", "--trace",
