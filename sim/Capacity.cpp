@@ -301,7 +301,8 @@ std::vector<ReportData::CapacityRow> Simulation::capacity(double warnPercent,
          r.free = *computed;
       } else {
          // The probes are no operation of the caller's: nothing of them is traced.
-         Ulo::ScopedTraceSilence quiet;
+         std::optional<Ulo::ScopedTraceSilence> quiet;
+         if (cfg_.silenceProbes) quiet.emplace();
          r.free = probeFree(t, *replica(t), region, progress);
       }
       r.max = r.used + r.free;

@@ -56,6 +56,9 @@ struct SimulationConfig {
    // hardware table to check (checkTables verifies the model only) or to draw (reportData needs
    // it). What `capacity` asks needs no more, and a large table costs a fraction of the time.
    bool emulate = true;
+   // Capacity probes switch tracing off while they run, which touches the process-wide trace
+   // switches. A caller that runs simulations in parallel threads, with tracing off, says false.
+   bool silenceProbes = true;
    // Live heap bytes of the process, when the program counts them; null: memory is not reported.
    std::function<int64_t()> heapBytes;
 };

@@ -296,4 +296,47 @@ std::string jsonStatistics(const Options& o, const sim::Simulation& sim, const I
    return j.str();
 }
 
+std::string fitJson(const FitReport& rep, const FitOptions& f, const Input& in,
+                    const Options& base) {
+   Json j;
+   j.open(nullptr, '{');
+   j.open("input", '{')
+       .string("description", in.description)
+       .string("format", in.format)
+       .num("routes", in.routes.size())
+       .close('}');
+   j.num("churn", base.churn).num("headroomPercent", f.headroom);
+   j.open("sizes", '[');
+   for (uint32_t s : rep.sizes)
+      j.num(nullptr, s);
+   j.close(']');
+   j.num("tried", rep.tried).num("refusedByLayout", rep.refusedLayouts);
+   j.open("fitting", '[');
+   for (const FitReport::Row& r : rep.fitting) {
+      j.open(nullptr, '{')
+          .num("size", r.config.size)
+          .num("mode", r.config.mode)
+          .num("blocks", r.config.blocks)
+          .boolean("twoV4PerEntry", r.config.twoV4PerEntry)
+          .boolean("pairing", r.config.pairing)
+          .boolean("dynamicBorder", r.config.dynamicBorder)
+          .num("headroomPercent", r.headroom)
+          .num("movesPerRoute", r.movesPerRoute)
+          .num("movesPerUpdate", r.movesPerUpdate)
+          .num("maxMoves", r.maxMoves)
+          .string("options", fitConfigText(r.config))
+          .close('}');
+   }
+   j.close(']');
+   j.open("inconsistencies", '[');
+   for (const std::string& s : rep.faults)
+      j.string(nullptr, s);
+   j.close(']');
+   j.num("exitStatus", !rep.faults.empty()   ? exitInconsistent
+                       : rep.fitting.empty() ? exitNotFitted
+                                             : exitFitted);
+   j.close('}');
+   return j.str();
+}
+
 }  // namespace VexloL3Common::tool

@@ -4,6 +4,7 @@
 //   vexlo-tcam replay TRACE [table options] [input]
 //   vexlo-tcam show     [table options] [input]
 //   vexlo-tcam capacity [table options] [input] [--warn-at P] [--critical-at P]
+//   vexlo-tcam fit      [input] [--churn N] [--headroom 10%] [--sizes S,...] [--jobs N] [--json F]
 //   vexlo-tcam generate --synthetic N [--synthetic-v6 N] [--synthetic-mcast N] [--seed S] [-o F]
 //
 // Exit status: 0 fitted; 1 an inconsistency (a model assertion, the model's verification or the
@@ -395,6 +396,75 @@ int run(Command cmd, const Options& o) {
    return v.exitStatus;
 }
 
+// "10%", "10" or "2.5 %": a percentage.
+double percentOf(const std::string& text) {
+   std::string t = text;
+   if (!t.empty() && t.back() == '%') t.pop_back();
+   size_t used = 0;
+   double v = -1;
+   try {
+      v = std::stod(t, &used);
+   } catch (const std::exception&) {
+   }
+   if (used != t.size() || !(v >= 0 && v <= 1000))
+      throw UsageError("--headroom '" + sim::clipped(text) +
+                       "' is not a percentage from 0 to 1000");
+   return v;
+}
+
+// The options of `fit`: the input, churn, and how to search and show.
+void addFitOptions(CLI::App& app, Options& o, FitOptions& f, std::string& headroom) {
+   addInputOptions(app, o);
+   const char* g = "Fit";
+   app.add_option("--churn", o.churn, "after loading, N updates withdrawing and re-announcing")
+       ->check(nonNegative)
+       ->group(g);
+   app.add_option("--churn-seed", o.churnSeed, "seed of the churn")->check(nonNegative)->group(g);
+   app.add_option("--headroom", headroom,
+                  "what each region must still take, in percent of its routes")
+       ->group(g)
+       ->capture_default_str();
+   app.add_option("--sizes", f.sizes,
+                  "table sizes to try (default: from the smallest that could "
+                  "hold the table up, stopping at the first that fits)")
+       ->check(CLI::Range(64u, 1u << 22))
+       ->delimiter(',')
+       ->group(g);
+   app.add_option("--jobs", f.jobs, "threads (0: one per core)")->group(g)->capture_default_str();
+   app.add_option("--top", f.top, "rows to print")->group(g)->capture_default_str();
+   app.add_option("--json", o.json, "write the result as JSON to FILE ('-': stdout)")->group(g);
+   app.add_option("--progress", o.progress, "progress bar on stderr")
+       ->check(CLI::IsMember({"auto", "always", "never"}))
+       ->group(g)
+       ->capture_default_str();
+}
+
+int fit(const Options& o, FitOptions f, const std::string& headroom) {
+   checkCounts(o);
+   f.headroom = percentOf(headroom);
+   if (!o.json.empty() && o.json != "-") checkWritable(o.json);
+   const Input in = readInput(o);
+   if (in.routes.empty()) throw UsageError("fit needs routes");
+   Ulo::ScopedThrowingAssertHandler guard;
+   const FitReport rep = fitTable(o, f, in, layoutAccepts);
+   if (!o.json.empty()) {
+      const std::string text = fitJson(rep, f, in, o);
+      if (o.json == "-") {
+         std::fwrite(text.data(), 1, text.size(), stdout);
+      } else {
+         writeFileAtomically(o.json, text);
+      }
+   }
+   if (o.json != "-") printFit(rep, f, in, o);
+   std::fflush(stdout);
+   if (!rep.faults.empty()) {
+      std::fprintf(stderr, "vexlo-tcam: inconsistency: %s\n",
+                   sim::printable(rep.faults.front()).c_str());
+      return exitInconsistent;
+   }
+   return rep.fitting.empty() ? exitNotFitted : exitFitted;
+}
+
 int generate(const Options& o) {
    checkCounts(o);
    if (o.synthetic + o.syntheticV6 + o.syntheticMcast == 0)
@@ -420,6 +490,16 @@ int generate(const Options& o) {
 }
 
 }  // namespace
+
+sim::SimulationConfig fitConfig(const Options& o, const Input& in) {
+   sim::SimulationConfig c = simulationConfig(o, in, {});
+   c.emulate = false;
+   c.silenceProbes = false;
+   c.worst = 0;
+   c.heapBytes = {};
+   return c;
+}
+
 }  // namespace VexloL3Common::tool
 
 int main(int argc, char** argv) {
@@ -434,6 +514,11 @@ int main(int argc, char** argv) {
    CLI::App* capacity =
        app.add_subcommand("capacity", "load a table and print capacity per region");
    CLI::App* gen = app.add_subcommand("generate", "write a synthetic route table");
+   FitOptions fitOptions;
+   std::string headroom = "10%";
+   CLI::App* fitCmd = app.add_subcommand(
+       "fit", "try the configurations a chip allows and rank those that fit the table");
+   addFitOptions(*fitCmd, o, fitOptions, headroom);
    for (CLI::App* sub : {simulate, replay, show, capacity}) {
       addTableOptions(*sub, o);
       addInputOptions(*sub, o);
@@ -462,6 +547,7 @@ int main(int argc, char** argv) {
    }
    try {
       if (gen->parsed()) return generate(o);
+      if (fitCmd->parsed()) return fit(o, fitOptions, headroom);
       Command cmd = simulate->parsed() ? Command::simulate
                     : replay->parsed() ? Command::replay
                     : show->parsed()   ? Command::show

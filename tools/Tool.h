@@ -6,6 +6,7 @@
 //   LayoutAdvice.cpp a refused layout in the options' terms, with the nearest accepted value
 //   Verdict.cpp      did it fit: severity per region, inconsistencies, the exit status
 //   Headline.cpp     the headline that answers "did it fit"
+//   Fit.cpp          the configurations that fit a table, ranked
 //   Output.cpp       statistics, capacity, the report's facts, output files
 //   JsonOutput.cpp   the same figures as JSON, with the verdict
 //   Progress.cpp     the progress bar on a terminal
@@ -108,6 +109,34 @@ Verdict verdictOf(const Options& o, const std::vector<sim::ReportData::CapacityR
                   uint64_t refused, std::vector<std::string> inconsistencies);
 // One line per inconsistency is too much for a terminal: the first, and how many more.
 std::string inconsistencyLine(const Verdict& v);
+
+// ---- Fit.cpp
+struct FitOptions {
+   std::vector<uint32_t> sizes;  // empty: from the smallest that could hold the table, upward
+   double headroom = 10;         // percent of each region's routes it must still take
+   unsigned jobs = 0;            // threads; 0: one per core
+   size_t top = 20;              // rows printed
+};
+struct FitReport {
+   struct Row {
+      Options config;
+      double headroom;  // the smallest free / used over the regions holding routes, percent
+      double movesPerRoute, movesPerUpdate;
+      uint64_t maxMoves;
+   };
+   uint64_t tried = 0, refusedLayouts = 0;
+   std::vector<uint32_t> sizes;  // the sizes tried
+   std::vector<Row> fitting;     // ranked
+   std::vector<std::string> faults;
+};
+// The simulation of one configuration: the model alone, nothing recorded past the load's needs.
+sim::SimulationConfig fitConfig(const Options& o, const Input& in);
+FitReport fitTable(const Options& base, const FitOptions& f, const Input& in,
+                   const LayoutAccepts& accepts);
+std::string fitConfigText(const Options& c);
+void printFit(const FitReport& rep, const FitOptions& f, const Input& in, const Options& base);
+std::string fitJson(const FitReport& rep, const FitOptions& f, const Input& in,
+                    const Options& base);
 
 // ---- Headline.cpp
 void printHeadline(const Options& o, const sim::Simulation& sim, const Input& in,

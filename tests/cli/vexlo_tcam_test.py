@@ -277,6 +277,36 @@ class Cli(unittest.TestCase):
                          {"blackhole": 1, "unreachable": 1})
         self.assertGreaterEqual(i["skipped"]["local"], 4)
 
+    # ---- fit: what would fit
+    def test_fit_ranks_configurations_that_really_fit(self):
+        table = ["--synthetic", "1500", "--synthetic-v6", "100", "--progress", "never"]
+        code, out, err = run("fit", *table, "--sizes", "1024,2048", "--jobs", "2", "--json", "-")
+        self.assertEqual(code, 0, err)
+        j = json.loads(out)
+        rows = j["fitting"]
+        self.assertTrue(rows, "something fits 2048 entries")
+        self.assertEqual(j["tried"] + j["refusedByLayout"], 2 * 4 * 3 * 2 * 3)
+        keys = [(r["size"], r["movesPerRoute"], r["movesPerUpdate"]) for r in rows]
+        self.assertEqual(keys, sorted(keys), "ranked by size, then moves")
+        # Each configuration said to fit does, with the headroom, when simulated on its own.
+        for r in rows[:3] + rows[-2:]:
+            with self.subTest(options=r["options"]):
+                code, out, err = run("capacity", *table, *r["options"].split(), "--json", "-")
+                self.assertEqual(code, 0, err)
+                c = json.loads(out)
+                self.assertEqual(c["routes"]["refused"], 0)
+                for region in c["capacity"]:
+                    self.assertGreaterEqual(region["free"], 0.1 * region["used"], region)
+                self.assertAlmostEqual(c["timing"]["phases"][0]["moves"] / 1600,
+                                       r["movesPerRoute"], places=4)
+        # The threads decide nothing: one thread gives the same answer.
+        code, one, err = run("fit", *table, "--sizes", "1024,2048", "--jobs", "1", "--json", "-")
+        self.assertEqual(json.loads(one), j)
+        code, out, err = run("fit", *table, "--sizes", "256")
+        self.assertEqual(code, 3, "nothing fits 256 entries")
+        self.assertRegex(out, r"(?m)^Tried \d+ configurations of 256 entries \(\d+ refused by the "
+                              r"layout\): 0 fit$")
+
     def test_output_written_through_a_symbolic_link(self):
         target = self.write("target.json", "")
         link = self.path("link.json")
