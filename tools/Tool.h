@@ -1,6 +1,7 @@
 // vexlo-tcam: the parts of the command-line program and what they share.
 //
-//   Main.cpp         options, subcommands, the one place that turns errors into exit status
+//   Main.cpp         subcommands, the one place that turns errors into exit status
+//   CommandLine.cpp  the options of every subcommand
 //   Inputs.cpp       route tables from a file, stdin, the generator or the bundled default
 //   TraceOption.cpp  --trace checked against the handles there are
 //   LayoutAdvice.cpp a refused layout in the options' terms, with the nearest accepted value
@@ -20,6 +21,10 @@
 
 #include "sim/Route.h"
 #include "sim/Simulation.h"
+
+namespace CLI {
+class App;
+}
 
 namespace VexloL3Common::tool {
 
@@ -71,6 +76,13 @@ enum ExitStatus : int { exitFitted = 0, exitInconsistent = 1, exitBadInput = 2, 
 struct UsageError : std::runtime_error {
    using std::runtime_error::runtime_error;
 };
+
+// ---- CommandLine.cpp: the options of each group, on a subcommand
+void addTableOptions(CLI::App& app, Options& o);
+void addInputOptions(CLI::App& app, Options& o);
+void addRunOptions(CLI::App& app, Options& o, bool churn);
+void addVerdictOptions(CLI::App& app, Options& o);
+void addGenerateOptions(CLI::App& gen, Options& o);
 
 // ---- Inputs.cpp
 // Where the table comes from, for the output ("bundled default table (data/default.routes)").
@@ -129,6 +141,10 @@ struct FitReport {
    std::vector<Row> fitting;     // ranked
    std::vector<std::string> faults;
 };
+// fit's options: the input, churn, and how to search and show (CommandLine.cpp).
+void addFitOptions(CLI::App& app, Options& o, FitOptions& f, std::string& headroom);
+// "10%", "10" or "2.5%": a percentage; UsageError otherwise (CommandLine.cpp).
+double percentOf(const std::string& text);
 // The simulation of one configuration: the model alone, nothing recorded past the load's needs.
 sim::SimulationConfig fitConfig(const Options& o, const Input& in);
 FitReport fitTable(const Options& base, const FitOptions& f, const Input& in,
