@@ -159,8 +159,11 @@ EmulatedTable* Simulation::tableOf(Route::Family f) const {
 }
 
 uint32_t Simulation::intern(const Route& r) {
+   for (; indexed_ < pool_.size(); ++indexed_)
+      poolIndex_.try_emplace(pool_[indexed_], uint32_t(indexed_));
    auto [it, added] = poolIndex_.try_emplace(r, uint32_t(pool_.size()));
    if (added) {
+      ++indexed_;
       pool_.push_back(r);
       installedAt_.push_back(notInstalled);
       offered_.push_back(0);
@@ -273,13 +276,17 @@ void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
    if (stats_.operations % sampleEvery_ == 0) sample();
 }
 
-void Simulation::load(const std::vector<Route>& routes, const Progress& progress) {
+void Simulation::checkFamilies(const std::vector<Route>& routes) const {
    for (const Route& r : routes) {
       if (!tableOf(r.family)) {
          throw std::invalid_argument(fmt::format("route {} needs a {} table, and there is none",
                                                  r.toString(), familyWord(r.family)));
       }
    }
+}
+
+void Simulation::load(const std::vector<Route>& routes, const Progress& progress) {
+   checkFamilies(routes);
    beginPhase("load");
    const uint64_t start = nowNs();
    for (size_t i = 0; i < routes.size(); ++i) {
@@ -288,6 +295,24 @@ void Simulation::load(const std::vector<Route>& routes, const Progress& progress
    }
    stats_.emulatedNs += nowNs() - start;
    if (progress) progress(routes.size(), routes.size());
+}
+
+void Simulation::load(std::vector<Route>&& routes, const Progress& progress) {
+   if (!pool_.empty()) return load(routes, progress);
+   checkFamilies(routes);
+   // A table's routes are distinct (the readers refuse or collapse repeats): they become the pool
+   // as they are, and the index is built only if a later phase needs it.
+   pool_ = std::move(routes);
+   installedAt_.assign(pool_.size(), notInstalled);
+   offered_.assign(pool_.size(), 0);
+   beginPhase("load");
+   const uint64_t start = nowNs();
+   for (size_t i = 0; i < pool_.size(); ++i) {
+      apply(uint32_t(i), RouteOp::Kind::add);
+      if (progress && (i & 1023) == 0) progress(i, pool_.size());
+   }
+   stats_.emulatedNs += nowNs() - start;
+   if (progress) progress(pool_.size(), pool_.size());
 }
 
 void Simulation::replay(const std::vector<RouteOp>& ops, std::string_view name,
@@ -359,6 +384,15 @@ void Simulation::churn(uint64_t updates, uint64_t seed, const Progress& progress
 void Simulation::finish() {
    VEXLO_ASSERT(!finished_, "!finished_");
    finished_ = true;
+   if (cfg_.timeModel) timeOnTwins();
+   for (const EmulatedTable* t : {unicast_.get(), mcast_.get()}) {
+      if (!t) continue;
+      for (RouteType rt : allRouteTypes)
+         stats_.conversions += t->ctx().stats()->conversion(rt);
+   }
+}
+
+void Simulation::timeOnTwins() {
    // The twins only repeat what was traced already; tracing them would also spoil the timing.
    Ulo::ScopedTraceSilence quiet;
    const int64_t heapBefore = cfg_.heapBytes ? cfg_.heapBytes() : 0;
@@ -387,11 +421,6 @@ void Simulation::finish() {
    }
    phaseStart_.pop_back();
    if (cfg_.heapBytes) stats_.modelBytes = cfg_.heapBytes() - heapBefore;
-   for (const EmulatedTable* t : {unicast_.get(), mcast_.get()}) {
-      if (!t) continue;
-      for (RouteType rt : allRouteTypes)
-         stats_.conversions += t->ctx().stats()->conversion(rt);
-   }
 }
 
 std::unique_ptr<EmulatedTable> Simulation::replica(const EmulatedTable& t) const {

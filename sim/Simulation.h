@@ -59,6 +59,8 @@ struct SimulationConfig {
    // Capacity probes switch tracing off while they run, which touches the process-wide trace
    // switches. A caller that runs simulations in parallel threads, with tracing off, says false.
    bool silenceProbes = true;
+   // false: finish() does not replay the run on twins, and there is no model time or memory.
+   bool timeModel = true;
    // Live heap bytes of the process, when the program counts them; null: memory is not reported.
    std::function<int64_t()> heapBytes;
 };
@@ -154,6 +156,8 @@ class Simulation {
    // Adds every route in order. A route whose table does not exist is a std::invalid_argument
    // before anything is applied.
    void load(const std::vector<Route>& routes, const Progress& progress = {});
+   // The same, taking the routes over: the first load of a large table keeps one copy of it.
+   void load(std::vector<Route>&& routes, const Progress& progress = {});
    // Checks the whole trace first, against the announced routes as the trace changes them
    // (announced: added and not deleted since, whether the table placed it or not): adding a
    // route that is announced, deleting one that is not, or a route whose table does not exist
@@ -198,9 +202,13 @@ class Simulation {
    std::unique_ptr<EmulatedTable> replica(const EmulatedTable& t) const;
    EmulatedTable* tableOf(Route::Family f) const;
    uint32_t intern(const Route& r);
+   void checkFamilies(const std::vector<Route>& routes) const;
+   void loadInterned(size_t first, size_t count, const Progress& progress);
    // Applies one operation to the emulated table and records it.
    void apply(uint32_t route, RouteOp::Kind kind);
    void beginPhase(const char* name);
+   // Replays every recorded operation on twin contexts, timing each phase and counting their heap.
+   void timeOnTwins();
    void noteRefusal(const EmulatedTable& t, const Route& r);
    void noteWorst(uint32_t route, RouteOp::Kind kind, uint64_t moves);
    ReportData::Sample currentSample() const;
@@ -209,7 +217,10 @@ class Simulation {
    SimulationConfig cfg_;
    std::unique_ptr<EmulatedTable> unicast_, mcast_;
    std::vector<Route> pool_;
+   // Built on first use (a load of a table needs none: its routes are distinct): pool_[i] for
+   // i < indexed_ are in it.
    std::unordered_map<Route, uint32_t> poolIndex_;
+   size_t indexed_ = 0;
    std::vector<Op> ops_;
    std::vector<size_t> phaseStart_;  // first op of each phase
    // Installed routes (pool indices) with O(1) removal, for churn.

@@ -176,7 +176,7 @@ std::string fitConfigText(const Options& c) {
 
 void printFit(const FitReport& rep, const FitOptions& f, const Input& in, const Options& base) {
    std::printf("vexlo-tcam fit: %s, %zu routes%s; headroom %g %%\n", in.description.c_str(),
-               in.routes.size(), base.churn ? fmt::format(", churn {}", base.churn).c_str() : "",
+               in.routeCount, base.churn ? fmt::format(", churn {}", base.churn).c_str() : "",
                f.headroom);
    std::string sizes;
    for (uint32_t s : rep.sizes)

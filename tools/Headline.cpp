@@ -106,7 +106,7 @@ void printHeadline(const Options& o, const sim::Simulation& sim, const Input& in
                    const std::vector<Row>& capacity, const Verdict& v) {
    const sim::Statistics& st = sim.statistics();
    std::printf("vexlo-tcam: %s\n", configLine(o, sim).c_str());
-   std::printf("Input: %s, %zu routes%s\n", in.description.c_str(), in.routes.size(),
+   std::printf("Input: %s, %zu routes%s\n", in.description.c_str(), in.routeCount,
                inputNotes(in).c_str());
    printResult(st, v);
    if (!capacity.empty()) printRegions(capacity);

@@ -62,7 +62,21 @@ std::string defaultTablePath() {
    return "";
 }
 
+namespace {
+
+Input readAnyInput(const Options& o);
+
+}  // namespace
+
 Input readInput(const Options& o) {
+   Input in = readAnyInput(o);
+   in.routeCount = in.routes.size();
+   return in;
+}
+
+namespace {
+
+Input readAnyInput(const Options& o) {
    Input in;
    if (o.synthetic + o.syntheticV6 + o.syntheticMcast > 0) {
       sim::SyntheticMix mix;
@@ -94,6 +108,8 @@ Input readInput(const Options& o) {
    readTable(in, o, f, path);
    return in;
 }
+
+}  // namespace
 
 std::vector<sim::RouteOp> readTraceFile(const std::string& path) {
    if (path == "-") return sim::readTrace(std::cin, "<stdin>");

@@ -120,7 +120,7 @@ void configJson(Json& j, const Options& o, const sim::Simulation& sim, const Inp
    j.open("skipped", '{');
    for (const auto& [kind, n] : in.skipped)
       j.num(kind.c_str(), n);
-   j.close('}').num("routes", in.routes.size()).close('}');
+   j.close('}').num("routes", in.routeCount).close('}');
 }
 
 // Routes placed, refused and deleted per family; moves, merges, conversions, reallocations.
@@ -303,7 +303,7 @@ std::string fitJson(const FitReport& rep, const FitOptions& f, const Input& in,
    j.open("input", '{')
        .string("description", in.description)
        .string("format", in.format)
-       .num("routes", in.routes.size())
+       .num("routes", in.routeCount)
        .close('}');
    j.num("churn", base.churn).num("headroomPercent", f.headroom);
    j.open("sizes", '[');

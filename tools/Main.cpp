@@ -66,6 +66,8 @@ sim::SimulationConfig runConfig(Command cmd, const Options& o, const Input& in,
                                 const std::vector<sim::RouteOp>& trace) {
    sim::SimulationConfig c = simulationConfig(o, in, trace);
    c.emulate = cmd != Command::capacity || o.check || !o.report.empty();
+   // Nor does it show the model's time: no twin replays the run to measure it.
+   c.timeModel = cmd != Command::capacity;
    return c;
 }
 
@@ -207,11 +209,12 @@ std::string assertionText(const Ulo::AssertionFailure& e) {
 }
 
 // The phases of the run. A model assertion stops it: what follows would build on a broken model.
-void runPhases(Command cmd, const Options& o, sim::Simulation& sim, const Input& in,
+// The input's routes are handed over to the simulation.
+void runPhases(Command cmd, const Options& o, sim::Simulation& sim, Input& in,
                const std::vector<sim::RouteOp>& trace, std::vector<std::string>& faults) {
    ProgressBar bar(o.progress);
    try {
-      sim.load(in.routes, bar.phase("load"));
+      sim.load(std::move(in.routes), bar.phase("load"));
       if (cmd == Command::replay)
          sim.replay(trace, o.trace == "-" ? "<stdin>" : o.trace, bar.phase("replay"));
       if (o.churn) sim.churn(o.churn, o.churnSeed, bar.phase("churn"));

@@ -193,7 +193,7 @@ std::vector<std::pair<std::string, std::string>> reportFacts(const sim::Simulati
                                                              const Input& in) {
    const sim::Statistics& st = sim.statistics();
    std::vector<std::pair<std::string, std::string>> f;
-   f.emplace_back("input", fmt::format("{}, {} routes", in.description, in.routes.size()));
+   f.emplace_back("input", fmt::format("{}, {} routes", in.description, in.routeCount));
    f.emplace_back("routes placed / refused", fmt::format("{} / {}", st.placed(), st.refused()));
    if (const sim::EmulatedTable* u = sim.unicast()) {
       const Summary s = summaryOf(u->ctx());

@@ -88,8 +88,9 @@ void addGenerateOptions(CLI::App& gen, Options& o);
 // Where the table comes from, for the output ("bundled default table (data/default.routes)").
 struct Input {
    std::string description;
-   std::vector<sim::Route> routes;
-   std::string format = "routes";                          // as read (sim/RouteFormats.h)
+   std::vector<sim::Route> routes;  // handed to the simulation by the subcommands that run one
+   size_t routeCount = 0;           // how many routes were read
+   std::string format = "routes";   // as read (sim/RouteFormats.h)
    std::vector<std::pair<std::string, uint64_t>> skipped;  // entries that are no route, by kind
    uint64_t duplicates = 0;                                // entries that repeated a route
 };
