@@ -20,7 +20,11 @@
 // moves, so each region's free counts what it could take alone.
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <chrono>
+#include <deque>
 #include <optional>
+#include <thread>
 
 #include "platform/Trace.h"
 #include "sim/Simulation.h"
@@ -230,24 +234,23 @@ std::optional<uint64_t> computedFree(const L3TcamManagerContext& c, Region regio
 }
 
 // progress(placed, estimate): the estimate is what the free entries could hold at most.
+// Counts the probes placed into `placed` as it goes, for a progress bar on another thread.
 uint64_t probeFree(const EmulatedTable& t, EmulatedTable& scratch, Region region,
-                   const Simulation::Progress& progress) {
+                   std::atomic<uint64_t>& placed) {
    const L3TcamManagerContext& c = t.ctx();
    LengthMix mix = mixOf(c, region);
    ProbeVrfs vrfs(c, region == Region::mcast ? 0xffffu : VrfId::maxValue - 1);
-   const uint64_t estimate = 2 * uint64_t(c.bitmap() ? c.effectiveSize() - c.bitmap()->count()
-                                                     : c.entriesFree(RouteType::v4Mcast));
-   uint64_t placed = 0;
+   uint64_t n = 0;
    for (;;) {
       const uint32_t len = mix.next();
-      const ProbeKey p = probeKey(placed, len);
+      const ProbeKey p = probeKey(n, len);
       const std::optional<uint32_t> vrf = vrfs.at(p.vrfOffset);
       if (!vrf || !scratch.add(probeRoute(region, len, p, *vrf))) break;
-      ++placed;
-      if (progress && (placed & 1023) == 0) progress(std::min(placed, estimate), estimate);
+      ++n;
+      if ((n & 1023) == 0) placed.store(n, std::memory_order_relaxed);
    }
-   if (progress) progress(estimate, estimate);
-   return placed;
+   placed.store(n, std::memory_order_relaxed);
+   return n;
 }
 
 }  // namespace
@@ -286,28 +289,70 @@ void severityOf(ReportData::CapacityRow& r, double warnPercent, double criticalP
 
 }  // namespace
 
+// One region whose free figure only a probe can tell.
+struct Simulation::ProbeJob {
+   Region region;
+   const EmulatedTable* table;
+   size_t row;
+   uint64_t estimate;  // what the free entries could hold at most, for the progress bar
+   std::atomic<uint64_t> placed{0};
+};
+
+void Simulation::runProbes(std::vector<ReportData::CapacityRow>& rows, std::deque<ProbeJob>& jobs,
+                           const Progress& progress) const {
+   // The probes are no operation of the caller's: nothing of them is traced.
+   std::optional<Ulo::ScopedTraceSilence> quiet;
+   if (cfg_.silenceProbes) quiet.emplace();
+   // Each probe fills a replica of its own: they run side by side.
+   std::atomic<size_t> next{0}, done{0};
+   auto worker = [&] {
+      for (size_t i = next++; i < jobs.size(); i = next++) {
+         ProbeJob& j = jobs[i];
+         rows[j.row].free = probeFree(*j.table, *replica(*j.table), j.region, j.placed);
+         ++done;
+      }
+   };
+   const unsigned threads = std::min<size_t>(
+       jobs.size(),
+       cfg_.probeThreads ? cfg_.probeThreads : std::max(1u, std::thread::hardware_concurrency()));
+   std::vector<std::thread> pool;
+   for (unsigned t = 0; t < threads; ++t)
+      pool.emplace_back(worker);
+   uint64_t total = 0;
+   for (const ProbeJob& j : jobs)
+      total += j.estimate;
+   while (done < jobs.size()) {
+      if (progress) {
+         uint64_t placed = 0;
+         for (const ProbeJob& j : jobs)
+            placed += std::min(j.placed.load(std::memory_order_relaxed), j.estimate);
+         progress(placed, total);
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+   }
+   for (std::thread& t : pool)
+      t.join();
+   if (progress) progress(total, total);
+}
+
 std::vector<ReportData::CapacityRow> Simulation::capacity(double warnPercent,
                                                           double criticalPercent,
                                                           const Progress& progress) const {
    std::vector<ReportData::CapacityRow> rows;
+   std::deque<ProbeJob> jobs;
    auto row = [&](Region region, const EmulatedTable& t) {
       ReportData::CapacityRow r;
       r.region = std::string(regionName(region));
-      const uint64_t used = stats_.routes[size_t(region)];
-      r.used = used;
+      r.used = stats_.routes[size_t(region)];
+      r.highWatermark = std::max(stats_.highWatermark[size_t(region)], r.used);
       const std::optional<uint64_t> computed =
           cfg_.probeCapacity ? std::nullopt : computedFree(t.ctx(), region);
       if (computed) {
          r.free = *computed;
       } else {
-         // The probes are no operation of the caller's: nothing of them is traced.
-         std::optional<Ulo::ScopedTraceSilence> quiet;
-         if (cfg_.silenceProbes) quiet.emplace();
-         r.free = probeFree(t, *replica(t), region, progress);
+         const uint64_t free = t.ctx().tcamSize() - std::min(t.ctx().tcamSize(), t.usedEntries());
+         jobs.emplace_back(region, &t, rows.size(), 2 * free);
       }
-      r.max = r.used + r.free;
-      r.highWatermark = std::max(stats_.highWatermark[size_t(region)], used);
-      r.percentUsed = r.max ? 100.0 * double(r.used) / double(r.max) : 0.0;
       const RouteType et = entryTypeOf(region, t.ctx());
       // Without pairing there are no double-size entries, whatever the block is called.
       if (region != Region::v6Double || t.ctx().supportsDefipPairing()) {
@@ -315,7 +360,6 @@ std::vector<ReportData::CapacityRow> Simulation::capacity(double warnPercent,
          r.freeEntries = t.ctx().block(et) ? t.ctx().entriesFree(et) : 0;
       }
       r.refused = stats_.refusals[size_t(region)].total();
-      severityOf(r, warnPercent, criticalPercent);
       rows.push_back(std::move(r));
    };
    if (unicast_) {
@@ -327,6 +371,12 @@ std::vector<ReportData::CapacityRow> Simulation::capacity(double warnPercent,
       }
    }
    if (mcast_) row(Region::mcast, *mcast_);
+   if (!jobs.empty()) runProbes(rows, jobs, progress);
+   for (ReportData::CapacityRow& r : rows) {
+      r.max = r.used + r.free;
+      r.percentUsed = r.max ? 100.0 * double(r.used) / double(r.max) : 0.0;
+      severityOf(r, warnPercent, criticalPercent);
+   }
    return rows;
 }
 

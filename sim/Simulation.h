@@ -28,6 +28,7 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -59,6 +60,8 @@ struct SimulationConfig {
    // Capacity probes switch tracing off while they run, which touches the process-wide trace
    // switches. A caller that runs simulations in parallel threads, with tracing off, says false.
    bool silenceProbes = true;
+   // Threads the capacity probes run on (each fills a replica of its own); 0: one per core.
+   unsigned probeThreads = 0;
    // false: finish() does not replay the run on twins, and there is no model time or memory.
    bool timeModel = true;
    // Live heap bytes of the process, when the program counts them; null: memory is not reported.
@@ -200,6 +203,10 @@ class Simulation {
    // A software-only copy of t, made by replaying t's operations (the model decides the same
    // every time): what a capacity probe fills.
    std::unique_ptr<EmulatedTable> replica(const EmulatedTable& t) const;
+   struct ProbeJob;
+   // Fills in the free figure of each job's row, the probes side by side on threads.
+   void runProbes(std::vector<ReportData::CapacityRow>& rows, std::deque<ProbeJob>& jobs,
+                  const Progress& progress) const;
    EmulatedTable* tableOf(Route::Family f) const;
    uint32_t intern(const Route& r);
    void checkFamilies(const std::vector<Route>& routes) const;

@@ -325,6 +325,7 @@ sim::SimulationConfig fitConfig(const Options& o, const Input& in) {
    sim::SimulationConfig c = simulationConfig(o, in, {});
    c.emulate = false;
    c.silenceProbes = false;
+   c.probeThreads = 1;  // the configurations already run side by side
    c.worst = 0;
    c.heapBytes = {};
    return c;
