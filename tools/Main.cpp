@@ -154,7 +154,7 @@ void writeOutputs(const Options& o, const sim::Simulation& sim, const Input& in,
    if (!o.report.empty()) {
       sim::ReportData d = sim.reportData();
       d.title = "vexlo-tcam: " + configLine(o, sim);
-      d.facts = reportFacts(sim, in);
+      d.facts = reportFacts(sim, in, v);
       d.capacity = capacity;
       std::ostringstream page;
       sim::writeHtmlReport(page, d);

@@ -190,20 +190,28 @@ void printCapacity(const std::vector<sim::ReportData::CapacityRow>& rows) {
 }
 
 std::vector<std::pair<std::string, std::string>> reportFacts(const sim::Simulation& sim,
-                                                             const Input& in) {
+                                                             const Input& in, const Verdict& v) {
    const sim::Statistics& st = sim.statistics();
    std::vector<std::pair<std::string, std::string>> f;
    f.emplace_back("input", fmt::format("{}, {} routes", in.description, in.routeCount));
-   f.emplace_back("routes placed / refused", fmt::format("{} / {}", st.placed(), st.refused()));
+   f.emplace_back("result", !v.inconsistencies.empty()
+                                ? "inconsistent (" + inconsistencyLine(v) + ")"
+                            : st.refused() ? "did not fit"
+                                           : "fitted");
+   f.emplace_back("severity", v.severity);
+   f.emplace_back("route adds placed / refused", fmt::format("{} / {}", st.placed(), st.refused()));
    if (const sim::EmulatedTable* u = sim.unicast()) {
       const Summary s = summaryOf(u->ctx());
       f.emplace_back("unicast entries used",
                      fmt::format("{} of {} ({:.1f} %)", s.used, s.usable,
                                  s.usable ? 100.0 * s.used / s.usable : 0.0));
    }
-   f.emplace_back("moves per insert",
-                  fmt::format("mean {:.2f}, p99 {}, max {}", st.movesPerInsert.mean(),
-                              st.movesPerInsert.percentile(99), st.movesPerInsert.max()));
+   for (const auto& p : st.phases) {
+      const sim::MoveHistogram& h = p.movesPerOperation;
+      f.emplace_back(
+          fmt::format("moves per {}, {}", p.name == "load" ? "route" : "update", p.name),
+          fmt::format("mean {:.2f}, p99 {}, max {}", h.mean(), h.percentile(99), h.max()));
+   }
    f.emplace_back(
        "moves / merges / conversions / reallocations",
        fmt::format("{} / {} / {} / {}", st.moves, st.merges, st.conversions, st.reallocations));

@@ -180,7 +180,7 @@ std::string jsonStatistics(const Options& o, const sim::Simulation& sim, const I
                            const std::vector<sim::ReportData::CapacityRow>& capacity,
                            const Verdict& verdict);
 std::vector<std::pair<std::string, std::string>> reportFacts(const sim::Simulation& sim,
-                                                             const Input& in);
+                                                             const Input& in, const Verdict& v);
 
 // ---- Progress.cpp
 // Draws "[#####     ] 45 % load" on stderr; nothing unless enabled.
