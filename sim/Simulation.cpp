@@ -381,10 +381,10 @@ void Simulation::churn(uint64_t updates, uint64_t seed, const Progress& progress
    if (progress) progress(updates, updates);
 }
 
-void Simulation::finish() {
+void Simulation::finish(const Progress& progress) {
    VEXLO_ASSERT(!finished_, "!finished_");
    finished_ = true;
-   if (cfg_.timeModel) timeOnTwins();
+   if (cfg_.timeModel) timeOnTwins(progress);
    for (const EmulatedTable* t : {unicast_.get(), mcast_.get()}) {
       if (!t) continue;
       for (RouteType rt : allRouteTypes)
@@ -392,7 +392,7 @@ void Simulation::finish() {
    }
 }
 
-void Simulation::timeOnTwins() {
+void Simulation::timeOnTwins(const Progress& progress) {
    // The twins only repeat what was traced already; tracing them would also spoil the timing.
    Ulo::ScopedTraceSilence quiet;
    const int64_t heapBefore = cfg_.heapBytes ? cfg_.heapBytes() : 0;
@@ -406,6 +406,7 @@ void Simulation::timeOnTwins() {
       uint64_t divergence = 0;
       const uint64_t start = nowNs();
       for (size_t i = first; i < last; ++i) {
+         if (progress && (i & 0xffff) == 0) progress(i, ops_.size());
          const Op& op = ops_[i];
          const Route& r = pool_[op.route];
          EmulatedTable& t = r.family == Route::Family::mcast ? *twinM : *twinU;

@@ -173,7 +173,8 @@ class Simulation {
    void churn(uint64_t updates, uint64_t seed, const Progress& progress = {});
    // Replays every recorded operation on the twins, timing each phase. Call once, after the
    // last phase; statistics() has no timing or memory before it.
-   void finish();
+   // progress: every 65 536 operations replayed, so that it costs the timing next to nothing.
+   void finish(const Progress& progress = {});
 
    const Statistics& statistics() const { return stats_; }
    const SimulationConfig& config() const { return cfg_; }
@@ -215,7 +216,7 @@ class Simulation {
    void apply(uint32_t route, RouteOp::Kind kind);
    void beginPhase(const char* name);
    // Replays every recorded operation on twin contexts, timing each phase and counting their heap.
-   void timeOnTwins();
+   void timeOnTwins(const Progress& progress);
    void noteRefusal(const EmulatedTable& t, const Route& r);
    void noteWorst(uint32_t route, RouteOp::Kind kind, uint64_t moves);
    ReportData::Sample currentSample() const;

@@ -218,8 +218,8 @@ void runPhases(Command cmd, const Options& o, sim::Simulation& sim, Input& in,
       if (cmd == Command::replay)
          sim.replay(trace, o.trace == "-" ? "<stdin>" : o.trace, bar.phase("replay"));
       if (o.churn) sim.churn(o.churn, o.churnSeed, bar.phase("churn"));
+      sim.finish(bar.phase("model timing"));
       bar.done();
-      sim.finish();
    } catch (const Ulo::AssertionFailure& e) {
       faults.push_back(assertionText(e));
    }
