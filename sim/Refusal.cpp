@@ -21,6 +21,19 @@ RouteType typeOf(const L3TcamManagerContext& c, const Route& r) {
    return !halfTakes || c.borderMoves() ? RouteType::v6Full : RouteType::v6Half;
 }
 
+// Whether an add of type t is stopped by the swap reserve, as the context's swapRegionFull decides
+// it, read from the counts alone: the context's own check traces, and a diagnosis must not add
+// lines to the trace of the run it explains.
+bool reserveReached(const L3TcamManagerContext& c, RouteType t) {
+   if (c.v4Mcast() || c.borderMoves()) return c.entriesFree(t) <= c.swapAreaSize(t);
+   uint32_t v4Reserve = c.swapAreaSize(RouteType::v4);
+   if (t == RouteType::v6Full) v4Reserve += 4;
+   if (t == RouteType::v6Half) v4Reserve += 2;
+   if (v4Reserve >= c.entriesFree(RouteType::v4)) return true;
+   return c.entriesFree(RouteType::v6Half) <= c.swapAreaSize(RouteType::v6Half) &&
+          c.entriesFree(RouteType::v6Full) <= c.swapAreaSize(RouteType::v6Full);
+}
+
 // Free entries of the block that no route of the type could use as a pair: a double-size route
 // needs a free entry and a free partner a gap further on.
 uint32_t freePairs(const L3TcamManagerContext& c, const TcamBlock& blk) {
@@ -103,7 +116,7 @@ Refusal refusalOf(const L3TcamManagerContext& c, const Route& r) {
    if (free == 0) {
       out.reason = RefusalReason::partitionFull;
       out.detail = fmt::format("no free entry in entries {}-{}", blk->start(), blk->end());
-   } else if (free <= reserve || c.swapRegionFull(t)) {
+   } else if (free <= reserve || reserveReached(c, t)) {
       out.reason = RefusalReason::swapReserveKept;
       out.detail = fmt::format("{} free entries, no more than the reserve of {} kept for moves",
                                free, reserve);

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "TcamFixture.h"
+#include "platform/Trace.h"
 #include "sim/SyntheticTable.h"
 
 namespace VexloL3Common::sim {
@@ -208,6 +209,47 @@ TEST(Simulation, RefusalsCarryTheirRegionAndReason) {
    EXPECT_EQ(rows[0].severity, "critical");
    EXPECT_EQ(rows[0].refused, v4.total());
    EXPECT_EQ(rows[2].usedEntries + rows[2].freeEntries, 0u) << "no double-size entries";
+}
+
+// Explaining a refusal reads counts only: the model's trace of a run with refusals is the trace of
+// the same adds made without the simulation around them.
+TEST(Simulation, DiagnosingRefusalsAddsNothingToTheModelTrace) {
+   // IPv4 and IPv6 routes in turn, well past what each layout holds, so that every reason of
+   // refusal comes up: a full block, the reserve, the shared IPv4 reserve, the border.
+   SyntheticMix mix;
+   mix.v4 = 2400;
+   mix.v6 = 900;
+   std::vector<Route> v4, v6, routes;
+   for (const Route& r : syntheticTable(mix))
+      (r.family == Route::Family::v4 ? v4 : v6).push_back(r);
+   for (size_t i = 0; i < std::max(v4.size(), v6.size()); ++i) {
+      if (i < v6.size()) routes.push_back(v6[i]);
+      if (i < v4.size()) routes.push_back(v4[i]);
+   }
+   for (int pairing = 0; pairing < 3; ++pairing) {
+      SCOPED_TRACE(pairing);
+      SimulationConfig cfg = small();
+      cfg.check = false;
+      cfg.unicast.supportsDefipPairing = pairing > 0;
+      cfg.unicast.dynamicV4V6Boundary = pairing == 2;
+      std::vector<std::string> traced[2];
+      {
+         Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 1, 8);
+         Simulation sim(cfg);
+         sim.load(routes);
+         ASSERT_GT(sim.statistics().refused(), 0u);
+         traced[0] = cap.texts();
+      }
+      {
+         Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 1, 8);
+         EmulatedTable t(cfg.unicast, false, true);
+         for (const Route& r : routes)
+            t.add(r);
+         traced[1] = cap.texts();
+      }
+      EXPECT_EQ(traced[0].size(), traced[1].size());
+      EXPECT_TRUE(traced[0] == traced[1]);
+   }
 }
 
 // The worst updates are the ones with the most moves, most first, at most config.worst of them,
