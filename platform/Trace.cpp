@@ -1,5 +1,7 @@
 #include "platform/Trace.h"
 
+#include "platform/TraceHandles.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -165,6 +167,15 @@ void configure(std::string_view config) {
    for (auto& [name, mask] : items)
       r.set(name, mask);
    r.refresh();
+}
+
+std::vector<std::string> handleNames() {
+   std::vector<std::string> names;
+   for (const TraceHandle* h : registry().handles)
+      names.emplace_back(h->name());
+   std::sort(names.begin(), names.end());
+   names.erase(std::unique(names.begin(), names.end()), names.end());
+   return names;
 }
 
 uint16_t levels(std::string_view handle) {

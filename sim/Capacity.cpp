@@ -2,19 +2,32 @@
 //
 // "Free" is not a count of empty entries: an empty entry may be kept in reserve for moves, an
 // IPv4 half can only take a route of the length of the other half, and a region may grow into
-// its neighbour by converting entries or moving the IPv4/IPv6 border. So free is measured: a
-// scratch copy of the context is rebuilt from the emulated table's image (which publishes
-// nothing) and takes probe routes until it refuses one. The probes follow the region's own
-// prefix-length mix (or a typical length when the region is empty), are added the way an agent
-// adds routes (no swap reserve) and live in VRFs the table does not use, so they collide with
-// nothing. Max is then used + free. Regions share space when entries convert or the border
+// its neighbour by converting entries or moving the IPv4/IPv6 border.
+//
+// Where the layout makes it exact, free is computed from the context's own counts, replaying the
+// admission rules of an add on counters: multicast, and IPv4 where its partition is its own (a
+// fixed pairing border, or a moving one that has given IPv6 nothing yet). There an add is
+// admitted while the block has free entries beyond its swap reserve, the shifting engine reaches
+// any free entry of the block, and an IPv4 route fills the free half of an entry of its length
+// first: a free right half always, a free left half only while the reserve is not reached (the
+// first route of an entry takes the right half). Elsewhere (blocks that overlap, entries that
+// convert between sizes, a border that moves) free is measured: a software-only copy of the
+// context, made by replaying the run's operations (the model decides the same every time, and the
+// copy needs no emulated table), takes probe routes until it refuses one. The probes follow the
+// region's own prefix-length mix (or a typical length when the region is empty), are added the way
+// an agent adds routes (no swap reserve) and live in VRFs the table does not use, so they collide
+// with nothing. Max is then used + free. Regions share space when entries convert or the border
 // moves, so each region's free counts what it could take alone.
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <deque>
 #include <optional>
+#include <thread>
 
 #include "platform/Trace.h"
 #include "sim/Simulation.h"
-#include "sim/TcamImage.h"
 
 namespace VexloL3Common::sim {
 
@@ -157,48 +170,196 @@ class ProbeVrfs {
    std::vector<uint32_t> free_;
 };
 
-uint64_t probeFree(const EmulatedTable& t, Region region, bool urpf) {
-   // The probes are no operation of the caller's: nothing of them is traced.
-   Ulo::ScopedTraceSilence quiet;
-   const L3TcamManagerContext& c = t.ctx();
-   EmulatedTable scratch(c.config(), urpf, false);
-   std::optional<uint32_t> border;
-   if (c.borderMoves()) border = c.v4V6Border();
-   scratch.ctx().rebuildFromHardware(imageOf(*t.emu()), border);
-   LengthMix mix = mixOf(c, region);
-   ProbeVrfs vrfs(c, region == Region::mcast ? 0xffffu : VrfId::maxValue - 1);
+// ---- computed where exact
+
+uint64_t freeV4(const L3TcamManagerContext& c, LengthMix mix) {
+   uint64_t free = c.entriesFree(RouteType::v4);
+   const uint64_t reserve = c.swapAreaSize(RouteType::v4);
+   enum Half : uint8_t { none, left, right };  // the free half of the entry of a length
+   std::array<Half, 33> open{};
+   for (uint32_t len = 0; len <= 32; ++len) {
+      if (const uint32_t e = c.v4()->halfFull(len))
+         open[len] = c.v4()->keys(e).right.isNull() ? right : left;
+   }
    uint64_t placed = 0;
    for (;;) {
       const uint32_t len = mix.next();
-      const ProbeKey p = probeKey(placed, len);
-      const std::optional<uint32_t> vrf = vrfs.at(p.vrfOffset);
-      if (!vrf || !scratch.add(probeRoute(region, len, p, *vrf))) break;
+      if (open[len] != none) {
+         if (open[len] == left && free <= reserve) break;
+         open[len] = none;
+      } else if (free > reserve) {
+         --free;
+         if (c.twoV4RoutesPerEntry()) open[len] = left;
+      } else {
+         break;
+      }
       ++placed;
    }
    return placed;
 }
 
+uint64_t freeBeyond(uint64_t free, uint64_t reserve) {
+   return free > reserve ? free - reserve : 0;
+}
+
+// The free figure computed from the counts, or nothing where only a probe can tell.
+std::optional<uint64_t> computedFree(const L3TcamManagerContext& c, Region region) {
+   switch (region) {
+      case Region::mcast:
+         return freeBeyond(c.entriesFree(RouteType::v4Mcast), c.swapAreaSize(RouteType::v4Mcast));
+      case Region::v4:
+         // A moving border that has given IPv6 nothing yet: the IPv4 partition is the table.
+         if (c.borderMoves()) {
+            return c.v4V6Border() == 0 ? std::optional(freeV4(c, mixOf(c, region))) : std::nullopt;
+         }
+         // A fixed pairing border: IPv4 has the entries above it to itself, and an add is
+         // admitted only while the IPv6 blocks below keep more than their reserve (which IPv4
+         // adds do not change).
+         if (c.supportsDefipPairing() && c.v4V6InterleavingDisabled()) {
+            const bool v6Room =
+                c.entriesFree(RouteType::v6Half) > c.swapAreaSize(RouteType::v6Half) ||
+                c.entriesFree(RouteType::v6Full) > c.swapAreaSize(RouteType::v6Full);
+            return v6Room ? freeV4(c, mixOf(c, region)) : 0;
+         }
+         // Otherwise the IPv4 block overlaps the IPv6 ones, and whether an add is admitted
+         // depends on which of them the engine's shifting takes its entry from.
+         return std::nullopt;
+      case Region::v6Single:
+         return std::nullopt;
+      case Region::v6Double:
+         if (!c.supportsDefipPairing()) return 0;  // no double-size entries at all
+         return std::nullopt;
+   }
+   return std::nullopt;
+}
+
+// progress(placed, estimate): the estimate is what the free entries could hold at most.
+// Counts the probes placed into `placed` as it goes, for a progress bar on another thread.
+uint64_t probeFree(const EmulatedTable& t, EmulatedTable& scratch, Region region,
+                   std::atomic<uint64_t>& placed) {
+   const L3TcamManagerContext& c = t.ctx();
+   LengthMix mix = mixOf(c, region);
+   ProbeVrfs vrfs(c, region == Region::mcast ? 0xffffu : VrfId::maxValue - 1);
+   uint64_t n = 0;
+   for (;;) {
+      const uint32_t len = mix.next();
+      const ProbeKey p = probeKey(n, len);
+      const std::optional<uint32_t> vrf = vrfs.at(p.vrfOffset);
+      if (!vrf || !scratch.add(probeRoute(region, len, p, *vrf))) break;
+      ++n;
+      if ((n & 1023) == 0) placed.store(n, std::memory_order_relaxed);
+   }
+   placed.store(n, std::memory_order_relaxed);
+   return n;
+}
+
 }  // namespace
 
+namespace {
+
+RouteType entryTypeOf(Region region, const L3TcamManagerContext& c) {
+   switch (region) {
+      case Region::v4:
+         return RouteType::v4;
+      case Region::v6Single:
+         return c.borderMoves() ? RouteType::v6Full : RouteType::v6Half;
+      case Region::v6Double:
+         return RouteType::v6Full;
+      case Region::mcast:
+         return RouteType::v4Mcast;
+   }
+   return RouteType::v4;
+}
+
+void severityOf(ReportData::CapacityRow& r, double warnPercent, double criticalPercent) {
+   if (r.refused) {
+      r.severity = "critical";
+      r.warning = fmt::format("critical: {:.1f} % used, {} route{} refused", r.percentUsed,
+                              r.refused, r.refused == 1 ? "" : "s");
+   } else if (r.max && r.percentUsed >= criticalPercent) {
+      r.severity = "critical";
+      r.warning =
+          fmt::format("critical: {:.1f} % used (threshold {:g} %)", r.percentUsed, criticalPercent);
+   } else if (r.max && r.percentUsed >= warnPercent) {
+      r.severity = "warning";
+      r.warning =
+          fmt::format("warning: {:.1f} % used (threshold {:g} %)", r.percentUsed, warnPercent);
+   }
+}
+
+}  // namespace
+
+// One region whose free figure only a probe can tell.
+struct Simulation::ProbeJob {
+   Region region;
+   const EmulatedTable* table;
+   size_t row;
+   uint64_t estimate;  // what the free entries could hold at most, for the progress bar
+   std::atomic<uint64_t> placed{0};
+};
+
+void Simulation::runProbes(std::vector<ReportData::CapacityRow>& rows, std::deque<ProbeJob>& jobs,
+                           const Progress& progress) const {
+   // The probes are no operation of the caller's: nothing of them is traced.
+   std::optional<Ulo::ScopedTraceSilence> quiet;
+   if (cfg_.silenceProbes) quiet.emplace();
+   // Each probe fills a replica of its own: they run side by side.
+   std::atomic<size_t> next{0}, done{0};
+   auto worker = [&] {
+      for (size_t i = next++; i < jobs.size(); i = next++) {
+         ProbeJob& j = jobs[i];
+         rows[j.row].free = probeFree(*j.table, *replica(*j.table), j.region, j.placed);
+         ++done;
+      }
+   };
+   const unsigned threads = std::min<size_t>(
+       jobs.size(),
+       cfg_.probeThreads ? cfg_.probeThreads : std::max(1u, std::thread::hardware_concurrency()));
+   std::vector<std::thread> pool;
+   for (unsigned t = 0; t < threads; ++t)
+      pool.emplace_back(worker);
+   uint64_t total = 0;
+   for (const ProbeJob& j : jobs)
+      total += j.estimate;
+   while (done < jobs.size()) {
+      if (progress) {
+         uint64_t placed = 0;
+         for (const ProbeJob& j : jobs)
+            placed += std::min(j.placed.load(std::memory_order_relaxed), j.estimate);
+         progress(placed, total);
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+   }
+   for (std::thread& t : pool)
+      t.join();
+   if (progress) progress(total, total);
+}
+
 std::vector<ReportData::CapacityRow> Simulation::capacity(double warnPercent,
-                                                          double criticalPercent) const {
+                                                          double criticalPercent,
+                                                          const Progress& progress) const {
    std::vector<ReportData::CapacityRow> rows;
+   std::deque<ProbeJob> jobs;
    auto row = [&](Region region, const EmulatedTable& t) {
       ReportData::CapacityRow r;
       r.region = std::string(regionName(region));
-      const uint64_t used = stats_.routes[size_t(region)];
-      r.used = used;
-      r.free = probeFree(t, region, &t == unicast_.get() && cfg_.urpf);
-      r.max = r.used + r.free;
-      r.highWatermark = std::max(stats_.highWatermark[size_t(region)], used);
-      r.percentUsed = r.max ? 100.0 * double(r.used) / double(r.max) : 0.0;
-      if (r.max && r.percentUsed >= criticalPercent) {
-         r.warning = fmt::format("critical: {:.1f} % used (threshold {:g} %)", r.percentUsed,
-                                 criticalPercent);
-      } else if (r.max && r.percentUsed >= warnPercent) {
-         r.warning =
-             fmt::format("warning: {:.1f} % used (threshold {:g} %)", r.percentUsed, warnPercent);
+      r.used = stats_.routes[size_t(region)];
+      r.highWatermark = std::max(stats_.highWatermark[size_t(region)], r.used);
+      const std::optional<uint64_t> computed =
+          cfg_.probeCapacity ? std::nullopt : computedFree(t.ctx(), region);
+      if (computed) {
+         r.free = *computed;
+      } else {
+         const uint64_t free = t.ctx().tcamSize() - std::min(t.ctx().tcamSize(), t.usedEntries());
+         jobs.emplace_back(region, &t, rows.size(), 2 * free);
       }
+      const RouteType et = entryTypeOf(region, t.ctx());
+      // Without pairing there are no double-size entries, whatever the block is called.
+      if (region != Region::v6Double || t.ctx().supportsDefipPairing()) {
+         r.usedEntries = t.ctx().entries(et) * (et == RouteType::v6Full ? 2 : 1);
+         r.freeEntries = t.ctx().block(et) ? t.ctx().entriesFree(et) : 0;
+      }
+      r.refused = stats_.refusals[size_t(region)].total();
       rows.push_back(std::move(r));
    };
    if (unicast_) {
@@ -210,6 +371,12 @@ std::vector<ReportData::CapacityRow> Simulation::capacity(double warnPercent,
       }
    }
    if (mcast_) row(Region::mcast, *mcast_);
+   if (!jobs.empty()) runProbes(rows, jobs, progress);
+   for (ReportData::CapacityRow& r : rows) {
+      r.max = r.used + r.free;
+      r.percentUsed = r.max ? 100.0 * double(r.used) / double(r.max) : 0.0;
+      severityOf(r, warnPercent, criticalPercent);
+   }
    return rows;
 }
 

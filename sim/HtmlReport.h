@@ -49,6 +49,12 @@ struct ReportData {
       uint64_t max = 0, used = 0, free = 0, highWatermark = 0;
       double percentUsed = 0;
       std::string warning;  // empty, or the warning text
+      // Entries of the size the region's routes take: in use, and free in its block (blocks that
+      // overlap count the same free entries in each).
+      uint64_t usedEntries = 0, freeEntries = 0;
+      uint64_t refused = 0;         // adds of the region's routes refused during the run
+      std::string severity = "ok";  // "ok", "warning" (at the warning threshold) or "critical"
+                                    // (at the critical threshold, or routes were refused)
    };
    // Used entries and routes per region after operation `op` (1-based count of operations).
    struct Sample {

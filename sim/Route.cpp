@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "platform/Trace.h"
+#include "sim/Quote.h"
 
 namespace VexloL3Common::sim {
 
@@ -53,9 +54,11 @@ class Words {
 
 // ---- messages ----------------------------------------------------------------------------
 
+// Text from the input is clipped and escaped (sim/Quote.h); numbers pass as they are.
 template <class... Args>
-[[noreturn]] void fail(fmt::format_string<Args...> format, Args&&... args) {
-   throw std::invalid_argument(fmt::format(format, std::forward<Args>(args)...));
+[[noreturn]] void fail(fmt::format_string<decltype(clippedIfText(std::declval<Args>()))...> format,
+                       Args&&... args) {
+   throw std::invalid_argument(fmt::format(format, clippedIfText(args)...));
 }
 
 bool parseUnsigned(std::string_view text, uint32_t& out) {

@@ -101,6 +101,13 @@ uint64_t Statistics::refused() const {
    return n;
 }
 
+uint64_t Statistics::Refusals::total() const {
+   uint64_t n = 0;
+   for (uint64_t c : count)
+      n += c;
+   return n;
+}
+
 uint64_t Statistics::installed() const {
    uint64_t n = 0;
    for (uint64_t r : routes)
@@ -116,8 +123,12 @@ std::unique_ptr<EmulatedTable> Simulation::makeTable(const L3TcamManagerContext:
                                                      bool urpf) const {
    Ulo::ScopedThrowingAssertHandler guard;
    try {
-      auto t = std::make_unique<EmulatedTable>(c, urpf, true);
-      t->emu()->checkEveryMoveIs(cfg_.check);
+      auto t = std::make_unique<EmulatedTable>(c, urpf, cfg_.emulate);
+      if (t->emu()) {
+         t->emu()->checkEveryMoveIs(cfg_.check);
+         // An inconsistency is a finding of the run, reported with its figures, not a crash.
+         t->emu()->onErrorIs(TcamEmulator::OnError::record);
+      }
       return t;
    } catch (const Ulo::AssertionFailure& e) {
       throw std::range_error("the layout refuses this configuration: " + e.text +
@@ -148,8 +159,11 @@ EmulatedTable* Simulation::tableOf(Route::Family f) const {
 }
 
 uint32_t Simulation::intern(const Route& r) {
+   for (; indexed_ < pool_.size(); ++indexed_)
+      poolIndex_.try_emplace(pool_[indexed_], uint32_t(indexed_));
    auto [it, added] = poolIndex_.try_emplace(r, uint32_t(pool_.size()));
    if (added) {
+      ++indexed_;
       pool_.push_back(r);
       installedAt_.push_back(notInstalled);
       offered_.push_back(0);
@@ -160,7 +174,7 @@ uint32_t Simulation::intern(const Route& r) {
 void Simulation::beginPhase(const char* name) {
    VEXLO_ASSERT(!finished_, "!finished_");
    phaseStart_.push_back(ops_.size());
-   stats_.phases.push_back(Statistics::Phase{name});
+   stats_.phases.emplace_back().name = name;
 }
 
 ReportData::Sample Simulation::currentSample() const {
@@ -184,6 +198,25 @@ void Simulation::sample() {
    }
 }
 
+void Simulation::noteRefusal(const EmulatedTable& t, const Route& r) {
+   const Refusal why = refusalOf(t.ctx(), r);
+   Statistics::Refusals& rr = stats_.refusals[size_t(regionOf(r))];
+   if (rr.count[size_t(why.reason)]++ == 0)
+      rr.example[size_t(why.reason)] = r.toString() + ": " + why.detail;
+   if (!why.border.empty()) rr.border = why.border;
+}
+
+void Simulation::noteWorst(uint32_t route, RouteOp::Kind kind, uint64_t moves) {
+   std::vector<Statistics::Update>& w = stats_.worst;
+   if (cfg_.worst == 0 || moves == 0 || (w.size() == cfg_.worst && moves <= w.back().moves)) return;
+   // The list is short: an insertion in order costs less than a heap would save.
+   auto at = std::upper_bound(w.begin(), w.end(), moves,
+                              [](uint64_t m, const Statistics::Update& u) { return m > u.moves; });
+   w.insert(at, Statistics::Update{stats_.operations, stats_.phases.back().name, kind,
+                                   pool_[route].toString(), moves});
+   if (w.size() > cfg_.worst) w.pop_back();
+}
+
 void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
    const Route& r = pool_[route];
    EmulatedTable& t = *tableOf(r.family);
@@ -204,6 +237,7 @@ void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
       } else {
          ++fam.refused;
          if (r.family == Route::Family::v6 && !t.v6Placeable(r.len())) ++stats_.v6WithoutEntries;
+         noteRefusal(t, r);
       }
    } else if (installedAt_[route] == notInstalled) {
       // Its add was refused: there is nothing to delete.
@@ -232,6 +266,8 @@ void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
    Statistics::Phase& phase = stats_.phases.back();
    ++phase.operations;
    phase.moves += moves;
+   phase.movesPerOperation.add(moves);
+   noteWorst(route, kind, moves);
    phase.placed += placed;
    phase.refused += kind == RouteOp::Kind::add && !placed;
 
@@ -240,13 +276,17 @@ void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
    if (stats_.operations % sampleEvery_ == 0) sample();
 }
 
-void Simulation::load(const std::vector<Route>& routes, const Progress& progress) {
+void Simulation::checkFamilies(const std::vector<Route>& routes) const {
    for (const Route& r : routes) {
       if (!tableOf(r.family)) {
          throw std::invalid_argument(fmt::format("route {} needs a {} table, and there is none",
                                                  r.toString(), familyWord(r.family)));
       }
    }
+}
+
+void Simulation::load(const std::vector<Route>& routes, const Progress& progress) {
+   checkFamilies(routes);
    beginPhase("load");
    const uint64_t start = nowNs();
    for (size_t i = 0; i < routes.size(); ++i) {
@@ -255,6 +295,24 @@ void Simulation::load(const std::vector<Route>& routes, const Progress& progress
    }
    stats_.emulatedNs += nowNs() - start;
    if (progress) progress(routes.size(), routes.size());
+}
+
+void Simulation::load(std::vector<Route>&& routes, const Progress& progress) {
+   if (!pool_.empty()) return load(routes, progress);
+   checkFamilies(routes);
+   // A table's routes are distinct (the readers refuse or collapse repeats): they become the pool
+   // as they are, and the index is built only if a later phase needs it.
+   pool_ = std::move(routes);
+   installedAt_.assign(pool_.size(), notInstalled);
+   offered_.assign(pool_.size(), 0);
+   beginPhase("load");
+   const uint64_t start = nowNs();
+   for (size_t i = 0; i < pool_.size(); ++i) {
+      apply(uint32_t(i), RouteOp::Kind::add);
+      if (progress && (i & 1023) == 0) progress(i, pool_.size());
+   }
+   stats_.emulatedNs += nowNs() - start;
+   if (progress) progress(pool_.size(), pool_.size());
 }
 
 void Simulation::replay(const std::vector<RouteOp>& ops, std::string_view name,
@@ -323,9 +381,18 @@ void Simulation::churn(uint64_t updates, uint64_t seed, const Progress& progress
    if (progress) progress(updates, updates);
 }
 
-void Simulation::finish() {
+void Simulation::finish(const Progress& progress) {
    VEXLO_ASSERT(!finished_, "!finished_");
    finished_ = true;
+   if (cfg_.timeModel) timeOnTwins(progress);
+   for (const EmulatedTable* t : {unicast_.get(), mcast_.get()}) {
+      if (!t) continue;
+      for (RouteType rt : allRouteTypes)
+         stats_.conversions += t->ctx().stats()->conversion(rt);
+   }
+}
+
+void Simulation::timeOnTwins(const Progress& progress) {
    // The twins only repeat what was traced already; tracing them would also spoil the timing.
    Ulo::ScopedTraceSilence quiet;
    const int64_t heapBefore = cfg_.heapBytes ? cfg_.heapBytes() : 0;
@@ -339,6 +406,7 @@ void Simulation::finish() {
       uint64_t divergence = 0;
       const uint64_t start = nowNs();
       for (size_t i = first; i < last; ++i) {
+         if (progress && (i & 0xffff) == 0) progress(i, ops_.size());
          const Op& op = ops_[i];
          const Route& r = pool_[op.route];
          EmulatedTable& t = r.family == Route::Family::mcast ? *twinM : *twinU;
@@ -354,97 +422,41 @@ void Simulation::finish() {
    }
    phaseStart_.pop_back();
    if (cfg_.heapBytes) stats_.modelBytes = cfg_.heapBytes() - heapBefore;
-   for (const EmulatedTable* t : {unicast_.get(), mcast_.get()}) {
-      if (!t) continue;
-      for (RouteType rt : allRouteTypes)
-         stats_.conversions += t->ctx().stats()->conversion(rt);
+}
+
+std::unique_ptr<EmulatedTable> Simulation::replica(const EmulatedTable& t) const {
+   const bool mcast = &t == mcast_.get();
+   auto copy = std::make_unique<EmulatedTable>(t.ctx().config(), !mcast && cfg_.urpf, false);
+   for (size_t i = 0; i < ops_.size(); ++i) {
+      const Route& r = pool_[ops_[i].route];
+      if ((r.family == Route::Family::mcast) != mcast) continue;
+      if (ops_[i].kind == RouteOp::Kind::add) {
+         copy->add(r);
+      } else if (effective_[i]) {
+         copy->del(r);
+      }
    }
+   return copy;
 }
 
 std::vector<std::string> Simulation::checkTables() const {
    std::vector<std::string> out;
    for (const EmulatedTable* t : {unicast_.get(), mcast_.get()}) {
       if (!t) continue;
-      t->ctx().verify();
+      // Fatal unless the caller installed a throwing assertion handler: then it is one finding.
+      try {
+         t->ctx().verify();
+      } catch (const Ulo::AssertionFailure& e) {
+         out.push_back("model verification: " + e.text +
+                       (e.message.empty() ? "" : ": " + e.message));
+      }
+      if (!t->emu()) continue;
       for (const Violation& v : t->emu()->checkAll())
          out.push_back(v.message);
       for (const std::string& e : t->emu()->errors())
          out.push_back(e);
    }
    return out;
-}
-
-// ---- report figures --------------------------------------------------------------------------
-
-namespace {
-
-ReportData::TableMap mapOf(const EmulatedTable& t, std::string name) {
-   ReportData::TableMap m;
-   m.name = std::move(name);
-   const TcamEmulator& emu = *t.emu();
-   m.entries.resize(emu.size());
-   const L3TcamManagerContext& c = t.ctx();
-   // Entries the layout keeps out of use (index 0, the invalid-entry manager's) show as reserved
-   // unless something sits there.
-   if (!m.entries.empty()) m.entries[0].cell = ReportData::Cell::reserved;
-   if (c.invalidEntryManager()) {
-      for (uint32_t i = 1; i < emu.size(); ++i) {
-         if (c.invalidEntryManager()->isEntryInvalid(i))
-            m.entries[i].cell = ReportData::Cell::reserved;
-      }
-   }
-   emu.forEachEntry([&](uint32_t pos, const TcamEntry& e) {
-      ReportData::MapEntry& me = m.entries[pos];
-      switch (e.kind) {
-         case EntryKind::empty:
-            break;
-         case EntryKind::v4: {
-            me.cell = ReportData::Cell::v4;
-            const uint32_t l = e.v4.left.isNull() ? 0 : e.v4.left.len();
-            const uint32_t r = e.v4.right.isNull() ? 0 : e.v4.right.len();
-            me.len = uint8_t(std::max(l, r));
-            break;
-         }
-         case EntryKind::v6Single:
-            me = {ReportData::Cell::v6Single, uint8_t(e.v6.len())};
-            break;
-         case EntryKind::v6DoubleFirst:
-            me = {ReportData::Cell::v6Double, uint8_t(e.v6.len())};
-            break;
-         case EntryKind::v6DoubleSecond:
-            me = {ReportData::Cell::v6DoubleSecond, uint8_t(e.v6.len())};
-            break;
-         case EntryKind::mcast:
-            me = {ReportData::Cell::mcast, e.mcast.len};
-            break;
-      }
-   });
-   if (c.borderMoves() || (c.supportsDefipPairing() && c.v4V6Border()))
-      m.v4V6Border = c.v4V6Border();
-   return m;
-}
-
-}  // namespace
-
-ReportData Simulation::reportData() const {
-   ReportData d;
-   if (unicast_) d.maps.push_back(mapOf(*unicast_, "unicast table"));
-   if (mcast_ && stats_.routes[size_t(Region::mcast)] + stats_.family[2].refused > 0)
-      d.maps.push_back(mapOf(*mcast_, "multicast table"));
-   // Bars for 0 .. 31 moves and one for 32 or more.
-   constexpr size_t bars = 33;
-   const std::vector<uint64_t>& c = stats_.movesPerUpdate.counts();
-   // The last bar always reads "that many or more": when every count fits, it is an empty one.
-   d.movesPerUpdate.assign(std::min(bars, c.size() + 1), 0);
-   for (size_t m = 0; m < c.size(); ++m)
-      d.movesPerUpdate[std::min(m, bars - 1)] += c[m];
-   d.tableEntries = (unicast_ ? unicast_->ctx().tcamSize() : 0) + (mcast_ ? cfg_.mcastSize : 0);
-   for (unsigned i = 0; i < numRegions; ++i)
-      d.occupancyRegions.emplace_back(regionName(Region(i)));
-   d.occupancy = samples_;
-   if (d.occupancy.empty() || d.occupancy.back().op != stats_.operations)
-      d.occupancy.push_back(currentSample());
-   return d;
 }
 
 }  // namespace VexloL3Common::sim

@@ -28,6 +28,7 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -38,6 +39,7 @@
 #include "VexloL3Common/tcam/L3TcamTable.h"
 #include "sim/EmulatedTable.h"
 #include "sim/HtmlReport.h"
+#include "sim/Refusal.h"
 #include "sim/Route.h"
 
 namespace VexloL3Common::sim {
@@ -47,6 +49,21 @@ struct SimulationConfig {
    bool urpf = false;
    uint32_t mcastSize = 0;  // 0: no multicast table (multicast routes are then an input error)
    bool check = false;      // the emulator checks the table after every move and merge
+   size_t worst = 5;        // updates kept with the most moves (Statistics::worst)
+   // Measure free capacity with probe routes everywhere, also where the counts give it exactly
+   // (a check of the computation; slow on a large table).
+   bool probeCapacity = false;
+   // false: the tables are the model alone, with a writer that only acknowledges; no emulated
+   // hardware table to check (checkTables verifies the model only) or to draw (reportData needs
+   // it). What `capacity` asks needs no more, and a large table costs a fraction of the time.
+   bool emulate = true;
+   // Capacity probes switch tracing off while they run, which touches the process-wide trace
+   // switches. A caller that runs simulations in parallel threads, with tracing off, says false.
+   bool silenceProbes = true;
+   // Threads the capacity probes run on (each fills a replica of its own); 0: one per core.
+   unsigned probeThreads = 0;
+   // false: finish() does not replay the run on twins, and there is no model time or memory.
+   bool timeModel = true;
    // Live heap bytes of the process, when the program counts them; null: memory is not reported.
    std::function<int64_t()> heapBytes;
 };
@@ -88,6 +105,23 @@ struct Statistics {
       uint64_t operations = 0;
       uint64_t modelNs = 0;
       uint64_t placed = 0, refused = 0, moves = 0;
+      MoveHistogram movesPerOperation;
+   };
+   // Refused adds of one region by reason (sim/Refusal.h), each with its first route and the
+   // figures the model saw then; `border`: why a moving border did not make room, last seen.
+   struct Refusals {
+      std::array<uint64_t, numRefusalReasons> count{};
+      std::array<std::string, numRefusalReasons> example{};
+      std::string border;
+      uint64_t total() const;
+   };
+   // One update of the run, for the list of those with the most moves.
+   struct Update {
+      uint64_t operation = 0;  // 1-based over the whole run
+      std::string phase;
+      RouteOp::Kind kind = RouteOp::Kind::add;
+      std::string route;
+      uint64_t moves = 0;
    };
    std::array<Family, 3> family;  // by Route::Family
    MoveHistogram movesPerInsert;  // placed adds
@@ -96,6 +130,9 @@ struct Statistics {
    // IPv6 adds refused because the layout has no entry of the size they need (longer than /64
    // without pairing).
    uint64_t v6WithoutEntries = 0;
+   std::array<Refusals, numRegions> refusals;
+   // The updates with the most moves, most first (ties: the earlier first); at most config.worst.
+   std::vector<Update> worst;
    std::vector<Phase> phases;
    // Live heap bytes of the twin contexts after the run; -1 when not counted.
    int64_t modelBytes = -1;
@@ -122,6 +159,8 @@ class Simulation {
    // Adds every route in order. A route whose table does not exist is a std::invalid_argument
    // before anything is applied.
    void load(const std::vector<Route>& routes, const Progress& progress = {});
+   // The same, taking the routes over: the first load of a large table keeps one copy of it.
+   void load(std::vector<Route>&& routes, const Progress& progress = {});
    // Checks the whole trace first, against the announced routes as the trace changes them
    // (announced: added and not deleted since, whether the table placed it or not): adding a
    // route that is announced, deleting one that is not, or a route whose table does not exist
@@ -134,7 +173,8 @@ class Simulation {
    void churn(uint64_t updates, uint64_t seed, const Progress& progress = {});
    // Replays every recorded operation on the twins, timing each phase. Call once, after the
    // last phase; statistics() has no timing or memory before it.
-   void finish();
+   // progress: every 65 536 operations replayed, so that it costs the timing next to nothing.
+   void finish(const Progress& progress = {});
 
    const Statistics& statistics() const { return stats_; }
    const SimulationConfig& config() const { return cfg_; }
@@ -144,7 +184,9 @@ class Simulation {
    const EmulatedTable* multicast() const { return mcast_.get(); }
 
    // One row per region the layout has (see Capacity.cpp for what "free" means).
-   std::vector<ReportData::CapacityRow> capacity(double warnPercent, double criticalPercent) const;
+   // progress reports each probe (sim/Capacity.cpp); computed figures take no time.
+   std::vector<ReportData::CapacityRow> capacity(double warnPercent, double criticalPercent,
+                                                 const Progress& progress = {}) const;
 
    // The context's verification (fatal) and the emulators' full check: the violations found.
    std::vector<std::string> checkTables() const;
@@ -159,18 +201,34 @@ class Simulation {
       RouteOp::Kind kind;
    };
    std::unique_ptr<EmulatedTable> makeTable(const L3TcamManagerContext::Config& c, bool urpf) const;
+   // A software-only copy of t, made by replaying t's operations (the model decides the same
+   // every time): what a capacity probe fills.
+   std::unique_ptr<EmulatedTable> replica(const EmulatedTable& t) const;
+   struct ProbeJob;
+   // Fills in the free figure of each job's row, the probes side by side on threads.
+   void runProbes(std::vector<ReportData::CapacityRow>& rows, std::deque<ProbeJob>& jobs,
+                  const Progress& progress) const;
    EmulatedTable* tableOf(Route::Family f) const;
    uint32_t intern(const Route& r);
+   void checkFamilies(const std::vector<Route>& routes) const;
+   void loadInterned(size_t first, size_t count, const Progress& progress);
    // Applies one operation to the emulated table and records it.
    void apply(uint32_t route, RouteOp::Kind kind);
    void beginPhase(const char* name);
+   // Replays every recorded operation on twin contexts, timing each phase and counting their heap.
+   void timeOnTwins(const Progress& progress);
+   void noteRefusal(const EmulatedTable& t, const Route& r);
+   void noteWorst(uint32_t route, RouteOp::Kind kind, uint64_t moves);
    ReportData::Sample currentSample() const;
    void sample();
 
    SimulationConfig cfg_;
    std::unique_ptr<EmulatedTable> unicast_, mcast_;
    std::vector<Route> pool_;
+   // Built on first use (a load of a table needs none: its routes are distinct): pool_[i] for
+   // i < indexed_ are in it.
    std::unordered_map<Route, uint32_t> poolIndex_;
+   size_t indexed_ = 0;
    std::vector<Op> ops_;
    std::vector<size_t> phaseStart_;  // first op of each phase
    // Installed routes (pool indices) with O(1) removal, for churn.

@@ -6,11 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "sim/Quote.h"
 #include "sim/SyntheticTable.h"
 
 namespace VexloL3Common::sim {
@@ -106,6 +108,27 @@ TEST(RouteFile, EachErrorReportsItsLineAndOneLineMessage) {
          EXPECT_STREQ(e.what(), message);
       }
    }
+}
+
+// A line of any length or content costs one short printable message: 60 characters of it at
+// most, bytes outside printable ASCII escaped (an escape never cut in half).
+TEST(RouteFile, OffendingTextIsQuotedShortAndEscaped) {
+   const std::pair<std::string, std::string> cases[] = {
+       {std::string(100000, 'x'), "unknown word '" + std::string(60, 'x') + "...'"},
+       {std::string("\x01\x1b[31m\xff/8", 9), "bad prefix '\\x01\\x1b[31m\\xff/8': "},
+       {"vrf " + std::string(70, '9') + " 10.0.0.0/8",
+        "'vrf' needs a number, not '" + std::string(60, '9') + "...'"},
+       {std::string(58, 'y') + "\x7f", "unknown word '" + std::string(58, 'y') + "...'"},
+   };
+   for (const auto& [line, message] : cases) {
+      SCOPED_TRACE(message);
+      const std::string e = tableError(line + "\n");
+      EXPECT_EQ(e.substr(0, 12 + message.size()), "t.routes:1: " + message);
+      EXPECT_LT(e.size(), 200u);
+      EXPECT_TRUE(std::all_of(e.begin(), e.end(), [](char c) { return c >= 0x20 && c < 0x7f; }));
+   }
+   EXPECT_EQ(clipped(std::string(60, 'a')), std::string(60, 'a'));
+   EXPECT_EQ(printable("a\nb"), "a\\x0ab");
 }
 
 TEST(RouteFile, DuplicateRouteNamesTheFirstLineEvenWhenSpelledDifferently) {

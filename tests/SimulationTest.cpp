@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "TcamFixture.h"
+#include "platform/Trace.h"
 #include "sim/SyntheticTable.h"
 
 namespace VexloL3Common::sim {
@@ -95,6 +96,56 @@ TEST(Simulation, FreeCapacityIsWhatTheTableStillTakes) {
    }
 }
 
+// Where free capacity is computed from the counts, it must be what the probe finds: for every
+// layout whose admission the computation replays, from empty to full, after churn has left
+// entries with a free right half.
+TEST(Simulation, ComputedFreeCapacityIsWhatTheProbeFinds) {
+   struct Layout {
+      const char* name;
+      uint32_t mode;
+      bool two, urpf, pairing;
+      bool moving = pairing;
+   };
+   const Layout layouts[] = {{"mode 1", 1, true, false, false},
+                             {"mode 2", 2, true, false, false},
+                             {"mode 3, one per entry", 3, false, false, false},
+                             {"mode 2, uRPF", 2, true, true, false},
+                             {"moving border, no IPv6 yet", 2, true, false, true},
+                             {"fixed pairing border", 2, true, false, true, false},
+                             {"fixed pairing border, one per entry", 2, false, false, true, false}};
+   for (const Layout& l : layouts) {
+      for (uint64_t v4 : {0u, 500u, 1400u, 2600u}) {
+         SCOPED_TRACE(fmt::format("{}, {} IPv4", l.name, v4));
+         SimulationConfig cfg = small(256);
+         cfg.check = false;
+         cfg.urpf = l.urpf;
+         cfg.unicast.tcamMode = l.mode;
+         cfg.unicast.twoV4RoutesPerEntry = l.two;
+         cfg.unicast.supportsDefipPairing = l.pairing;
+         cfg.unicast.dynamicV4V6Boundary = l.moving;
+         SyntheticMix mix;
+         mix.v4 = v4;
+         mix.v6 = l.moving ? 0 : v4 / 8;
+         mix.mcast = 40;
+         mix.seed = v4 + l.mode;
+         std::vector<ReportData::CapacityRow> rows[2];
+         for (bool probe : {false, true}) {
+            cfg.probeCapacity = probe;
+            Simulation sim(cfg);
+            const std::vector<Route> table = syntheticTable(mix);
+            sim.load(table);
+            if (v4) sim.churn(300, 5);
+            rows[probe] = sim.capacity(70, 85);
+         }
+         ASSERT_EQ(rows[0].size(), rows[1].size());
+         for (size_t i = 0; i < rows[0].size(); ++i) {
+            EXPECT_EQ(rows[0][i].free, rows[1][i].free) << rows[0][i].region;
+            EXPECT_EQ(rows[0][i].max, rows[1][i].max) << rows[0][i].region;
+         }
+      }
+   }
+}
+
 TEST(Simulation, TraceIsCheckedWholeBeforeAnythingIsApplied) {
    Simulation sim(small());
    sim.load(v4Routes(10, 24));
@@ -131,6 +182,117 @@ TEST(Simulation, RefusedRoutesAreCountedAndTheirDeletesSkipped) {
    EXPECT_EQ(st.family[0].skipped, 1u);
    EXPECT_EQ(st.installed(), st.family[0].placed);
    EXPECT_EQ(st.highWatermark[0], st.family[0].placed);
+}
+
+// Every refusal is counted under its region and one reason, with the first route refused; a full
+// IPv4 partition keeps its swap reserve, and a route too long for any entry says so.
+TEST(Simulation, RefusalsCarryTheirRegionAndReason) {
+   SimulationConfig cfg = small();
+   cfg.worst = 3;
+   Simulation sim(cfg);
+   std::vector<Route> routes = v4Routes(2500, 24);
+   Ulo::Ip6Prefix::Bytes b{0x20, 0x01, 0x0d, 0xb8};
+   routes.push_back(Route::of(Ipv6UcastKey(VrfId(1), Ulo::Ip6Prefix(b, 128))));
+   sim.load(routes);
+   const Statistics& st = sim.statistics();
+   const Statistics::Refusals& v4 = st.refusals[size_t(Region::v4)];
+   EXPECT_EQ(v4.total(), st.family[0].refused);
+   const size_t kept = size_t(RefusalReason::swapReserveKept);
+   EXPECT_EQ(v4.count[kept], v4.total()) << "the reserve, not a full block, stops IPv4 here";
+   // The first refused route is the first one past what was placed.
+   EXPECT_THAT(v4.example[kept],
+               ::testing::StartsWith(routes[st.family[0].placed].toString() + ": "));
+   EXPECT_TRUE(v4.border.empty()) << "this layout's border does not move";
+   const Statistics::Refusals& v6 = st.refusals[size_t(Region::v6Double)];
+   EXPECT_EQ(v6.count[size_t(RefusalReason::noEntrySize)], 1u);
+   const auto rows = sim.capacity(70, 85);
+   EXPECT_EQ(rows[0].severity, "critical");
+   EXPECT_EQ(rows[0].refused, v4.total());
+   EXPECT_EQ(rows[2].usedEntries + rows[2].freeEntries, 0u) << "no double-size entries";
+}
+
+// Explaining a refusal reads counts only: the model's trace of a run with refusals is the trace of
+// the same adds made without the simulation around them.
+TEST(Simulation, DiagnosingRefusalsAddsNothingToTheModelTrace) {
+   // IPv4 and IPv6 routes in turn, well past what each layout holds, so that every reason of
+   // refusal comes up: a full block, the reserve, the shared IPv4 reserve, the border.
+   SyntheticMix mix;
+   mix.v4 = 2400;
+   mix.v6 = 900;
+   std::vector<Route> v4, v6, routes;
+   for (const Route& r : syntheticTable(mix))
+      (r.family == Route::Family::v4 ? v4 : v6).push_back(r);
+   for (size_t i = 0; i < std::max(v4.size(), v6.size()); ++i) {
+      if (i < v6.size()) routes.push_back(v6[i]);
+      if (i < v4.size()) routes.push_back(v4[i]);
+   }
+   for (int pairing = 0; pairing < 3; ++pairing) {
+      SCOPED_TRACE(pairing);
+      SimulationConfig cfg = small();
+      cfg.check = false;
+      cfg.unicast.supportsDefipPairing = pairing > 0;
+      cfg.unicast.dynamicV4V6Boundary = pairing == 2;
+      std::vector<std::string> traced[2];
+      {
+         Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 1, 8);
+         Simulation sim(cfg);
+         sim.load(routes);
+         ASSERT_GT(sim.statistics().refused(), 0u);
+         traced[0] = cap.texts();
+      }
+      {
+         Ulo::ScopedTraceCapture cap("VexloL3CommonTcamTable", 1, 8);
+         EmulatedTable t(cfg.unicast, false, true);
+         for (const Route& r : routes)
+            t.add(r);
+         traced[1] = cap.texts();
+      }
+      EXPECT_EQ(traced[0].size(), traced[1].size());
+      EXPECT_TRUE(traced[0] == traced[1]);
+   }
+}
+
+// The worst updates are the ones with the most moves, most first, at most config.worst of them,
+// and the first is the histogram's maximum.
+TEST(Simulation, WorstUpdatesAreTheLargestInOrder) {
+   SimulationConfig cfg = small();
+   cfg.worst = 4;
+   Simulation sim(cfg);
+   SyntheticMix mix;
+   mix.v4 = 900;
+   sim.load(syntheticTable(mix));
+   sim.churn(500, 3);
+   const Statistics& st = sim.statistics();
+   ASSERT_EQ(st.worst.size(), 4u);
+   EXPECT_EQ(st.worst.front().moves, st.movesPerUpdate.max());
+   uint64_t atLeastLast = 0;
+   for (uint64_t m = st.worst.back().moves; m < st.movesPerUpdate.counts().size(); ++m)
+      atLeastLast += st.movesPerUpdate.counts()[m];
+   EXPECT_GE(atLeastLast, 4u);
+   for (size_t i = 1; i < st.worst.size(); ++i)
+      EXPECT_GE(st.worst[i - 1].moves, st.worst[i].moves);
+   // Each phase's histogram is its own: the two add up to the run's.
+   EXPECT_EQ(st.phases[0].movesPerOperation.total() + st.phases[1].movesPerOperation.total(),
+             st.moves);
+   EXPECT_EQ(st.phases[1].movesPerOperation.operations(), 500u);
+}
+
+// A table that the writer got wrong is a finding of the run: checked after every move, it is
+// recorded and listed, never an abort.
+TEST(Simulation, EmulatedTableFaultIsRecordedNotFatal) {
+   Simulation sim(small());
+   sim.load(v4Routes(200, 24));
+   EmulatedTable& t = *sim.unicast();
+   // A /8 written where the search meets it first shadows every /24 below it.
+   const uint32_t free = t.ctx().bitmap()->findFirstClear(1, t.ctx().effectiveSize() - 1);
+   ASSERT_NE(free, HBitmap::npos);
+   Ipv4Keys k;
+   k.right = Ipv4UcastKey(VrfId(1), Ulo::Prefix(0, 8));
+   t.emu()->writeV4(free, k);
+   sim.load(v4Routes(50, 24, 200));
+   const std::vector<std::string> found = sim.checkTables();
+   ASSERT_FALSE(found.empty());
+   EXPECT_THAT(found.front(), ::testing::HasSubstr("0.0.0.0/8"));
 }
 
 TEST(Simulation, ChurnKeepsTheTableAndTheTwinAgrees) {

@@ -1,7 +1,13 @@
 // Where a run's routes come from: a route file, stdin, the generator, or the bundled table.
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <sstream>
 
+#include "sim/Quote.h"
+#include "sim/RouteFormats.h"
 #include "sim/SyntheticTable.h"
 #include "tools/Tool.h"
 
@@ -9,10 +15,40 @@ namespace VexloL3Common::tool {
 
 namespace {
 
+// A directory opens as a stream on Linux and fails only at the first read, with no word of why:
+// it is refused by name first, as is a file that cannot be read.
 std::ifstream openOrFail(const std::string& path) {
+   std::error_code ec;
+   const std::string shown = sim::clipped(path);
+   if (std::filesystem::is_directory(path, ec))
+      throw UsageError("'" + shown + "' is a directory, not a file");
    std::ifstream f(path);
-   if (!f) throw UsageError("cannot open '" + path + "'");
+   if (!f) {
+      const int err = errno;
+      if (!std::filesystem::exists(path, ec))
+         throw UsageError("cannot open '" + shown + "': no such file");
+      throw UsageError("cannot read '" + shown + "': " + std::strerror(err));
+   }
    return f;
+}
+
+std::string readAll(std::istream& in, const std::string& name) {
+   std::ostringstream all;
+   all << in.rdbuf();
+   if (in.bad()) throw UsageError("cannot read '" + sim::clipped(name) + "'");
+   return std::move(all).str();
+}
+
+// The table in whichever form it has: named by --routes-format, or recognised from its text.
+void readTable(Input& in, const Options& o, std::istream& f, const std::string& name) {
+   const std::string text = readAll(f, name);
+   const sim::RouteFormat format = o.routesFormat == "auto" ? sim::detectRouteFormat(text)
+                                                            : sim::routeFormatNamed(o.routesFormat);
+   sim::ReadTable t = sim::readRouteText(text, name, format);
+   in.routes = std::move(t.routes);
+   in.format = std::string(sim::formatName(format));
+   in.skipped = std::move(t.skipped);
+   in.duplicates = t.duplicates;
 }
 
 }  // namespace
@@ -26,7 +62,21 @@ std::string defaultTablePath() {
    return "";
 }
 
+namespace {
+
+Input readAnyInput(const Options& o);
+
+}  // namespace
+
 Input readInput(const Options& o) {
+   Input in = readAnyInput(o);
+   in.routeCount = in.routes.size();
+   return in;
+}
+
+namespace {
+
+Input readAnyInput(const Options& o) {
    Input in;
    if (o.synthetic + o.syntheticV6 + o.syntheticMcast > 0) {
       sim::SyntheticMix mix;
@@ -41,7 +91,7 @@ Input readInput(const Options& o) {
       return in;
    }
    if (o.routes == "-") {
-      in.routes = sim::readRouteTable(std::cin, "<stdin>");
+      readTable(in, o, std::cin, "<stdin>");
       in.description = "routes from stdin";
       return in;
    }
@@ -55,9 +105,11 @@ Input readInput(const Options& o) {
       in.description = "route file " + path;
    }
    std::ifstream f = openOrFail(path);
-   in.routes = sim::readRouteTable(f, path);
+   readTable(in, o, f, path);
    return in;
 }
+
+}  // namespace
 
 std::vector<sim::RouteOp> readTraceFile(const std::string& path) {
    if (path == "-") return sim::readTrace(std::cin, "<stdin>");

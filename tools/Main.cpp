@@ -4,11 +4,13 @@
 //   vexlo-tcam replay TRACE [table options] [input]
 //   vexlo-tcam show     [table options] [input]
 //   vexlo-tcam capacity [table options] [input] [--warn-at P] [--critical-at P]
+//   vexlo-tcam fit      [input] [--churn N] [--headroom 10%] [--sizes S,...] [--jobs N] [--json F]
 //   vexlo-tcam generate --synthetic N [--synthetic-v6 N] [--synthetic-mcast N] [--seed S] [-o F]
 //
-// Exit status: 0 done, 1 the emulated table found an inconsistency (a model fault), 2 bad input
-// (usage, files, route text, a configuration the layout refuses) reported as one line on stderr,
-// with no output file written.
+// Exit status: 0 fitted; 1 an inconsistency (a model assertion, the model's verification or the
+// emulated table's check), reported in one line on stderr with the JSON and report still
+// written; 2 bad input (usage, files, route text, a configuration the layout refuses) reported
+// as one line on stderr, with no output file written; 3 the table did not fit as --fail-on asks.
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
@@ -17,117 +19,16 @@
 #include <iostream>
 #include <sstream>
 
+#include "platform/Assert.h"
 #include "platform/Trace.h"
+#include "sim/Quote.h"
 #include "sim/SyntheticTable.h"
 #include "tools/Tool.h"
 
 namespace VexloL3Common::tool {
 namespace {
 
-// Counts and seeds are unsigned; without this "-1" would wrap to the largest value.
-const CLI::Validator nonNegative(
-    [](std::string& text) {
-       return !text.empty() && text.front() == '-' ? std::string("must not be negative")
-                                                   : std::string();
-    },
-    "NONNEGATIVE");
-
-void addTableOptions(CLI::App& app, Options& o) {
-   const char* g = "Table";
-   app.add_option("--size", o.size, "TCAM entries of the unicast table")
-       ->check(CLI::Range(64u, 1u << 22))
-       ->group(g)
-       ->capture_default_str();
-   app.add_option("--mode", o.mode, "table mode: how many blocks the IPv4 partition takes")
-       ->check(CLI::Range(1u, 4u))
-       ->group(g)
-       ->capture_default_str();
-   app.add_option("--blocks", o.blocks, "unicast blocks the table is split into")
-       ->check(CLI::Range(1u, 255u))
-       ->group(g)
-       ->capture_default_str();
-   app.add_flag("--two-v4-per-entry,!--one-v4-per-entry", o.twoV4PerEntry,
-                "two IPv4 routes of one length share an entry (default) or one per entry")
-       ->group(g);
-   app.add_flag("--pairing", o.pairing, "double-size entries for IPv6 routes longer than /64")
-       ->group(g);
-   app.add_flag("--dynamic-border", o.dynamicBorder,
-                "with --pairing: the IPv4/IPv6 border moves with demand")
-       ->group(g);
-   app.add_option("--pair-gap", o.pairGap,
-                  "distance between the two entries of a double-size route (0: derived)")
-       ->check(CLI::Range(0u, 1u << 23))
-       ->group(g)
-       ->capture_default_str();
-   app.add_flag("--urpf", o.urpf, "lay the table out for uRPF lookups")->group(g);
-   app.add_option("--fallback-vrf", o.fallbackVrf, "the fallback VRF (default: none)")
-       ->check(CLI::Range(int64_t(0), int64_t(VrfId::maxValue - 1)))
-       ->group(g);
-   app.add_flag("--interleave", o.interleave, "IPv4 and IPv6 blocks interleaved")->group(g);
-   app.add_flag("--re-add-allowed", o.reAddAllowed,
-                "an add of an installed route reports where it is")
-       ->group(g);
-   app.add_option("--mcast-size", o.mcastSize,
-                  "entries of the multicast table (default: none, or 4096 when the input has "
-                  "multicast routes)")
-       ->check(CLI::Range(0u, 1u << 22))
-       ->group(g);
-}
-
-void addInputOptions(CLI::App& app, Options& o) {
-   const char* g = "Input (default: the bundled table)";
-   auto* routes =
-       app.add_option("--routes", o.routes, "route file, one route per line ('-': stdin)")
-           ->group(g);
-   auto* syn = app.add_option("--synthetic", o.synthetic,
-                              "generate an Internet-like table of N IPv4 routes")
-                   ->check(nonNegative)
-                   ->group(g);
-   auto* syn6 = app.add_option("--synthetic-v6", o.syntheticV6, "... and N IPv6 routes")
-                    ->check(nonNegative)
-                    ->group(g);
-   auto* synm = app.add_option("--synthetic-mcast", o.syntheticMcast, "... and N multicast routes")
-                    ->check(nonNegative)
-                    ->group(g);
-   app.add_option("--seed", o.seed, "seed of the generator")
-       ->check(nonNegative)
-       ->group(g)
-       ->capture_default_str();
-   routes->excludes(syn)->excludes(syn6)->excludes(synm);
-}
-
-void addRunOptions(CLI::App& app, Options& o, bool churn) {
-   const char* g = "Run";
-   if (churn) {
-      app.add_option("--churn", o.churn,
-                     "after loading, N updates withdrawing and re-announcing routes")
-          ->check(nonNegative)
-          ->group(g);
-      app.add_option("--churn-seed", o.churnSeed, "seed of the churn")
-          ->check(nonNegative)
-          ->group(g)
-          ->capture_default_str();
-   }
-   app.add_flag("--check", o.check, "verify the emulated table after every move and merge")
-       ->group(g);
-   app.add_option("--json", o.json, "write the statistics as JSON to FILE ('-': stdout)")->group(g);
-   app.add_option("--report", o.report, "write an HTML report to FILE")->group(g);
-   app.add_option("--trace", o.traceLevels,
-                  "trace levels, e.g. 'VexloL3CommonTcamTable=1-3' (lines go to stderr)")
-       ->group(g);
-   app.add_option("--progress", o.progress, "progress bar on stderr")
-       ->check(CLI::IsMember({"auto", "always", "never"}))
-       ->group(g)
-       ->capture_default_str();
-   app.add_option("--warn-at", o.warnAt, "capacity warning threshold, percent used")
-       ->check(CLI::Range(0.0, 100.0))
-       ->group(g)
-       ->capture_default_str();
-   app.add_option("--critical-at", o.criticalAt, "capacity critical threshold, percent used")
-       ->check(CLI::Range(0.0, 100.0))
-       ->group(g)
-       ->capture_default_str();
-}
+enum class Command { simulate, replay, show, capacity };
 
 sim::SimulationConfig simulationConfig(const Options& o, const Input& in,
                                        const std::vector<sim::RouteOp>& trace) {
@@ -155,7 +56,50 @@ sim::SimulationConfig simulationConfig(const Options& o, const Input& in,
       c.mcastSize = Options::defaultMcastSize;
    }
    c.heapBytes = liveHeapBytes;
+   c.worst = size_t(o.worst);
    return c;
+}
+
+// `capacity` asks what fits: the model alone answers that, at a fraction of the cost of an
+// emulated hardware table, which only --check and the report's map need.
+sim::SimulationConfig runConfig(Command cmd, const Options& o, const Input& in,
+                                const std::vector<sim::RouteOp>& trace) {
+   sim::SimulationConfig c = simulationConfig(o, in, trace);
+   c.emulate = cmd != Command::capacity || o.check || !o.report.empty();
+   // Nor does it show the model's time: no twin replays the run to measure it.
+   c.timeModel = cmd != Command::capacity;
+   return c;
+}
+
+// Whether the layout takes the table options of o: a software-only context is laid out.
+bool layoutAccepts(const Options& o) {
+   const sim::SimulationConfig c = simulationConfig(o, Input{}, {});
+   Ulo::ScopedThrowingAssertHandler guard;
+   try {
+      L3TcamManagerContext::Config u = c.unicast;
+      u.v4Mcast = false;
+      sim::EmulatedTable t(u, c.urpf, false);
+      return true;
+   } catch (const std::exception&) {
+      return false;
+   }
+}
+
+// The simulation, or a refused layout in the options' terms.
+std::unique_ptr<sim::Simulation> makeSimulation(Command cmd, const Options& o, const Input& in,
+                                                const std::vector<sim::RouteOp>& trace) {
+   try {
+      return std::make_unique<sim::Simulation>(runConfig(cmd, o, in, trace));
+   } catch (const std::range_error& e) {
+      // The engine's words (which check refused it) come last, for whoever knows the layout.
+      const std::string why = e.what();
+      const std::string prefix = "the layout refuses this configuration: ";
+      throw UsageError(fmt::format("the layout refuses --size {} --mode {} --blocks {}{}: {} ({})",
+                                   o.size, o.mode, o.blocks,
+                                   o.pairGap ? fmt::format(" --pair-gap {}", o.pairGap) : "",
+                                   layoutAdvice(o, why, layoutAccepts),
+                                   why.rfind(prefix, 0) == 0 ? why.substr(prefix.size()) : why));
+   }
 }
 
 // Counts past these would only exhaust memory: every operation of a run is recorded.
@@ -191,8 +135,6 @@ void checkConfiguration(const Options& o) {
    if (o.mcastSize != 0 && o.mcastSize < 64) throw UsageError("--mcast-size is 0 or at least 64");
 }
 
-enum class Command { simulate, replay, show, capacity };
-
 // What can be refused before any work is done: counts, the configuration, the inputs, the
 // directories of the output files.
 void checkRun(Command cmd, const Options& o) {
@@ -206,20 +148,20 @@ void checkRun(Command cmd, const Options& o) {
    if (o.report == "-") throw UsageError("--report needs a file name");
 }
 
-// Files are written after all the work, so a run that fails leaves none behind.
+// Files are written after all the work, so a run that fails on its input leaves none behind.
 void writeOutputs(const Options& o, const sim::Simulation& sim, const Input& in,
-                  const std::vector<sim::ReportData::CapacityRow>& capacity, size_t violations) {
+                  const std::vector<sim::ReportData::CapacityRow>& capacity, const Verdict& v) {
    if (!o.report.empty()) {
       sim::ReportData d = sim.reportData();
       d.title = "vexlo-tcam: " + configLine(o, sim);
-      d.facts = reportFacts(sim, in);
+      d.facts = reportFacts(sim, in, v);
       d.capacity = capacity;
       std::ostringstream page;
       sim::writeHtmlReport(page, d);
       writeFileAtomically(o.report, page.str());
    }
    if (!o.json.empty()) {
-      const std::string text = jsonStatistics(o, sim, in, capacity, violations);
+      const std::string text = jsonStatistics(o, sim, in, capacity, v);
       if (o.json == "-") {
          std::fwrite(text.data(), 1, text.size(), stdout);
       } else {
@@ -230,12 +172,12 @@ void writeOutputs(const Options& o, const sim::Simulation& sim, const Input& in,
 
 // The text an operator reads, by subcommand.
 void printResults(Command cmd, const Options& o, const sim::Simulation& sim, const Input& in,
-                  const std::vector<sim::ReportData::CapacityRow>& capacity) {
+                  const std::vector<sim::ReportData::CapacityRow>& capacity, const Verdict& v) {
    const sim::EmulatedTable* u = sim.unicast();
    switch (cmd) {
       case Command::simulate:
       case Command::replay:
-         printHeadline(o, sim, in);
+         printHeadline(o, sim, in, capacity, v);
          if (u) {
             std::fflush(stdout);
             u->ctx().showSoftwareTcamTableSummary(STDOUT_FILENO);
@@ -256,43 +198,101 @@ void printResults(Command cmd, const Options& o, const sim::Simulation& sim, con
          }
          break;
       case Command::capacity:
-         printHeadline(o, sim, in);
+         printHeadline(o, sim, in, capacity, v);
          printCapacity(capacity);
          break;
    }
 }
 
+std::string assertionText(const Ulo::AssertionFailure& e) {
+   return "model assertion: " + e.text + (e.message.empty() ? "" : ": " + e.message);
+}
+
+// The phases of the run. A model assertion stops it: what follows would build on a broken model.
+// The input's routes are handed over to the simulation.
+void runPhases(Command cmd, const Options& o, sim::Simulation& sim, Input& in,
+               const std::vector<sim::RouteOp>& trace, std::vector<std::string>& faults) {
+   ProgressBar bar(o.progress);
+   try {
+      sim.load(std::move(in.routes), bar.phase("load"));
+      if (cmd == Command::replay)
+         sim.replay(trace, o.trace == "-" ? "<stdin>" : o.trace, bar.phase("replay"));
+      if (o.churn) sim.churn(o.churn, o.churnSeed, bar.phase("churn"));
+      sim.finish(bar.phase("model timing"));
+      bar.done();
+   } catch (const Ulo::AssertionFailure& e) {
+      faults.push_back(assertionText(e));
+   }
+}
+
 int run(Command cmd, const Options& o) {
    checkRun(cmd, o);
-   if (!o.traceLevels.empty()) Ulo::Trace::configure(o.traceLevels);
+   if (!o.traceLevels.empty()) applyTraceLevels(o.traceLevels);
 
    Input in = readInput(o);
    std::vector<sim::RouteOp> trace;
    if (cmd == Command::replay) {
       trace = readTraceFile(o.trace);
    }
-
-   sim::Simulation sim(simulationConfig(o, in, trace));
-   ProgressBar bar(o.progress);
-   sim.load(in.routes, bar.phase("load"));
-   if (cmd == Command::replay)
-      sim.replay(trace, o.trace == "-" ? "<stdin>" : o.trace, bar.phase("replay"));
-   if (o.churn) sim.churn(o.churn, o.churnSeed, bar.phase("churn"));
-   bar.done();
-   sim.finish();
-   const std::vector<std::string> violations = sim.checkTables();
-   // Probing capacity costs a fill of a copy of the table: only where it is shown.
-   const bool wantCapacity = cmd != Command::show || !o.json.empty() || !o.report.empty();
-   const std::vector<sim::ReportData::CapacityRow> capacity =
-       wantCapacity ? sim.capacity(o.warnAt, o.criticalAt)
-                    : std::vector<sim::ReportData::CapacityRow>{};
-
-   writeOutputs(o, sim, in, capacity, violations.size());
-   if (o.json != "-") printResults(cmd, o, sim, in, capacity);
+   const std::unique_ptr<sim::Simulation> simPtr = makeSimulation(cmd, o, in, trace);
+   sim::Simulation& sim = *simPtr;
+   // From here on a failed model assertion is a finding of the run (exit 1), never an abort.
+   Ulo::ScopedThrowingAssertHandler guard;
+   std::vector<std::string> faults;
+   runPhases(cmd, o, sim, in, trace, faults);
+   std::vector<sim::ReportData::CapacityRow> capacity;
+   if (faults.empty()) {
+      for (std::string& v : sim.checkTables())
+         faults.push_back(std::move(v));
+      // Probing capacity costs a fill of a copy of the table: only where it is shown.
+      const bool wantCapacity = cmd != Command::show || !o.json.empty() || !o.report.empty();
+      try {
+         ProgressBar bar(o.progress);
+         if (wantCapacity) capacity = sim.capacity(o.warnAt, o.criticalAt, bar.phase("probe"));
+      } catch (const Ulo::AssertionFailure& e) {
+         faults.push_back(assertionText(e));
+      }
+   }
+   const Verdict v = verdictOf(o, capacity, sim.statistics().refused(), std::move(faults));
+   writeOutputs(o, sim, in, capacity, v);
+   try {
+      if (o.json != "-") printResults(cmd, o, sim, in, capacity, v);
+   } catch (const Ulo::AssertionFailure&) {
+      // A broken model may not show itself: the inconsistency below says why.
+      if (v.inconsistencies.empty()) throw;
+   }
    std::fflush(stdout);
-   for (const std::string& v : violations)
-      std::fprintf(stderr, "vexlo-tcam: table inconsistent: %s\n", v.c_str());
-   return violations.empty() ? 0 : 1;
+   if (!v.inconsistencies.empty())
+      std::fprintf(stderr, "vexlo-tcam: %s\n", inconsistencyLine(v).c_str());
+   if (!v.failedOn.empty() && v.inconsistencies.empty())
+      std::fprintf(stderr, "vexlo-tcam: did not fit: %s\n", v.failedOn.c_str());
+   return v.exitStatus;
+}
+
+int fit(const Options& o, FitOptions f, const std::string& headroom) {
+   checkCounts(o);
+   f.headroom = percentOf(headroom);
+   if (!o.json.empty() && o.json != "-") checkWritable(o.json);
+   const Input in = readInput(o);
+   if (in.routes.empty()) throw UsageError("fit needs routes");
+   Ulo::ScopedThrowingAssertHandler guard;
+   const FitReport rep = fitTable(o, f, in, layoutAccepts);
+   if (!o.json.empty()) {
+      const std::string text = fitJson(rep, f, in, o);
+      if (o.json == "-") {
+         std::fwrite(text.data(), 1, text.size(), stdout);
+      } else {
+         writeFileAtomically(o.json, text);
+      }
+   }
+   if (o.json != "-") printFit(rep, f, in, o);
+   std::fflush(stdout);
+   if (!rep.faults.empty()) {
+      std::fprintf(stderr, "vexlo-tcam: inconsistency: %s\n",
+                   sim::printable(rep.faults.front()).c_str());
+      return exitInconsistent;
+   }
+   return rep.fitting.empty() ? exitNotFitted : exitFitted;
 }
 
 int generate(const Options& o) {
@@ -320,6 +320,17 @@ int generate(const Options& o) {
 }
 
 }  // namespace
+
+sim::SimulationConfig fitConfig(const Options& o, const Input& in) {
+   sim::SimulationConfig c = simulationConfig(o, in, {});
+   c.emulate = false;
+   c.silenceProbes = false;
+   c.probeThreads = 1;  // the configurations already run side by side
+   c.worst = 0;
+   c.heapBytes = {};
+   return c;
+}
+
 }  // namespace VexloL3Common::tool
 
 int main(int argc, char** argv) {
@@ -334,20 +345,22 @@ int main(int argc, char** argv) {
    CLI::App* capacity =
        app.add_subcommand("capacity", "load a table and print capacity per region");
    CLI::App* gen = app.add_subcommand("generate", "write a synthetic route table");
+   FitOptions fitOptions;
+   std::string headroom = "10%";
+   CLI::App* fitCmd = app.add_subcommand(
+       "fit", "try the configurations a chip allows and rank those that fit the table");
+   addFitOptions(*fitCmd, o, fitOptions, headroom);
    for (CLI::App* sub : {simulate, replay, show, capacity}) {
       addTableOptions(*sub, o);
       addInputOptions(*sub, o);
       addRunOptions(*sub, o, sub == simulate || sub == replay);
+      addVerdictOptions(*sub, o);
    }
    replay
        ->add_option("trace", o.trace,
                     "operation trace: 'add ROUTE' or 'del ROUTE' per line ('-': stdin)")
        ->required();
-   gen->add_option("--synthetic", o.synthetic, "IPv4 routes")->check(nonNegative);
-   gen->add_option("--synthetic-v6", o.syntheticV6, "IPv6 routes")->check(nonNegative);
-   gen->add_option("--synthetic-mcast", o.syntheticMcast, "multicast routes")->check(nonNegative);
-   gen->add_option("--seed", o.seed, "seed")->check(nonNegative)->capture_default_str();
-   gen->add_option("-o,--output", o.output, "file to write ('-' or none: stdout)");
+   addGenerateOptions(*gen, o);
 
    try {
       app.parse(argc, argv);
@@ -361,14 +374,19 @@ int main(int argc, char** argv) {
    }
    try {
       if (gen->parsed()) return generate(o);
+      if (fitCmd->parsed()) return fit(o, fitOptions, headroom);
       Command cmd = simulate->parsed() ? Command::simulate
                     : replay->parsed() ? Command::replay
                     : show->parsed()   ? Command::show
                                        : Command::capacity;
       return run(cmd, o);
+   } catch (const Ulo::AssertionFailure& e) {
+      std::fprintf(stderr, "vexlo-tcam: inconsistency: model assertion: %s\n",
+                   VexloL3Common::sim::printable(e.what()).c_str());
+      return exitInconsistent;
    } catch (const std::exception& e) {
       // Input, configuration and file errors: one line, and no output file was written.
-      std::fprintf(stderr, "vexlo-tcam: %s\n", e.what());
-      return 2;
+      std::fprintf(stderr, "vexlo-tcam: %s\n", VexloL3Common::sim::printable(e.what()).c_str());
+      return exitBadInput;
    }
 }

@@ -1,5 +1,5 @@
-// What vexlo-tcam prints and writes: the headline, statistics and capacity table an operator
-// reads, the same figures as JSON for scripts, and output files that appear whole or not at all.
+// What vexlo-tcam prints and writes: the statistics and capacity table an operator reads, the
+// report's facts, and output files that appear whole or not at all.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +16,17 @@ namespace VexloL3Common::tool {
 
 namespace {
 
+std::string bytesText(int64_t bytes) {
+   if (bytes < 0) return "not counted";
+   if (bytes < 10 * 1024) return fmt::format("{} B", bytes);
+   if (bytes < 10 * 1024 * 1024) return fmt::format("{:.1f} KiB", double(bytes) / 1024);
+   return fmt::format("{:.1f} MiB", double(bytes) / (1024 * 1024));
+}
+
+}  // namespace
+
+// ---- shared with the JSON output
+
 double nsPerOp(const sim::Statistics::Phase& p) {
    return p.operations ? double(p.modelNs) / double(p.operations) : 0.0;
 }
@@ -27,11 +38,6 @@ uint64_t modelNs(const sim::Statistics& st) {
    return ns;
 }
 
-// The show summary's figures, computed as the summary computes them.
-struct Summary {
-   uint32_t mode = 0, used = 0, usable = 0, e4 = 0, halfFull = 0, e6h = 0, e6f = 0;
-   uint64_t movedV4 = 0, movedV6Half = 0, movedV6Full = 0;
-};
 Summary summaryOf(const L3TcamManagerContext& c) {
    Summary s;
    s.mode = c.tcamMode();
@@ -46,97 +52,6 @@ Summary summaryOf(const L3TcamManagerContext& c) {
    s.movedV6Full = c.stats()->moveRoute(RouteType::v6Full);
    return s;
 }
-
-// A minimal JSON writer: objects, arrays, numbers, strings and null, with commas placed.
-class Json {
- public:
-   std::string str() const { return out_ + "\n"; }
-   Json& open(const char* key, char bracket) {
-      this->key(key);
-      out_ += bracket;
-      first_ = true;
-      return *this;
-   }
-   Json& close(char bracket) {
-      out_ += bracket;
-      first_ = false;
-      return *this;
-   }
-   template <class T>
-   Json& num(const char* key, T v) {
-      this->key(key);
-      if constexpr (std::is_floating_point_v<T>) {
-         out_ += fmt::format("{:.6g}", v);
-      } else {
-         out_ += fmt::format("{}", v);
-      }
-      return *this;
-   }
-   Json& boolean(const char* key, bool v) {
-      this->key(key);
-      out_ += v ? "true" : "false";
-      return *this;
-   }
-   Json& null(const char* key) {
-      this->key(key);
-      out_ += "null";
-      return *this;
-   }
-   Json& string(const char* key, std::string_view v) {
-      this->key(key);
-      out_ += '"';
-      for (char ch : v) {
-         const unsigned char c = static_cast<unsigned char>(ch);
-         if (c == '"' || c == '\\') {
-            out_ += '\\';
-            out_ += ch;
-         } else if (c < 0x20 || c >= 0x80) {
-            // Bytes past ASCII are written as the code points of the same value, so that the
-            // output is valid UTF-8 whatever a file name holds.
-            out_ += fmt::format("\\u{:04x}", c);
-         } else {
-            out_ += ch;
-         }
-      }
-      out_ += '"';
-      return *this;
-   }
-
- private:
-   // key nullptr: an array element or the top-level value.
-   void key(const char* k) {
-      if (!first_) out_ += ',';
-      first_ = false;
-      if (k) {
-         out_ += '"';
-         out_ += k;
-         out_ += "\":";
-      }
-   }
-   std::string out_;
-   bool first_ = true;
-};
-
-void histogramJson(Json& j, const char* key, const sim::MoveHistogram& h) {
-   j.open(key, '{')
-       .num("operations", h.operations())
-       .num("mean", h.mean())
-       .num("p99", h.percentile(99))
-       .num("max", h.max());
-   j.open("counts", '[');
-   for (uint64_t c : h.counts())
-      j.num(nullptr, c);
-   j.close(']').close('}');
-}
-
-std::string bytesText(int64_t bytes) {
-   if (bytes < 0) return "not counted";
-   if (bytes < 10 * 1024) return fmt::format("{} B", bytes);
-   if (bytes < 10 * 1024 * 1024) return fmt::format("{:.1f} KiB", double(bytes) / 1024);
-   return fmt::format("{:.1f} MiB", double(bytes) / (1024 * 1024));
-}
-
-}  // namespace
 
 namespace {
 
@@ -216,35 +131,6 @@ std::string configLine(const Options& o, const sim::Simulation& sim) {
    return s;
 }
 
-void printHeadline(const Options& o, const sim::Simulation& sim, const Input& in) {
-   const sim::Statistics& st = sim.statistics();
-   std::printf("vexlo-tcam: %s\n", configLine(o, sim).c_str());
-   std::printf("Input: %s, %zu routes\n", in.description.c_str(), in.routes.size());
-   // The load first: did the table fit, and how full is it.
-   const sim::Statistics::Phase& load = st.phases.front();
-   std::printf("Loaded %llu of %llu routes (%llu refused)", (unsigned long long)load.placed,
-               (unsigned long long)(load.placed + load.refused), (unsigned long long)load.refused);
-   std::printf("\n");
-   if (const sim::EmulatedTable* u = sim.unicast()) {
-      const Summary s = summaryOf(u->ctx());
-      std::printf("Unicast table at the end: %.1f %% used (%u of %u entries)\n",
-                  s.usable ? 100.0 * s.used / s.usable : 0.0, s.used, s.usable);
-   }
-   std::printf("Moves per insert: mean %.2f, p99 %llu, max %llu\n", st.movesPerInsert.mean(),
-               (unsigned long long)st.movesPerInsert.percentile(99),
-               (unsigned long long)st.movesPerInsert.max());
-   for (const auto& p : st.phases) {
-      std::printf(
-          "%c%s: %llu operations, %.3f moves each, %llu refused; model time %.0f ns per "
-          "operation\n",
-          std::toupper(static_cast<unsigned char>(p.name[0])), p.name.c_str() + 1,
-          (unsigned long long)p.operations,
-          p.operations ? double(p.moves) / double(p.operations) : 0.0,
-          (unsigned long long)p.refused, nsPerOp(p));
-   }
-   std::printf("\n");
-}
-
 void printStatistics(const sim::Simulation& sim) {
    const sim::Statistics& st = sim.statistics();
    static const char* const names[] = {"IPv4", "IPv6", "multicast"};
@@ -303,158 +189,29 @@ void printCapacity(const std::vector<sim::ReportData::CapacityRow>& rows) {
    }
 }
 
-namespace {
-
-// The options the run was made with, and where its table came from.
-void configJson(Json& j, const Options& o, const sim::Simulation& sim, const Input& in) {
-   j.open("config", '{')
-       .num("size", o.size)
-       .num("mode", o.mode)
-       .num("blocks", o.blocks)
-       .boolean("twoV4PerEntry", o.twoV4PerEntry)
-       .boolean("pairing", o.pairing)
-       .boolean("dynamicBorder", o.dynamicBorder)
-       .num("pairGap", o.pairGap)
-       .boolean("urpf", o.urpf);
-   if (o.fallbackVrf >= 0) {
-      j.num("fallbackVrf", o.fallbackVrf);
-   } else {
-      j.null("fallbackVrf");
-   }
-   j.boolean("interleave", o.interleave)
-       .boolean("reAddAllowed", o.reAddAllowed)
-       .num("mcastSize", sim.config().mcastSize)
-       .close('}');
-   j.open("input", '{')
-       .string("description", in.description)
-       .num("routes", in.routes.size())
-       .close('}');
-}
-
-// Routes placed, refused and deleted per family; moves, merges, conversions, reallocations.
-void routesJson(Json& j, const sim::Statistics& st) {
-   static const char* const families[] = {"ipv4", "ipv6", "multicast"};
-   j.open("routes", '{')
-       .num("placed", st.placed())
-       .num("refused", st.refused())
-       .num("installed", st.installed());
-   for (size_t i = 0; i < st.family.size(); ++i) {
-      const auto& f = st.family[i];
-      j.open(families[i], '{')
-          .num("placed", f.placed)
-          .num("refused", f.refused)
-          .num("deleted", f.deleted)
-          .num("skipped", f.skipped)
-          .close('}');
-   }
-   j.close('}');
-   j.open("moves", '{').num("total", st.moves);
-   histogramJson(j, "perInsert", st.movesPerInsert);
-   histogramJson(j, "perUpdate", st.movesPerUpdate);
-   j.close('}');
-   j.num("merges", st.merges)
-       .num("conversions", st.conversions)
-       .num("reallocations", st.reallocations);
-   j.num("operations", st.operations);
-}
-
-// The model's time per phase and its memory.
-void timingJson(Json& j, const sim::Statistics& st) {
-   j.open("timing", '{');
-   j.open("phases", '[');
-   for (const auto& p : st.phases) {
-      j.open(nullptr, '{')
-          .string("name", p.name)
-          .num("operations", p.operations)
-          .num("modelNs", p.modelNs)
-          .num("nsPerOperation", nsPerOp(p))
-          .num("placed", p.placed)
-          .num("refused", p.refused)
-          .num("moves", p.moves)
-          .close('}');
-   }
-   j.close(']');
-   j.num("modelNs", modelNs(st)).num("emulatedNs", st.emulatedNs).close('}');
-   if (st.modelBytes >= 0) {
-      j.num("modelBytes", st.modelBytes);
-   } else {
-      j.null("modelBytes");
-   }
-}
-
-// The show summary's figures of the unicast table; null without one.
-void summaryJson(Json& j, const sim::Simulation& sim) {
-   if (const sim::EmulatedTable* u = sim.unicast()) {
-      const Summary s = summaryOf(u->ctx());
-      j.open("summary", '{')
-          .num("tableMode", s.mode)
-          .num("usedEntries", s.used)
-          .num("usableEntries", s.usable)
-          .num("ipv4Entries", s.e4)
-          .num("ipv4FullEntries", s.e4 - s.halfFull)
-          .num("ipv4HalfFullEntries", s.halfFull)
-          .num("ipv4Routes", 2 * s.e4 - s.halfFull)
-          .num("ipv6SingleEntries", s.e6h)
-          .num("ipv6DoubleEntries", 2 * s.e6f)
-          .num("ipv6DoubleRoutes", s.e6f)
-          .num("movedIpv4", s.movedV4)
-          .num("movedIpv6Half", s.movedV6Half)
-          .num("movedIpv6Full", s.movedV6Full)
-          .close('}');
-   } else {
-      j.null("summary");
-   }
-}
-
-void capacityJson(Json& j, const std::vector<sim::ReportData::CapacityRow>& capacity) {
-   j.open("capacity", '[');
-   for (const auto& r : capacity) {
-      j.open(nullptr, '{')
-          .string("region", r.region)
-          .num("max", r.max)
-          .num("used", r.used)
-          .num("free", r.free)
-          .num("percentUsed", r.percentUsed)
-          .num("highWatermark", r.highWatermark)
-          .string("warning", r.warning)
-          .close('}');
-   }
-   j.close(']');
-}
-
-}  // namespace
-
-std::string jsonStatistics(const Options& o, const sim::Simulation& sim, const Input& in,
-                           const std::vector<sim::ReportData::CapacityRow>& capacity,
-                           size_t violations) {
-   const sim::Statistics& st = sim.statistics();
-   Json j;
-   j.open(nullptr, '{');
-   configJson(j, o, sim, in);
-   routesJson(j, st);
-   timingJson(j, st);
-   summaryJson(j, sim);
-   capacityJson(j, capacity);
-   j.num("violations", violations);
-   j.close('}');
-   return j.str();
-}
-
 std::vector<std::pair<std::string, std::string>> reportFacts(const sim::Simulation& sim,
-                                                             const Input& in) {
+                                                             const Input& in, const Verdict& v) {
    const sim::Statistics& st = sim.statistics();
    std::vector<std::pair<std::string, std::string>> f;
-   f.emplace_back("input", fmt::format("{}, {} routes", in.description, in.routes.size()));
-   f.emplace_back("routes placed / refused", fmt::format("{} / {}", st.placed(), st.refused()));
+   f.emplace_back("input", fmt::format("{}, {} routes", in.description, in.routeCount));
+   f.emplace_back("result", !v.inconsistencies.empty()
+                                ? "inconsistent (" + inconsistencyLine(v) + ")"
+                            : st.refused() ? "did not fit"
+                                           : "fitted");
+   f.emplace_back("severity", v.severity);
+   f.emplace_back("route adds placed / refused", fmt::format("{} / {}", st.placed(), st.refused()));
    if (const sim::EmulatedTable* u = sim.unicast()) {
       const Summary s = summaryOf(u->ctx());
       f.emplace_back("unicast entries used",
                      fmt::format("{} of {} ({:.1f} %)", s.used, s.usable,
                                  s.usable ? 100.0 * s.used / s.usable : 0.0));
    }
-   f.emplace_back("moves per insert",
-                  fmt::format("mean {:.2f}, p99 {}, max {}", st.movesPerInsert.mean(),
-                              st.movesPerInsert.percentile(99), st.movesPerInsert.max()));
+   for (const auto& p : st.phases) {
+      const sim::MoveHistogram& h = p.movesPerOperation;
+      f.emplace_back(
+          fmt::format("moves per {}, {}", p.name == "load" ? "route" : "update", p.name),
+          fmt::format("mean {:.2f}, p99 {}, max {}", h.mean(), h.percentile(99), h.max()));
+   }
    f.emplace_back(
        "moves / merges / conversions / reallocations",
        fmt::format("{} / {} / {} / {}", st.moves, st.merges, st.conversions, st.reallocations));

@@ -60,21 +60,28 @@ class Cli(unittest.TestCase):
         code, out, err = run("simulate", "--churn", "20000", "--report", report,
                              "--progress", "never")
         self.assertEqual(code, 0, err)
-        head = re.search(r"^Loaded (\d+) of (\d+) routes \((\d+) refused\)\nUnicast table at "
-                         r"the end: ([\d.]+) % used \((\d+) of (\d+) entries\)$", out, re.M)
+        head = re.search(r"^Result: fitted: all (\d+) route adds placed$", out, re.M)
         self.assertTrue(head, out)
-        placed, added, refused, percent, used, usable = head.groups()
-        self.assertEqual((refused, placed), ("0", added))
+        v4 = re.search(r"^  IPv4 +(\d+) +(\d+) +(\d+) +([\d.]+)% +(\d+) +(\d+)  (\w+)$", out,
+                       re.M)
+        self.assertTrue(v4, out)
+        routes, refused, free, percent, used_entries, _, severity = v4.groups()
+        self.assertEqual(refused, "0")
         self.assertTrue(80 <= float(percent) <= 90, percent)
+        self.assertEqual(severity, "warning", "past the 70 % warning threshold")
         s = summary_of(out)
-        self.assertEqual((s["mode"], s["used"], s["usable"]), (2, int(used), int(usable)))
+        self.assertEqual((s["mode"], s["v4"][0], s["v4"][3]), (2, int(used_entries), int(routes)))
         table = int(re.search(r"^Input: bundled default table .*, (\d+) routes$", out, re.M)[1])
         # Churn leaves about one route in a hundred withdrawn.
         self.assertTrue(table * 0.985 <= s["v4"][3] < table, (s["v4"], table))
-        moves = re.search(r"^Moves per insert: mean ([\d.]+), p99 (\d+), max (\d+)$", out, re.M)
+        moves = re.search(r"^Moves: load ([\d.]+) per route \(p99 (\d+), max (\d+)\); "
+                          r"churn ([\d.]+) per update \(p99 (\d+), max (\d+)\)$", out, re.M)
         self.assertTrue(moves and 0 < float(moves[1]) <= int(moves[2]) <= int(moves[3]), out)
-        self.assertRegex(out, r"(?m)^Churn: 20000 operations, [\d.]+ moves each, 0 refused; "
-                              r"model time \d+ ns per operation$")
+        largest = re.search(r"^Largest single update: (\d+) moves: (add|del) \S+ \((load|churn), "
+                            r"operation \d+\)$", out, re.M)
+        self.assertTrue(largest, out)
+        self.assertEqual(int(largest[1]), max(int(moves[3]), int(moves[6])))
+        self.assertEqual(len(re.findall(r"(?m)^  \d+ moves: ", out)), 5, "--worst 5 by default")
         self.assertRegex(out, r"(?m)^  IPv4 +\d+ +\d+ +\d+ +[\d.]+% +\d+")
         self.assertGreater(os.path.getsize(report), 1000)
 
@@ -136,6 +143,170 @@ class Cli(unittest.TestCase):
                 self.assertFailsCleanly(code, out, err, outs)
                 self.assertIn(text, err)
 
+    def test_bad_input_is_one_short_line_in_the_options_terms(self):
+        """Each case: the arguments, stdin, and the exact start of the one line on stderr."""
+        big = self.write("big.routes", "10.0.0.0/8\n" + "x" * 10_000_000 + "\n")
+        junk = self.path("junk.routes")
+        with open(junk, "wb") as f:
+            f.write(b"10.0.0.0/8\n\x01\x02\xff\x1b[31mjunk\x00\n")
+        cases = [
+            (["--routes", self.dir], f"vexlo-tcam: '{self.dir}' is a directory, not a file"),
+            (["--routes", big], f"vexlo-tcam: {big}:2: unknown word '{'x' * 60}...'"),
+            (["--routes", junk],
+             f"vexlo-tcam: {junk}:2: bad prefix '\\x01\\x02\\xff\\x1b[31mjunk\\x00'"),
+            (["--trace", "nonsense"], "vexlo-tcam: --trace: unknown trace handle 'nonsense'; "
+                                      "known handles: RouteFile, SyntheticTable, TcamEmulator, "
+                                      "VexloL3CommonTcamTable"),
+            (["--trace", "VexloL3CommonTcamTable=12"], "vexlo-tcam: --trace: trace level must be"),
+            (["--mode", "3", "--blocks", "4"], "vexlo-tcam: the layout refuses --size 16384 "
+                                               "--mode 3 --blocks 4: change to --mode 2, or "
+                                               "--blocks 8 ("),
+            (["--pairing", "--mode", "1"], "vexlo-tcam: the layout refuses --size 16384 --mode 1 "
+                                           "--blocks 8: change to --mode 2, or --blocks 4 ("),
+            (["--pairing", "--pair-gap", "3"], "vexlo-tcam: the layout refuses --size 16384 "
+                                               "--mode 2 --blocks 8 --pair-gap 3: change to "
+                                               "--pair-gap 2 ("),
+            (["--pairing", "--urpf"], "vexlo-tcam: the layout refuses --size 16384 --mode 2 "
+                                      "--blocks 8: add --dynamic-border, or leave out --urpf"),
+        ]
+        for args, first in cases:
+            with self.subTest(args=args[:2]):
+                code, out, err = run("simulate", *args, "--progress", "never")
+                self.assertFailsCleanly(code, out, err)
+                self.assertTrue(err.startswith(first), err[:300])
+                self.assertLess(len(err), 400)
+                self.assertTrue(err[:-1].isprintable(), err[:300])
+
+    # ---- the verdict: exit status, severity and refusal reasons
+    def test_fail_on_turns_what_did_not_fit_into_exit_3(self):
+        # The border moves four blocks at a time: half of this table, so IPv6 stops at half.
+        table = ["--synthetic", "3000", "--synthetic-v6", "6000", "--pairing", "--dynamic-border",
+                 "--progress", "never"]
+        code, out, err = run("capacity", *table)
+        self.assertEqual(code, 0, "refusals fail a run only when asked")
+        self.assertRegex(out, r"(?m)^Result: DID NOT FIT: \d+ of 9000 route adds refused$")
+        self.assertRegex(out, r"(?m)^  \d+ swap reserve kept \(first: \S+: \d+ free entries, no "
+                              r"more than the reserve of \d+ kept for moves\)$")
+        self.assertIn("the IPv4/IPv6 border did not move: it moves 8192 entries (four blocks) at "
+                      "a time, and the next step, from 8192 to 16384, would leave no IPv4 "
+                      "partition", out)
+        code, out, err = run("capacity", *table, "--fail-on", "refused", "--json", "-")
+        self.assertEqual(code, 3, err)
+        self.assertRegex(err, r"^vexlo-tcam: did not fit: \d+ routes refused \(--fail-on "
+                              r"refused\)\n$")
+        j = json.loads(out)
+        self.assertEqual((j["exitStatus"], j["severity"]), (3, "critical"))
+        sev = {c["region"]: c["severity"] for c in j["capacity"]}
+        self.assertEqual(sev["IPv4"], "ok")
+        refused = {r["region"]: r for r in j["refusals"]}
+        self.assertEqual(sum(r["refused"] for r in refused.values()), j["routes"]["refused"])
+        self.assertEqual(refused["IPv6 <= /64 (single size)"]["reasons"][0]["reason"],
+                         "swap reserve kept")
+        # The bundled table fills 86 % of its IPv4 partition: a warning below 90 %.
+        for fail_on, want in (("warning", 3), ("critical", 0), ("refused", 0)):
+            with self.subTest(fail_on=fail_on):
+                code, out, err = run("capacity", "--fail-on", fail_on, "--critical-at", "90",
+                                     "--json", "-")
+                self.assertEqual((code, json.loads(out)["exitStatus"]), (want, want), err)
+                self.assertEqual(json.loads(out)["severity"], "warning")
+
+    def test_refused_without_pairing_says_why(self):
+        code, out, err = run("simulate", "--routes", "-", "--worst", "1", "--json", "-",
+                             stdin="10.0.0.0/8\n2001:db8::/32\n2001:db8::1/128\n")
+        self.assertEqual(code, 0, err)
+        j = json.loads(out)
+        [r] = j["refusals"]
+        self.assertEqual((r["region"], r["refused"]), ("IPv6 > /64 (double size)", 1))
+        self.assertEqual(r["reasons"][0]["first"], "2001:db8::1/128: IPv6 routes longer than /64 "
+                                                   "need double-size entries (--pairing)")
+        self.assertLessEqual(len(j["worstUpdates"]), 1)
+
+    # ---- the tables operators have
+    def routes_shown(self, *args):
+        """(VRF, route) of every route `show` lists."""
+        code, out, err = run("show", *args)
+        self.assertEqual(code, 0, err)
+        return sorted(re.findall(r"(?m)^ *\d+(?: +\d+| +(?:Left|Right))? +(\d+) +([\d.:a-f]+/\d+)$",
+                                 out))
+
+    def test_bgpdump_lines_load_with_peers_collapsed(self):
+        rib = os.path.join(ROOT, "tests", "cli", "fixtures", "rib.bgpdump")
+        want = [("0", r) for r in ("1.0.0.0/24", "1.0.4.0/22", "2001:4860::/32", "203.0.113.0/24",
+                                   "8.8.8.0/24", "9.9.9.0/24")]
+        self.assertEqual(self.routes_shown("--routes", rib), sorted(want))
+        code, out, err = run("capacity", "--routes", rib, "--routes-format", "bgpdump",
+                             "--json", "-")
+        self.assertEqual(code, 0, err)
+        i = json.loads(out)["input"]
+        self.assertEqual((i["format"], i["routes"], i["duplicates"], i["skipped"]),
+                         ("bgpdump", 6, 2, {"withdrawal": 1}))
+        code, out, err = run("capacity", "--routes", rib, "--routes-format", "iproute-json")
+        self.assertFailsCleanly(code, out, err)
+        self.assertIn(":0: not JSON: ", err)
+        bad = self.write("bad.bgpdump", "TABLE_DUMP2|1|B|192.0.2.1|64496|1.0.0.0/24|\n"
+                                        "TABLE_DUMP2|1|B|192.0.2.1|64496|" + "9" * 500 + "|\n")
+        code, out, err = run("capacity", "--routes", bad)
+        self.assertFailsCleanly(code, out, err)
+        self.assertTrue(err.startswith(f"vexlo-tcam: {bad}:2: "), err)
+        self.assertLess(len(err), 200)
+
+    def test_ip_route_json_from_a_network_namespace(self):
+        """`ip -j route` output of a namespace this test sets up when it may (root, netns), else
+        the same capture made on the development machine."""
+        fixtures = os.path.join(ROOT, "tests", "cli", "fixtures")
+        table = os.path.join(fixtures, "ip-route-all.json")
+        ns = f"vexlo-cli-{os.getpid()}"
+        if subprocess.run(["ip", "netns", "add", ns], capture_output=True).returncode == 0:
+            try:
+                p = subprocess.run(["ip", "netns", "exec", ns, "sh",
+                                    os.path.join(fixtures, "iproute-netns.sh")],
+                                   capture_output=True, text=True, timeout=60)
+                if p.returncode == 0:
+                    table = self.write("ip.json", p.stdout)
+            finally:
+                subprocess.run(["ip", "netns", "del", ns], capture_output=True)
+        want = [("0", "0.0.0.0/0"), ("0", "10.0.0.0/8"), ("0", "10.1.0.0/16"),
+                ("0", "2001:db8:100::/48"), ("0", "2001:db8:1::/64"), ("0", "::/0"),
+                ("100", "10.0.0.0/8"), ("100", "172.16.0.0/12"), ("100", "2001:db8:200::/56")]
+        self.assertEqual(self.routes_shown("--routes", table), sorted(want))
+        code, out, err = run("capacity", "--routes", table, "--json", "-")
+        self.assertEqual(code, 0, err)
+        i = json.loads(out)["input"]
+        self.assertEqual(i["format"], "iproute-json")
+        self.assertEqual({k: i["skipped"][k] for k in ("blackhole", "unreachable")},
+                         {"blackhole": 1, "unreachable": 1})
+        self.assertGreaterEqual(i["skipped"]["local"], 4)
+
+    # ---- fit: what would fit
+    def test_fit_ranks_configurations_that_really_fit(self):
+        table = ["--synthetic", "1500", "--synthetic-v6", "100", "--progress", "never"]
+        code, out, err = run("fit", *table, "--sizes", "1024,2048", "--jobs", "2", "--json", "-")
+        self.assertEqual(code, 0, err)
+        j = json.loads(out)
+        rows = j["fitting"]
+        self.assertTrue(rows, "something fits 2048 entries")
+        self.assertEqual(j["tried"] + j["refusedByLayout"], 2 * 4 * 3 * 2 * 3)
+        keys = [(r["size"], r["movesPerRoute"], r["movesPerUpdate"]) for r in rows]
+        self.assertEqual(keys, sorted(keys), "ranked by size, then moves")
+        # Each configuration said to fit does, with the headroom, when simulated on its own.
+        for r in rows[:3] + rows[-2:]:
+            with self.subTest(options=r["options"]):
+                code, out, err = run("capacity", *table, *r["options"].split(), "--json", "-")
+                self.assertEqual(code, 0, err)
+                c = json.loads(out)
+                self.assertEqual(c["routes"]["refused"], 0)
+                for region in c["capacity"]:
+                    self.assertGreaterEqual(region["free"], 0.1 * region["used"], region)
+                self.assertAlmostEqual(c["timing"]["phases"][0]["moves"] / 1600,
+                                       r["movesPerRoute"], places=4)
+        # The threads decide nothing: one thread gives the same answer.
+        code, one, err = run("fit", *table, "--sizes", "1024,2048", "--jobs", "1", "--json", "-")
+        self.assertEqual(json.loads(one), j)
+        code, out, err = run("fit", *table, "--sizes", "256")
+        self.assertEqual(code, 3, "nothing fits 256 entries")
+        self.assertRegex(out, r"(?m)^Tried \d+ configurations of 256 entries \(\d+ refused by the "
+                              r"layout\): 0 fit$")
+
     def test_output_written_through_a_symbolic_link(self):
         target = self.write("target.json", "")
         link = self.path("link.json")
@@ -175,6 +346,9 @@ class Cli(unittest.TestCase):
         for key in ("summary", "moves", "capacity"):
             self.assertEqual(a[key], b[key], key)
         self.assertEqual(a["routes"]["installed"], 2300)
+        # `capacity` runs the model without the emulated table: the same figures.
+        c = json.loads(run("capacity", "--routes", table, *common)[1])
+        self.assertEqual(c["capacity"], a["capacity"])
 
     def test_trace_levels_write_trace_lines(self):
         code, out, err = run("simulate", "--synthetic", "50", "--trace",
