@@ -25,7 +25,8 @@
 //   byte 3  pair gap: bit 7 set: b & 127; else 0 (derived) or 4 << (b & 7)
 //   byte 4  bit 0 a fallback VRF (modes 2 and 4, no uRPF), bit 1 single- and double-size IPv6
 //           regions side by side (pairing with interleaving), bits 2-4 multicast size 64 << n (at
-//           most 2048), bit 5 the multicast table reserves its pair-gap entry
+//           most 2048), bit 5 the multicast table reserves its pair-gap entry, bit 6 weighted
+//           placement, bit 7 the border moves in ranges
 //   byte 5  invalid entries of the platform: bits 0-1 runs of entries, bits 2-3 runs of pairs
 //           (each 1 to 4 long), bits 4-7 where
 //   then operations, each an opcode byte (b % 16) and its arguments:
@@ -44,7 +45,10 @@
 //   13     restart         which(1)                   bit 0: unicast, bit 1: multicast, bit 2:
 //                                                     placed entry by entry in an order drawn
 //                                                     from bits 3-7 instead of rebuilt at once
-//   14     re-add          pick(2) flags(1)           bit 0: IPv6 (only where re-adding is allowed)
+//   14     re-add          pick(2) flags(1)           bit 0: IPv6 (only where re-adding is
+//   allowed);
+//                                                     under weighted placement, bit 1 rebalances
+//                                                     instead, at most pick % 64 + 1 moves
 //   15     mixed fill      count(1) seed(1) shape(1)  IPv4 and IPv6 adds in turn
 //   key: bit 0 VRF, then the length index and address bits (see key4 / key6 / keyMcast).
 //   shape: bits 0-2 length index + 1 (0: from the key bits), bit 3 swap area, bit 4 one VRF.
@@ -109,7 +113,10 @@ void Run::execute(Input& in) {
             }
             break;
          case 14:
-            reAdd(word, a[2] & 1);
+            if ((a[2] & 2) && ctx().placementPolicy() == PlacementPolicy::weighted)
+               rebalance(word % 64 + 1);
+            else
+               reAdd(word, a[2] & 1);
             break;
          default:  // 5, 6, 10, 15
             fill(op, a[0], a[1], a[2]);

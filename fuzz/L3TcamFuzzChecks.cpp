@@ -226,6 +226,13 @@ void Run::summary() const {
                 (unsigned long long)st.moveRoute(RouteType::v4),
                 (unsigned long long)st.moveRoute(RouteType::v6Full),
                 (unsigned long long)st.moveRoute(RouteType::v6Half));
+   // Only inputs that choose the opt-in placement say so, so that the others print as before.
+   if (c.placementPolicy() == PlacementPolicy::weighted || c.borderMoveInRanges()) {
+      std::fprintf(stderr, "fuzz: placement %s, border in ranges %d; rebalances %u, %llu moves\n",
+                   c.placementPolicy() == PlacementPolicy::weighted ? "weighted" : "classic",
+                   c.borderMoveInRanges(), tally_.rebalances,
+                   (unsigned long long)tally_.rebalanceMoves);
+   }
 }
 
 }  // namespace VexloL3Common::fuzz

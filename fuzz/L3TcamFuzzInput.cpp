@@ -92,6 +92,8 @@ Layout decodeLayout(Input& in) {
    l.mcast.v4Mcast = true;
    l.mcast.tcamSize = 64u << std::min((b4 >> 2) & 7, 5);
    if (b4 & 32) l.mcast.pairGap = l.mcast.tcamSize / 2;
+   if (b4 & 64) c.placementPolicy = PlacementPolicy::weighted;
+   c.borderMoveInRanges = b4 & 128;
    l.invalidEntries = b5;
    if (l.invalidEntries & 15) c.invalidEntryManagerType = 1;  // the platform brings its own
    return l;

@@ -148,6 +148,9 @@ class Run {
    // An add of an installed route where re-adding is allowed reports where the route is and
    // changes nothing.
    void reAdd(uint16_t sel, bool v6);
+   // Moves toward the weights' ideal, at most maxMoves, each published and carried out; the
+   // routes stay where lookups find them.
+   void rebalance(uint32_t maxMoves);
 
    // Single- and double-size IPv6 regions side by side in a paired table that allows
    // interleaving, the IPv4 block spanning both: IPv4 entries stand in either region and the
@@ -218,7 +221,8 @@ class Run {
    struct Tally {
       std::array<uint32_t, 3> placed{}, refused{};  // IPv4, IPv6, multicast
       uint32_t mergedAfterwards = 0, borderMoves = 0, borderRefusals = 0, urpfSwitches = 0,
-               urpfRefusals = 0, restarts = 0, peakUnicast = 0, peakMcast = 0;
+               urpfRefusals = 0, restarts = 0, peakUnicast = 0, peakMcast = 0, rebalances = 0;
+      uint64_t rebalanceMoves = 0;
    };
    void summary() const;
 

@@ -274,6 +274,19 @@ void Run::reAdd(uint16_t sel, bool v6) {
    VEXLO_ASSERT_MSG(emu().moves() + emu().merges() == moves, "fuzz: re-add moves nothing", "");
 }
 
+void Run::rebalance(uint32_t maxMoves) {
+   const uint64_t before = emu().moves();
+   const uint64_t made = ctx().rebalance(maxMoves);
+   VEXLO_ASSERT_MSG(made <= maxMoves && emu().moves() - before == made,
+                    "fuzz: rebalance makes the moves it reports, at most those it is given", made,
+                    " moves reported, ", emu().moves() - before, " carried out, ", maxMoves,
+                    " allowed");
+   ++tally_.rebalances;
+   tally_.rebalanceMoves += made;
+   charge(layoutChangeCost());
+   fullCheck();
+}
+
 bool Run::shareRegions() {
    L3TcamManagerContext& c = ctx();
    const uint32_t eff = c.effectiveSize(), g = c.lpmPairGap();

@@ -28,8 +28,10 @@ constexpr uint32_t npos = HBitmap::npos;
 
 class Rebalancer {
  public:
-   Rebalancer(TcamRegion& region, std::span<const uint32_t> weights, uint32_t bs, uint32_t be)
-       : region_(region),
+   Rebalancer(TcamRegion& region, std::span<const uint32_t> weights, uint32_t bs, uint32_t be,
+              const MoveAllowed& allowed)
+       : allowed_(allowed),
+         region_(region),
          blk_(region.block()),
          free_(region.freeMap()),
          used_(region.used()),
@@ -45,10 +47,10 @@ class Rebalancer {
       }
       if (m_ == 0) return 0;
       flows();
-      for (uint32_t i = 0; i < m_ && budget_ > 0; ++i) {
+      for (uint32_t i = 0; i < m_ && budget_ > 0 && !stopped_; ++i) {
          if (flow_[i] > 0) raise(i, uint32_t(flow_[i]));
       }
-      for (uint32_t i = m_; i-- > 0 && budget_ > 0;) {
+      for (uint32_t i = m_; i-- > 0 && budget_ > 0 && !stopped_;) {
          if (flow_[i] < 0) lower(i, uint32_t(-flow_[i]));
       }
       return budget - budget_;
@@ -110,7 +112,7 @@ class Rebalancer {
          for (uint32_t c = 0; c < f && budget_ > 0; ++c, --budget_) {
             const uint32_t dst = free_.findLastClear(floor, range(i).start() - 1);
             VEXLO_ASSERT_MSG(dst != npos, "rebalance: free slot below", "len ", len);
-            region_.relocate(len, dst, range(i).end());
+            if (!move(len, dst, range(i).end())) return;
          }
          return;
       }
@@ -121,7 +123,7 @@ class Rebalancer {
       }
       for (uint32_t c = 0; c < u && budget_ > 0; ++c, --budget_) {
          const uint32_t dst = free_.findFirstClear(q, s0 - 1);
-         region_.relocate(len, dst, range(i).end());
+         if (!move(len, dst, range(i).end())) return;
       }
    }
 
@@ -133,7 +135,7 @@ class Rebalancer {
          for (uint32_t c = 0; c < f && budget_ > 0; ++c, --budget_) {
             const uint32_t dst = free_.findFirstClear(range(i).end() + 1, ceiling);
             VEXLO_ASSERT_MSG(dst != npos, "rebalance: free slot above", "len ", len);
-            region_.relocate(len, dst, range(i).start());
+            if (!move(len, dst, range(i).start())) return;
          }
          return;
       }
@@ -144,10 +146,23 @@ class Rebalancer {
       }
       for (uint32_t c = 0; c < u && budget_ > 0; ++c, --budget_) {
          const uint32_t dst = free_.findLastClear(e0 + 1, q);
-         region_.relocate(len, dst, range(i).start());
+         if (!move(len, dst, range(i).start())) return;
       }
    }
 
+   // One move, unless it would take another partition below its swap reserve: then rebalancing
+   // stops here (the callers' loops count a move only once it is made).
+   bool move(uint32_t len, uint32_t dst, uint32_t src) {
+      if (!allowed_(dst, src)) {
+         stopped_ = true;
+         return false;
+      }
+      region_.relocate(len, dst, src);
+      return true;
+   }
+
+   const MoveAllowed& allowed_;
+   bool stopped_ = false;
    TcamRegion& region_;
    const TcamBlock& blk_;
    HBitmap& free_;
@@ -163,8 +178,8 @@ class Rebalancer {
 }  // namespace
 
 uint64_t rebalance(TcamRegion& region, std::span<const uint32_t> weights, uint32_t blkStart,
-                   uint32_t blkEnd, uint64_t budget) {
-   return Rebalancer(region, weights, blkStart, blkEnd).run(budget);
+                   uint32_t blkEnd, uint64_t budget, const MoveAllowed& allowed) {
+   return Rebalancer(region, weights, blkStart, blkEnd, allowed).run(budget);
 }
 
 }  // namespace VexloL3Common::internal
@@ -180,10 +195,43 @@ uint64_t L3TcamManagerContext::rebalance(uint64_t maxMoves) {
       uint32_t start = blk->start(), end = blk->end();
       if (t == RouteType::v6Full)
          start = physicalBoundToPair(start), end = physicalBoundToPair(end);
-      moves += internal::rebalance(regions_[t], w, start, end, maxMoves - moves);
+      const internal::MoveAllowed allowed = [this, t](uint32_t dst, uint32_t src) {
+         return keepsOtherReserves(t, dst, src);
+      };
+      moves += internal::rebalance(regions_[t], w, start, end, maxMoves - moves, allowed);
    }
    TRACE(internal::tcamTrace(), 2, "rebalance", ", maxMoves: ", maxMoves, ", moves: ", moves);
    return moves;
+}
+
+// Where blocks overlap (IPv4 over the IPv6 regions), an entry moved within one region may land
+// in another's block and leave one outside it: that other partition then has one free entry
+// fewer, which must not take it below its swap reserve.
+bool L3TcamManagerContext::keepsOtherReserves(RouteType t, uint32_t dstSlot,
+                                              uint32_t srcSlot) const {
+   const uint32_t g = occupancy_.gap();
+   auto entriesOf = [&](uint32_t slot, std::array<uint32_t, 2>& out) {
+      if (t != RouteType::v6Full) {
+         out = {slot, 0};
+         return 1u;
+      }
+      out = {pairToPhysical(slot), pairToPhysical(slot) + g};
+      return 2u;
+   };
+   std::array<uint32_t, 2> gained{}, lost{};
+   const uint32_t n = entriesOf(dstSlot, gained);
+   entriesOf(srcSlot, lost);
+   for (RouteType o : {RouteType::v4, RouteType::v6Half, RouteType::v6Full}) {
+      const TcamBlock* b = block(o).get();
+      if (o == t || !b || !b->isValid()) continue;
+      int64_t taken = 0;
+      for (uint32_t i = 0; i < n; ++i) {
+         taken += int64_t(gained[i] >= b->start() && gained[i] <= b->end());
+         taken -= int64_t(lost[i] >= b->start() && lost[i] <= b->end());
+      }
+      if (taken > 0 && int64_t(entriesFree(o)) - taken < int64_t(swapAreaSize(o))) return false;
+   }
+   return true;
 }
 
 }  // namespace VexloL3Common

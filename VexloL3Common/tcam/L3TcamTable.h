@@ -422,6 +422,9 @@ class L3TcamManagerContext {
    void verifyUnicastEntry(uint32_t pos) const;
    void verifyRoute4Entry(uint32_t pos) const;
    bool invalidEntry(uint32_t pos) const;
+   // Whether moving an entry of t from slot src to slot dst leaves every other partition its
+   // swap reserve (blocks may overlap).
+   bool keepsOtherReserves(RouteType t, uint32_t dstSlot, uint32_t srcSlot) const;
 
    // ---- the steps of doCreateBlocks, in the order it runs them (L3TcamLayout.cpp)
    struct LayoutSizes {

@@ -26,6 +26,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 
 #include "VexloL3Common/tcam/L3TcamRegion.h"
@@ -34,7 +35,11 @@ namespace VexloL3Common::internal {
 
 uint64_t clearSpan(TcamRegion& region, uint32_t first, uint32_t last, bool up, uint32_t bound);
 
+// Whether a move from slot src to slot dst of the region may be made; rebalancing stops at the
+// first that may not.
+using MoveAllowed = std::function<bool(uint32_t dst, uint32_t src)>;
+
 uint64_t rebalance(TcamRegion& region, std::span<const uint32_t> weights, uint32_t blkStart,
-                   uint32_t blkEnd, uint64_t budget);
+                   uint32_t blkEnd, uint64_t budget, const MoveAllowed& allowed);
 
 }  // namespace VexloL3Common::internal
