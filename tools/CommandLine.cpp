@@ -54,6 +54,15 @@ void addTableOptions(CLI::App& app, Options& o) {
    app.add_flag("--re-add-allowed", o.reAddAllowed,
                 "an add of an installed route reports where it is")
        ->group(g);
+   app.add_option("--placement", o.placement,
+                  "where a new length goes: classic (the gap split evenly) or weighted (in "
+                  "proportion to an Internet-like mix of lengths, for fewer moves)")
+       ->check(CLI::IsMember({"classic", "weighted"}))
+       ->group(g)
+       ->capture_default_str();
+   app.add_flag("--border-in-ranges", o.borderInRanges,
+                "with --dynamic-border: the border moves each entry in its way at most once")
+       ->group(g);
    app.add_option("--mcast-size", o.mcastSize,
                   "entries of the multicast table (default: none, or 4096 when the input has "
                   "multicast routes)")

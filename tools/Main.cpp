@@ -44,6 +44,9 @@ sim::SimulationConfig simulationConfig(const Options& o, const Input& in,
    u.reAddAllowed = o.reAddAllowed;
    u.fallbackVrfId = o.fallbackVrf < 0 ? VrfId::invalidVrfId() : VrfId(uint32_t(o.fallbackVrf));
    u.v4V6InterleavingDisabled = !o.interleave;
+   u.placementPolicy =
+       o.placement == "weighted" ? PlacementPolicy::weighted : PlacementPolicy::classic;
+   u.borderMoveInRanges = o.borderInRanges;
    c.urpf = o.urpf;
    c.check = o.check;
    c.mcastSize = o.mcastSize;

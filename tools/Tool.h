@@ -42,6 +42,8 @@ struct Options {
    int64_t fallbackVrf = -1;  // -1: none
    bool interleave = false;
    bool reAddAllowed = false;
+   std::string placement = "classic";  // classic or weighted
+   bool borderInRanges = false;
    // 0: none, unless the input holds multicast routes (then defaultMcastSize).
    uint32_t mcastSize = 0;
    static constexpr uint32_t defaultMcastSize = 4096;

@@ -120,6 +120,23 @@ class Cli(unittest.TestCase):
         self.assertEqual(j["violations"], 0)
         self.assertEqual([p["name"] for p in j["timing"]["phases"]], ["load", "churn"])
 
+    # ---- placement: the opt-in policy moves far less on the same table, and both verify
+    def test_weighted_placement_moves_less_than_classic(self):
+        per_route = {}
+        for policy in ("classic", "weighted"):
+            out_json = self.path(policy + ".json")
+            code, out, err = run("simulate", "--synthetic", "3000", "--size", "2048",
+                                 "--placement", policy, "--check", "--json", out_json,
+                                 "--progress", "never")
+            self.assertEqual(code, 0, err)
+            with open(out_json) as f:
+                j = json.load(f)
+            self.assertEqual(j["violations"], 0)
+            per_route[policy] = j["moves"]["total"] / j["routes"]["ipv4"]["placed"]
+        self.assertLess(per_route["weighted"], per_route["classic"] / 2, per_route)
+        code, _, err = run("simulate", "--placement", "even")
+        self.assertEqual(code, 2, err)
+
     # ---- bad input: one line, exit 2, no files
     def test_bad_input_fails_cleanly(self):
         outs = [self.path("out.json"), self.path("out.html")]
