@@ -291,6 +291,11 @@ void severityOf(ReportData::CapacityRow& r, double warnPercent, double criticalP
 
 // One region whose free figure only a probe can tell.
 struct Simulation::ProbeJob {
+   // Spelt out: the atomic keeps the job in place, and not every compiler builds an aggregate
+   // from parentheses.
+   ProbeJob(Region r, const EmulatedTable* t, size_t rowIndex, uint64_t most)
+       : region(r), table(t), row(rowIndex), estimate(most) {}
+
    Region region;
    const EmulatedTable* table;
    size_t row;
