@@ -24,6 +24,20 @@ void* operator new[](size_t n) {
    return operator new(n);
 }
 
+// The nothrow forms too (std::stable_sort's temporary buffer takes one): a runtime that supplies
+// its own would hand out blocks without the header that delete reads.
+void* operator new(size_t n, const std::nothrow_t&) noexcept {
+   try {
+      return operator new(n);
+   } catch (const std::bad_alloc&) {
+      return nullptr;
+   }
+}
+
+void* operator new[](size_t n, const std::nothrow_t& t) noexcept {
+   return operator new(n, t);
+}
+
 void operator delete(void* p) noexcept {
    if (!p) return;
    char* base = static_cast<char*>(p) - header;
@@ -40,6 +54,14 @@ void operator delete(void* p, size_t) noexcept {
 }
 
 void operator delete[](void* p, size_t) noexcept {
+   operator delete(p);
+}
+
+void operator delete(void* p, const std::nothrow_t&) noexcept {
+   operator delete(p);
+}
+
+void operator delete[](void* p, const std::nothrow_t&) noexcept {
    operator delete(p);
 }
 

@@ -1,6 +1,7 @@
 // Clearing a span of a region range by range (see internal/L3TcamRangeMove.h).
 #include <algorithm>
 #include <array>
+#include <optional>
 
 #include "VexloL3Common/tcam/internal/L3TcamRangeMove.h"
 #include "VexloL3Common/tcam/internal/L3TcamShift.h"
@@ -32,7 +33,8 @@ class SpanClearer {
 
    // Works out every range's share, from the span outward, then moves the entries from the
    // outermost range inward. `edge` is the first slot past the span.
-   uint64_t run(uint32_t edge) {
+   // Nothing when the plan finds no room past the span; nothing has moved then.
+   std::optional<uint64_t> run(uint32_t edge) {
       std::array<Push, TcamBlock::maxLengths> plan;
       uint32_t n = 0;
       for (uint32_t k = firstLength(); k != TcamBlock::none; k = nextLength(k)) {
@@ -47,8 +49,7 @@ class SpanClearer {
          uint32_t p = from;
          for (uint32_t c = 0; c < count; ++c) {
             do {
-               VEXLO_ASSERT_MSG(p != bound_, "clearSpan: room past the span", "len ", k, ", bound ",
-                                bound_);
+               if (p == bound_) return std::nullopt;
                p = up_ ? p + 1 : p - 1;
             } while (!available(p));
          }
@@ -98,12 +99,14 @@ class SpanClearer {
 
 }  // namespace
 
-uint64_t clearSpan(TcamRegion& region, uint32_t first, uint32_t last, bool up, uint32_t bound) {
+std::optional<uint64_t> clearSpan(TcamRegion& region, uint32_t first, uint32_t last, bool up,
+                                  uint32_t bound) {
    TRACE(tcamTrace(), 6, "clearSpan", ", type: ", region.type(), ", span: ", first, "/", last,
          ", up: ", up, ", bound: ", bound);
-   const uint64_t moves = SpanClearer(region, up, bound).run(up ? last + 1 : first - 1);
-   VEXLO_ASSERT_MSG(region.used().count(first, last) == 0, "clearSpan: span empty", "type ",
-                    region.type(), ", span ", first, "/", last);
+   const std::optional<uint64_t> moves =
+       SpanClearer(region, up, bound).run(up ? last + 1 : first - 1);
+   VEXLO_ASSERT_MSG(!moves || region.used().count(first, last) == 0, "clearSpan: span empty",
+                    "type ", region.type(), ", span ", first, "/", last);
    return moves;
 }
 

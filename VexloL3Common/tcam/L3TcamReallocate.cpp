@@ -142,12 +142,17 @@ void L3TcamManagerContext::clearForPartition(RouteType t, uint32_t first, uint32
    TcamRegion& region = regions_[t];
    const uint32_t end = effectiveSize_ - 1;
    if (borderMoveInRanges()) {
-      // Each entry in the way moves at most once; see internal/L3TcamRangeMove.h.
-      const uint64_t moves = t == RouteType::v4
-                                 ? internal::clearSpan(region, first, last, true, end)
-                                 : internal::clearSpan(region, first, last, false, 1);
-      TRACE(th, 7, "reallocate: in ranges, ", routes, " routes, ", moves, " moves");
-      return;
+      // Each entry in the way moves at most once; see internal/L3TcamRangeMove.h. Where the
+      // plan finds no room past the span although the count above did (pairs that count as free
+      // but that the plan cannot take), the entries move one at a time below.
+      const std::optional<uint64_t> moves =
+          t == RouteType::v4 ? internal::clearSpan(region, first, last, true, end)
+                             : internal::clearSpan(region, first, last, false, 1);
+      if (moves) {
+         TRACE(th, 7, "reallocate: in ranges, ", routes, " routes, ", *moves, " moves");
+         return;
+      }
+      TRACE(th, 7, "reallocate: no plan in ranges, one entry at a time");
    }
    if (t == RouteType::v4) {
       const HBitmap& used4 = region.used();

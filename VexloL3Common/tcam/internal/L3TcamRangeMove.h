@@ -27,13 +27,16 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 
 #include "VexloL3Common/tcam/L3TcamRegion.h"
 
 namespace VexloL3Common::internal {
 
-uint64_t clearSpan(TcamRegion& region, uint32_t first, uint32_t last, bool up, uint32_t bound);
+// Nothing (and nothing moved) when the plan finds no room past the span for every entry in it.
+std::optional<uint64_t> clearSpan(TcamRegion& region, uint32_t first, uint32_t last, bool up,
+                                  uint32_t bound);
 
 // Whether a move from slot src to slot dst of the region may be made; rebalancing stops at the
 // first that may not.
