@@ -61,6 +61,7 @@ set(VEXLO_HEADERS
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamMappingImpl.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamRangeMove.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamResyncCheck.h
+  ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamVerifyChecks.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/tcam/internal/L3TcamShift.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/types/HBitmap.h
   ${PROJECT_SOURCE_DIR}/VexloL3Common/types/L3RouteTypes.h

@@ -106,14 +106,12 @@ void TcamEmulator::checkPos(const char* what, uint32_t pos, bool doubleSize) con
 // that a move had already overwritten there: the agent deletes it where it believes it is); the
 // routes written now live here.
 void TcamEmulator::callerWrite(uint32_t pos, const TcamEntry& e) {
-   index_->deferUpdates();
    store(pos, e);
    index_->uninstallAt(pos);
    visitKeys(e, pos, size(), [&](const auto& k, uint32_t rank) {
       auto& idx = index_->of(k);
       idx.homeIs(idx.get(k), rank);
    });
-   index_->flush();
 }
 
 void TcamEmulator::writeV4(uint32_t pos, const Ipv4Keys& keys) {

@@ -162,8 +162,6 @@ struct KeyIndex {
    std::unordered_map<uint32_t, uint32_t> roots;
    std::vector<Slot*> dirty;
    std::vector<uint32_t> stack;  // scratch for descents
-   std::vector<uint32_t> pendingNodes;
-   bool deferring = false;
    size_t installedCount = 0;
    uint32_t tableSize;
    std::vector<Slot*> homeHead;  // per entry, the installed keys that live there
@@ -229,24 +227,8 @@ struct KeyIndex {
    }
 
    // Recomputes subMax from the node up; ancestors depend only on their children, so the walk
-   // stops at the first node whose value stays. While a move is carried out the walks wait for its
-   // end (flush): the moved key's node changes twice (its new entry, then its old one emptied),
-   // and one walk then does for both.
+   // stops at the first node whose value stays.
    void update(uint32_t n) {
-      if (deferring) {
-         if (pendingNodes.empty() || pendingNodes.back() != n) pendingNodes.push_back(n);
-         return;
-      }
-      walk(n);
-   }
-   void deferUpdates() { deferring = true; }
-   void flush() {
-      deferring = false;
-      for (uint32_t n : pendingNodes)
-         walk(n);
-      pendingNodes.clear();
-   }
-   void walk(uint32_t n) {
       while (n) {
          Node& node = nodes[n];
          uint32_t v = std::max(nodes[node.child[0]].subMax, nodes[node.child[1]].subMax);
@@ -294,8 +276,6 @@ struct KeyIndex {
          freeNodes.push_back(n);
          n = p;
       }
-      // A walk waiting at a node just freed would stop there: the first node kept walks instead.
-      if (deferring && n) update(n);
    }
 
    void addRank(const Key& k, uint32_t rank) {
@@ -377,17 +357,6 @@ struct TcamEmulator::Index {
       uninstallAt(v4, pos);
       uninstallAt(v6, pos);
       uninstallAt(mcast, pos);
-   }
-
-   void deferUpdates() {
-      v4.deferUpdates();
-      v6.deferUpdates();
-      mcast.deferUpdates();
-   }
-   void flush() {
-      v4.flush();
-      v6.flush();
-      mcast.flush();
    }
 
    internal::KeyIndex<Ipv4UcastKey>& of(const Ipv4UcastKey&) { return v4; }

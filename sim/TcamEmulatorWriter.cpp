@@ -131,7 +131,6 @@ void TcamEmulator::applyMove(const RoutePosition& p) {
    });
    if (!stale.empty()) return fail(fmt::format("the source holds a stale copy:{}", stale));
 
-   index_->deferUpdates();
    store(dst, to);
    const uint32_t dstRank = rankOf(dst, to.kind);
    visitKeys(from, src, size(), [&](const auto& k, uint32_t) {
@@ -141,7 +140,6 @@ void TcamEmulator::applyMove(const RoutePosition& p) {
    // The contents now belong at the destination: the source is invalidated, so that a route
    // moved out of an entry that nothing reuses cannot outlive its deletion there.
    if (entries_[src] == from) vacate(src);
-   index_->flush();
    ++moves_;
    afterChange();
 }

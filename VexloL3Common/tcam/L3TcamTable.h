@@ -420,7 +420,8 @@ class L3TcamManagerContext {
    void verifyOccupancy(const HBitmap& expected, const HBitmap& expectedPair) const;
    void verifyMcastEntry(uint32_t pos) const;
    void verifyUnicastEntry(uint32_t pos) const;
-   void verifyRoute4Entry(uint32_t pos) const;
+   // One IPv4 entry's records, as verify() checks each.
+   void verifyRoute4Entry(uint32_t pos, const Ipv4Keys& k) const;
    bool invalidEntry(uint32_t pos) const;
    // Whether moving an entry of t from slot src to slot dst leaves every other partition its
    // swap reserve (blocks may overlap).

@@ -4,6 +4,7 @@
 #include <array>
 
 #include "VexloL3Common/tcam/L3TcamTable.h"
+#include "VexloL3Common/tcam/internal/L3TcamVerifyChecks.h"
 #include "platform/Assert.h"
 
 namespace VexloL3Common {
@@ -43,6 +44,10 @@ void claim(HBitmap& expected, uint32_t index, const char* what) {
    expected.setBit(index);
 }
 
+}  // namespace
+
+namespace internal {
+
 void verifyPlacement(RouteType t, const TcamBlock& blk, uint32_t index, uint32_t len) {
    VEXLO_ASSERT_MSG(blk.bitmap()->isBitSet(index), "verify: route entry marked used", "type ", t,
                     " index ", index);
@@ -50,7 +55,9 @@ void verifyPlacement(RouteType t, const TcamBlock& blk, uint32_t index, uint32_t
                     "type ", t, " index ", index, " len ", len, " range ", blk.lengthRange(len));
 }
 
-}  // namespace
+}  // namespace internal
+
+using internal::verifyPlacement;
 
 void L3TcamManagerContext::verify() const {
    if (!layoutDone_) return;
@@ -163,24 +170,9 @@ std::array<uint32_t, 33> L3TcamManagerContext::verifyV4Entries(HBitmap& expected
    uint32_t entries4 = 0, routes4 = 0;
    std::array<uint32_t, 33> perLen4{};
    v4_->forEachKeys([&](uint32_t pos, const Ipv4Keys& k) {
-      VEXLO_ASSERT_MSG(pos != 0 && static_cast<bool>(k), "verify: IPv4 entry holds a route", "pos ",
-                       pos, " keys ", k);
       const bool hasLeft = !k.left.isNull(), hasRight = !k.right.isNull();
       const uint32_t len = hasRight ? k.right.len() : k.left.len();
-      VEXLO_ASSERT_MSG(!(hasLeft && hasRight) || k.left.len() == k.right.len(),
-                       "verify: both halves of one length", "pos ", pos, " keys ", k);
-      VEXLO_ASSERT_MSG(twoV4RoutesPerEntry() || (hasRight && !hasLeft),
-                       "verify: one route per entry sits in the right half", "pos ", pos, " keys ",
-                       k);
-      if (hasLeft) {
-         v4_->verifyEntry(k.left, pos);
-         VEXLO_ASSERT_MSG(v4_->getEntryId(k.left) == pos, "verify: key at one position", k.left);
-      }
-      if (hasRight) {
-         v4_->verifyEntry(k.right, pos);
-         VEXLO_ASSERT_MSG(v4_->getEntryId(k.right) == pos, "verify: key at one position", k.right);
-      }
-      verifyPlacement(RouteType::v4, blk4, pos, len);
+      verifyRoute4Entry(pos, k);
       claim(expected, pos, "IPv4 entry");
       if (sharedPairs && pos >= blkFull.start() && pos <= blkFull.end()) {
          expectedPair.setBit(physicalToPair(pos));

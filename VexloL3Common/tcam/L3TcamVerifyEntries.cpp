@@ -9,21 +9,12 @@
 #include <algorithm>
 
 #include "VexloL3Common/tcam/L3TcamTable.h"
+#include "VexloL3Common/tcam/internal/L3TcamVerifyChecks.h"
 #include "platform/Assert.h"
 
 namespace VexloL3Common {
 
-namespace {
-
-void placed(const TcamBlock& blk, RouteType t, uint32_t slot, uint32_t len, uint32_t pos) {
-   VEXLO_ASSERT_MSG(blk.bitmap()->isBitSet(slot), "verify: route entry marked used", "type ", t,
-                    " index ", slot);
-   VEXLO_ASSERT_MSG(blk.lengthRange(len).contains(slot), "verify: route inside its length range",
-                    "type ", t, " index ", slot, " len ", len, " range ", blk.lengthRange(len),
-                    " entry ", pos);
-}
-
-}  // namespace
+using internal::verifyPlacement;
 
 void L3TcamManagerContext::verifyEntries(const std::vector<uint32_t>& positions) const {
    if (!layoutDone_) return;
@@ -74,7 +65,7 @@ void L3TcamManagerContext::verifyMcastEntry(uint32_t pos) const {
       return;
    }
    mcastV4_->verifyEntry(*key, pos);
-   placed(*block(RouteType::v4Mcast), RouteType::v4Mcast, pos, key->len, pos);
+   verifyPlacement(RouteType::v4Mcast, *block(RouteType::v4Mcast), pos, key->len);
    VEXLO_ASSERT_MSG(occupancy_.entries()->isBitSet(pos), "verify: bitmap", "entry ", pos, " holds ",
                     *key, " but is free");
 }
@@ -87,7 +78,7 @@ void L3TcamManagerContext::verifyUnicastEntry(uint32_t pos) const {
    if (v4_->keysHas(pos)) {
       VEXLO_ASSERT_MSG(!key6, "verify: one claim per entry", "IPv4 entry at ", pos,
                        " stands on an entry that is reserved or already holds a route");
-      verifyRoute4Entry(pos);
+      verifyRoute4Entry(pos, v4_->keys(pos));
    } else if (key6) {
       v6_->verifyEntry(*key6, pos);
       VEXLO_ASSERT_MSG(v6_->getEntryId(*key6) == pos, "verify: key at one position", *key6);
@@ -95,14 +86,14 @@ void L3TcamManagerContext::verifyUnicastEntry(uint32_t pos) const {
          const uint32_t pair = physicalToPair(pos);
          VEXLO_ASSERT_MSG(pairToPhysical(pair) == pos, "verify: double-size route on a first entry",
                           "pos ", pos);
-         placed(*block(RouteType::v6Full), RouteType::v6Full, pair, key6->len(), pos);
+         verifyPlacement(RouteType::v6Full, *block(RouteType::v6Full), pair, key6->len());
          VEXLO_ASSERT_MSG(pos + g < used.size() && used.isBitSet(pos + g) &&
                               !v4_->keysHas(pos + g) && !v6_->entryIdToKey(pos + g) &&
                               occupancy_.pairs()->isBitSet(pair),
                           "verify: one claim per entry", "partner of a double-size IPv6 route at ",
                           pos + g, " stands on an entry that is reserved or already holds a route");
       } else {
-         placed(*block(RouteType::v6Half), RouteType::v6Half, pos, key6->len(), pos);
+         verifyPlacement(RouteType::v6Half, *block(RouteType::v6Half), pos, key6->len());
       }
    } else {
       // Free, reserved, invalid, or the second entry of a double-size pair.
@@ -117,11 +108,10 @@ void L3TcamManagerContext::verifyUnicastEntry(uint32_t pos) const {
                     " holds a route but is free");
 }
 
-void L3TcamManagerContext::verifyRoute4Entry(uint32_t pos) const {
-   const Ipv4Keys k = v4_->keys(pos);
+void L3TcamManagerContext::verifyRoute4Entry(uint32_t pos, const Ipv4Keys& k) const {
+   VEXLO_ASSERT_MSG(pos != 0 && static_cast<bool>(k), "verify: IPv4 entry holds a route", "pos ",
+                    pos, " keys ", k);
    const bool hasLeft = !k.left.isNull(), hasRight = !k.right.isNull();
-   VEXLO_ASSERT_MSG(hasLeft || hasRight, "verify: IPv4 entry holds a route", "pos ", pos, " keys ",
-                    k);
    const uint32_t len = hasRight ? k.right.len() : k.left.len();
    VEXLO_ASSERT_MSG(!(hasLeft && hasRight) || k.left.len() == k.right.len(),
                     "verify: both halves of one length", "pos ", pos, " keys ", k);
@@ -132,7 +122,7 @@ void L3TcamManagerContext::verifyRoute4Entry(uint32_t pos) const {
       v4_->verifyEntry(*key, pos);
       VEXLO_ASSERT_MSG(v4_->getEntryId(*key) == pos, "verify: key at one position", *key);
    }
-   placed(*block(RouteType::v4), RouteType::v4, pos, len, pos);
+   verifyPlacement(RouteType::v4, *block(RouteType::v4), pos, len);
 }
 
 bool L3TcamManagerContext::invalidEntry(uint32_t pos) const {
