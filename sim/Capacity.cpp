@@ -12,8 +12,9 @@
 // first: a free right half always, a free left half only while the reserve is not reached (the
 // first route of an entry takes the right half). Elsewhere (blocks that overlap, entries that
 // convert between sizes, a border that moves) free is measured: a software-only copy of the
-// context, made by replaying the run's operations (the model decides the same every time, and the
-// copy needs no emulated table), takes probe routes until it refuses one. The probes follow the
+// context, rebuilt from the model's image of the hardware (a restart rebuilds the same model, and
+// the copy needs no emulated table), takes probe routes until it refuses one; a caller that is
+// done with its tables lets one probe per table fill the table itself. The probes follow the
 // region's own prefix-length mix (or a typical length when the region is empty), are added the way
 // an agent adds routes (no swap reserve) and live in VRFs the table does not use, so they collide
 // with nothing. Max is then used + free. Regions share space when entries convert or the border
@@ -23,11 +24,14 @@
 #include <atomic>
 #include <chrono>
 #include <deque>
+#include <map>
+#include <numeric>
 #include <optional>
 #include <thread>
 
 #include "platform/Trace.h"
 #include "sim/Simulation.h"
+#include "sim/TcamImage.h"
 
 namespace VexloL3Common::sim {
 
@@ -235,9 +239,10 @@ std::optional<uint64_t> computedFree(const L3TcamManagerContext& c, Region regio
 
 // progress(placed, estimate): the estimate is what the free entries could hold at most.
 // Counts the probes placed into `placed` as it goes, for a progress bar on another thread.
-uint64_t probeFree(const EmulatedTable& t, EmulatedTable& scratch, Region region,
-                   std::atomic<uint64_t>& placed) {
-   const L3TcamManagerContext& c = t.ctx();
+// The length mix and the VRFs are read from the scratch table (as it stands before the first
+// probe): the table it copies may be another probe's scratch.
+uint64_t probeFree(EmulatedTable& scratch, Region region, std::atomic<uint64_t>& placed) {
+   const L3TcamManagerContext& c = scratch.ctx();
    LengthMix mix = mixOf(c, region);
    ProbeVrfs vrfs(c, region == Region::mcast ? 0xffffu : VrfId::maxValue - 1);
    uint64_t n = 0;
@@ -298,6 +303,7 @@ struct Simulation::ProbeJob {
 
    Region region;
    const EmulatedTable* table;
+   EmulatedTable* inPlace = nullptr;  // the table itself, when the probe may fill it
    size_t row;
    uint64_t estimate;  // what the free entries could hold at most, for the progress bar
    std::atomic<uint64_t> placed{0};
@@ -308,12 +314,43 @@ void Simulation::runProbes(std::vector<ReportData::CapacityRow>& rows, std::dequ
    // The probes are no operation of the caller's: nothing of them is traced.
    std::optional<Ulo::ScopedTraceSilence> quiet;
    if (cfg_.silenceProbes) quiet.emplace();
-   // Each probe fills a replica of its own: they run side by side.
-   std::atomic<size_t> next{0}, done{0};
+   // Each probe fills a replica of its own: they run side by side. The replicas of one table are
+   // rebuilt from one image of it, taken before they start.
+   // An image is let go as soon as its last replica stands: the probes grow the replicas.
+   struct Image {
+      std::vector<TcamHardwareEntry> entries;
+      std::atomic<size_t> replicasToBuild{0};
+   };
+   std::map<const EmulatedTable*, Image> images;
+   // A table that one probe fills itself is copied before any probe starts.
+   for (const ProbeJob& j : jobs) {
+      Image& image = images[j.table];
+      if (!j.inPlace && !cfg_.replicaByReplay && image.replicasToBuild++ == 0)
+         image.entries = imageOf(j.table->ctx());
+   }
+   // The probes that fill a table itself go last and wait until every image is let go, so that
+   // no image is held while a table grows.
+   std::vector<size_t> order(jobs.size());
+   std::iota(order.begin(), order.end(), 0);
+   std::stable_partition(order.begin(), order.end(),
+                         [&](size_t i) { return jobs[i].inPlace == nullptr; });
+   std::atomic<size_t> next{0}, done{0}, replicasToBuild{0};
+   for (const ProbeJob& j : jobs)
+      replicasToBuild += j.inPlace == nullptr;
    auto worker = [&] {
       for (size_t i = next++; i < jobs.size(); i = next++) {
-         ProbeJob& j = jobs[i];
-         rows[j.row].free = probeFree(*j.table, *replica(*j.table), j.region, j.placed);
+         ProbeJob& j = jobs[order[i]];
+         std::unique_ptr<EmulatedTable> copy;
+         if (!j.inPlace) {
+            Image& image = images.at(j.table);
+            copy = replica(*j.table, image.entries);
+            if (!cfg_.replicaByReplay && --image.replicasToBuild == 0)
+               std::vector<TcamHardwareEntry>().swap(image.entries);
+            --replicasToBuild;
+         }
+         while (j.inPlace && replicasToBuild > 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+         rows[j.row].free = probeFree(j.inPlace ? *j.inPlace : *copy, j.region, j.placed);
          ++done;
       }
    };
@@ -343,6 +380,19 @@ void Simulation::runProbes(std::vector<ReportData::CapacityRow>& rows, std::dequ
 std::vector<ReportData::CapacityRow> Simulation::capacity(double warnPercent,
                                                           double criticalPercent,
                                                           const Progress& progress) const {
+   return capacityRows(warnPercent, criticalPercent, progress, false);
+}
+
+std::vector<ReportData::CapacityRow> Simulation::capacitySpendingTables(double warnPercent,
+                                                                        double criticalPercent,
+                                                                        const Progress& progress) {
+   return capacityRows(warnPercent, criticalPercent, progress, true);
+}
+
+std::vector<ReportData::CapacityRow> Simulation::capacityRows(double warnPercent,
+                                                              double criticalPercent,
+                                                              const Progress& progress,
+                                                              bool spend) const {
    std::vector<ReportData::CapacityRow> rows;
    std::deque<ProbeJob> jobs;
    auto row = [&](Region region, const EmulatedTable& t) {
@@ -376,6 +426,15 @@ std::vector<ReportData::CapacityRow> Simulation::capacity(double warnPercent,
       }
    }
    if (mcast_) row(Region::mcast, *mcast_);
+   if (spend) {
+      // The first probe of each table fills the table itself; the tables are the caller's to
+      // spend (capacitySpendingTables is not const).
+      for (EmulatedTable* t : {unicast_.get(), mcast_.get()}) {
+         const auto first = std::find_if(jobs.begin(), jobs.end(),
+                                         [t](const ProbeJob& j) { return j.table == t; });
+         if (first != jobs.end()) first->inPlace = t;
+      }
+   }
    if (!jobs.empty()) runProbes(rows, jobs, progress);
    for (ReportData::CapacityRow& r : rows) {
       r.max = r.used + r.free;

@@ -424,9 +424,14 @@ void Simulation::timeOnTwins(const Progress& progress) {
    if (cfg_.heapBytes) stats_.modelBytes = cfg_.heapBytes() - heapBefore;
 }
 
-std::unique_ptr<EmulatedTable> Simulation::replica(const EmulatedTable& t) const {
+std::unique_ptr<EmulatedTable> Simulation::replica(
+    const EmulatedTable& t, const std::vector<TcamHardwareEntry>& image) const {
    const bool mcast = &t == mcast_.get();
    auto copy = std::make_unique<EmulatedTable>(t.ctx().config(), !mcast && cfg_.urpf, false);
+   if (!cfg_.replicaByReplay) {
+      copy->ctx().rebuildFromHardware(image, t.ctx().v4V6Border());
+      return copy;
+   }
    for (size_t i = 0; i < ops_.size(); ++i) {
       const Route& r = pool_[ops_[i].route];
       if ((r.family == Route::Family::mcast) != mcast) continue;

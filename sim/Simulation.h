@@ -62,6 +62,9 @@ struct SimulationConfig {
    bool silenceProbes = true;
    // Threads the capacity probes run on (each fills a replica of its own); 0: one per core.
    unsigned probeThreads = 0;
+   // Probe replicas are rebuilt from the model's image of the hardware; true replays the run's
+   // operations instead (slower, and what the rebuild is checked against).
+   bool replicaByReplay = false;
    // false: finish() does not replay the run on twins, and there is no model time or memory.
    bool timeModel = true;
    // Live heap bytes of the process, when the program counts them; null: memory is not reported.
@@ -187,6 +190,12 @@ class Simulation {
    // progress reports each probe (sim/Capacity.cpp); computed figures take no time.
    std::vector<ReportData::CapacityRow> capacity(double warnPercent, double criticalPercent,
                                                  const Progress& progress = {}) const;
+   // The same rows, for a caller that is done with the tables: one probe per table fills the
+   // table itself instead of a copy, which saves a copy's memory and time. Afterwards the tables
+   // hold the probe routes; only statistics() still describes the run.
+   std::vector<ReportData::CapacityRow> capacitySpendingTables(double warnPercent,
+                                                               double criticalPercent,
+                                                               const Progress& progress = {});
 
    // The context's verification (fatal) and the emulators' full check: the violations found.
    std::vector<std::string> checkTables() const;
@@ -201,10 +210,15 @@ class Simulation {
       RouteOp::Kind kind;
    };
    std::unique_ptr<EmulatedTable> makeTable(const L3TcamManagerContext::Config& c, bool urpf) const;
-   // A software-only copy of t, made by replaying t's operations (the model decides the same
-   // every time): what a capacity probe fills.
-   std::unique_ptr<EmulatedTable> replica(const EmulatedTable& t) const;
+   // A software-only copy of t, what a capacity probe fills: rebuilt from `image`, the image of
+   // t's model, or (replicaByReplay) made by replaying t's operations, the model deciding the
+   // same every time.
+   std::unique_ptr<EmulatedTable> replica(const EmulatedTable& t,
+                                          const std::vector<TcamHardwareEntry>& image) const;
    struct ProbeJob;
+   // Both capacity calls; `spend`: the tables may take a probe each.
+   std::vector<ReportData::CapacityRow> capacityRows(double warnPercent, double criticalPercent,
+                                                     const Progress& progress, bool spend) const;
    // Fills in the free figure of each job's row, the probes side by side on threads.
    void runProbes(std::vector<ReportData::CapacityRow>& rows, std::deque<ProbeJob>& jobs,
                   const Progress& progress) const;

@@ -1,5 +1,7 @@
 #include "sim/TcamImage.h"
 
+#include <algorithm>
+
 #include "platform/Assert.h"
 
 namespace VexloL3Common::sim {
@@ -35,6 +37,49 @@ std::vector<TcamHardwareEntry> imageOf(const TcamEmulator& emu) {
       }
       image.push_back(h);
    });
+   return image;
+}
+
+std::vector<TcamHardwareEntry> imageOf(const L3TcamManagerContext& ctx) {
+   using Kind = TcamHardwareEntry::Kind;
+   std::vector<TcamHardwareEntry> image;
+   if (const MappingV4Base* v4 = ctx.v4().get()) {
+      v4->forEachKeys([&](uint32_t pos, const Ipv4Keys& k) {
+         TcamHardwareEntry h;
+         h.pos = pos;
+         h.v4 = k;
+         image.push_back(h);
+      });
+   }
+   if (const MappingV6Base* v6 = ctx.v6().get()) {
+      // Below the IPv6 border an entry is the first of a double-size pair.
+      const uint32_t gap = ctx.lpmPairGap();
+      v6->forEachEntryIdToKey([&](uint32_t pos, const Ipv6UcastKey& k) {
+         TcamHardwareEntry h;
+         h.pos = pos;
+         h.v6 = k;
+         const bool doubleSize =
+             ctx.supportsDefipPairing() && v6->v6RouteTypeFromPos(pos) == RouteType::v6Full;
+         h.kind = doubleSize ? Kind::v6Double : Kind::v6Single;
+         image.push_back(h);
+         if (doubleSize) {
+            h.pos = pos + gap;
+            h.kind = Kind::v6DoubleSecond;
+            image.push_back(h);
+         }
+      });
+   }
+   if (const MappingMcastV4* m = ctx.mcastV4().get()) {
+      m->forEachKey([&](uint32_t pos, const IpMcastPrefixKey& k) {
+         TcamHardwareEntry h;
+         h.pos = pos;
+         h.kind = Kind::mcast;
+         h.mcast = k;
+         image.push_back(h);
+      });
+   }
+   std::sort(image.begin(), image.end(),
+             [](const TcamHardwareEntry& a, const TcamHardwareEntry& b) { return a.pos < b.pos; });
    return image;
 }
 

@@ -146,6 +146,62 @@ TEST(Simulation, ComputedFreeCapacityIsWhatTheProbeFinds) {
    }
 }
 
+// A probe's copy of the table is rebuilt from the model's image of the hardware, or the probe
+// fills the table itself when the caller is done with it. Either must find what a copy made by
+// replaying every operation finds, on every layout, after churn, with IPv6 past a moving border.
+TEST(Simulation, ProbesOnRebuiltCopiesOrOnTheTableFindWhatReplayedCopiesFind) {
+   struct Layout {
+      const char* name;
+      uint32_t mode;
+      bool two, pairing, moving, interleave;
+   };
+   const Layout layouts[] = {{"mode 2, IPv4 over the IPv6 blocks", 2, true, false, false, false},
+                             {"mode 3, one per entry", 3, false, false, false, false},
+                             {"fixed pairing border", 2, true, true, false, false},
+                             {"moving border", 2, true, true, true, false},
+                             {"pairing, interleaved", 2, true, true, false, true}};
+   for (const Layout& l : layouts) {
+      for (uint64_t v4 : {600u, 2600u}) {
+         SCOPED_TRACE(fmt::format("{}, {} IPv4", l.name, v4));
+         SimulationConfig cfg = small(256);
+         cfg.check = false;
+         cfg.emulate = false;
+         cfg.probeCapacity = true;
+         cfg.unicast.tcamMode = l.mode;
+         cfg.unicast.twoV4RoutesPerEntry = l.two;
+         cfg.unicast.supportsDefipPairing = l.pairing;
+         cfg.unicast.dynamicV4V6Boundary = l.moving;
+         cfg.unicast.v4V6InterleavingDisabled = !l.interleave;
+         SyntheticMix mix;
+         mix.v4 = v4;
+         mix.v6 = v4 / 6;
+         mix.mcast = 40;
+         mix.seed = v4 + l.mode;
+         const std::vector<Route> table = syntheticTable(mix);
+         std::vector<ReportData::CapacityRow> rows[3];
+         for (int way = 0; way < 3; ++way) {
+            cfg.replicaByReplay = way == 0;
+            Simulation sim(cfg);
+            sim.load(table);
+            sim.churn(400, 9);
+            if (l.moving && way == 0) {
+               EXPECT_NE(sim.unicast()->ctx().v4V6Border(), 0u) << "IPv6 never moved the border";
+            }
+            rows[way] = way == 2 ? sim.capacitySpendingTables(70, 85) : sim.capacity(70, 85);
+         }
+         for (int way : {1, 2}) {
+            ASSERT_EQ(rows[0].size(), rows[way].size());
+            for (size_t i = 0; i < rows[0].size(); ++i) {
+               EXPECT_EQ(rows[way][i].free, rows[0][i].free) << way << " " << rows[0][i].region;
+               EXPECT_EQ(rows[way][i].usedEntries, rows[0][i].usedEntries) << way;
+               EXPECT_EQ(rows[way][i].freeEntries, rows[0][i].freeEntries) << way;
+            }
+         }
+         EXPECT_GT(rows[0][0].free, 0u);
+      }
+   }
+}
+
 TEST(Simulation, TraceIsCheckedWholeBeforeAnythingIsApplied) {
    Simulation sim(small());
    sim.load(v4Routes(10, 24));
