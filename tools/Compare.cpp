@@ -36,7 +36,8 @@ json readRun(const std::string& path) {
    return j;
 }
 
-// The value at a path of keys, or null when any step is missing.
+// The value at a path of keys, or null when any step is missing (a const json's operator[] must
+// not meet a missing key, and a file is not to be trusted to have them).
 const json& at(const json& j, std::initializer_list<const char*> path) {
    static const json none;
    const json* v = &j;
@@ -64,9 +65,10 @@ json phaseMean(const json& j, const char* name) {
 }
 
 std::string layoutText(const json& c) {
-   std::string s = fmt::format("{} entries, mode {}, {} blocks, {} IPv4 per entry", text(c["size"]),
-                               text(c["mode"]), text(c["blocks"]),
-                               c.value("twoV4PerEntry", true) ? "two" : "one");
+   std::string s =
+       fmt::format("{} entries, mode {}, {} blocks, {} IPv4 per entry", text(at(c, {"size"})),
+                   text(at(c, {"mode"})), text(at(c, {"blocks"})),
+                   c.value("twoV4PerEntry", true) ? "two" : "one");
    if (c.value("pairing", false))
       s += c.value("dynamicBorder", false) ? ", moving border" : ", pairing";
    return s;
@@ -76,9 +78,9 @@ std::string churnText(const json& j) {
    const json& c = at(j, {"config", "churn"});
    if (c.is_null()) return "-";
    if (c.value("updates", 0) == 0) return "none";
-   std::string s = fmt::format("{} updates, {} (seed {})", text(c["updates"]), text(c["kind"]),
-                               text(c["seed"]));
-   if (c.contains("routes") && !c["routes"].is_null()) s += " from " + text(c["routes"]);
+   std::string s = fmt::format("{} updates, {} (seed {})", text(at(c, {"updates"})),
+                               text(at(c, {"kind"})), text(at(c, {"seed"})));
+   if (!at(c, {"routes"}).is_null()) s += " from " + text(at(c, {"routes"}));
    return s;
 }
 
@@ -90,8 +92,8 @@ std::string meanText(const json& v) {
 // An update; null in an output that has the key means no update of the kind moved a route.
 std::string updateText(const json& u, bool present) {
    if (u.is_null()) return present ? "none moved a route" : "-";
-   return fmt::format("{} moves: {} {} ({})", text(u["moves"]), text(u["kind"]), text(u["route"]),
-                      text(u["phase"]));
+   return fmt::format("{} moves: {} {} ({})", text(at(u, {"moves"})), text(at(u, {"kind"})),
+                      text(at(u, {"route"})), text(at(u, {"phase"})));
 }
 
 // One row per figure: label, then each run's value.
@@ -106,7 +108,7 @@ std::vector<Row> rowsOf(const json& a, const json& b) {
    auto mean = [](std::initializer_list<const char*> p) {
       return [p](const json& j) { return meanText(at(j, p)); };
    };
-   add("layout", [](const json& j) { return layoutText(j["config"]); });
+   add("layout", [](const json& j) { return layoutText(at(j, {"config"})); });
    add("placement", path({"config", "placement"}));
    add("placement weights", [](const json& j) {
       const json& w = at(j, {"config", "weights"});
@@ -123,7 +125,8 @@ std::vector<Row> rowsOf(const json& a, const json& b) {
    add("churn: moves per pair", mean({"moves", "churnPerPair", "mean"}));
    add("p99 moves per update", path({"moves", "perUpdate", "p99"}));
    add("largest single insert", [](const json& j) {
-      return updateText(at(j, {"moves", "largestInsert"}), j["moves"].contains("largestInsert"));
+      return updateText(at(j, {"moves", "largestInsert"}),
+                        at(j, {"moves"}).contains("largestInsert"));
    });
    add("largest single update", [](const json& j) {
       const json& w = at(j, {"worstUpdates"});

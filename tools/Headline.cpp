@@ -89,12 +89,13 @@ std::string updateText(const sim::Statistics::Update& u) {
                       u.operation);
 }
 
-// What placing a route costs: per route placed by the load, per withdrawal and announce of churn,
-// and the largest single insert, apart from the largest update (which may be a withdrawal).
+// What placing a route costs: per route placed by the load (when it refused some: otherwise that
+// is the Moves line's figure per route), per withdrawal and announce of churn, and the largest
+// single insert, apart from the largest update (which may be a withdrawal).
 void printInserts(const sim::Statistics& st) {
    std::string line;
    for (const auto& p : st.phases) {
-      if (p.name == "load") {
+      if (p.name == "load" && p.refused) {
          line += fmt::format("{}load {:.2f} moves per route placed", line.empty() ? "" : "; ",
                              p.movesPerInsert.mean());
       } else if (p.name == "churn") {

@@ -53,10 +53,10 @@ class Churn(unittest.TestCase):
         ins = j["moves"]["loadPerInsert"]
         self.assertEqual(ins["inserts"], load["placed"])
         self.assertAlmostEqual(ins["mean"], load["moves"] / load["placed"], places=4)
-        m = re.search(r"(?m)^Inserts: load ([\d.]+) moves per route placed; churn ([\d.]+) per "
-                      r"withdraw\+announce pair \(1000 pairs\)$", out)
-        self.assertTrue(m, out)
-        self.assertEqual((m[1], m[2]), (f"{ins['mean']:.2f}", f"{pair['mean']:.2f}"))
+        # Nothing refused: the load's moves per route are its moves per insert, said once.
+        self.assertRegex(out, rf"(?m)^Moves: load {ins['mean']:.2f} per route \(")
+        self.assertIn(f"\nInserts: churn {pair['mean']:.2f} per withdraw+announce pair (1000 "
+                      f"pairs)\n", out)
         big = j["moves"]["largestInsert"]
         self.assertEqual(big["kind"], "add")
         self.assertLessEqual(big["moves"], j["moves"]["perUpdate"]["max"])
@@ -96,6 +96,19 @@ class Churn(unittest.TestCase):
                              "--churn-routes", new)
         self.assertIn(f"\nChurn: new prefixes from {new}, started over 10 times at its end\n",
                       out)
+
+    def test_refused_routes_set_the_load_per_insert_apart(self):
+        code, out, err = run("simulate", "--synthetic", "3000", "--synthetic-v6", "6000",
+                             "--pairing", "--dynamic-border", "--progress", "never",
+                             "--json", "-")
+        j = json.loads(out)
+        load = phase(j, "load")
+        self.assertGreater(load["refused"], 0)
+        code, out, err = run("simulate", "--synthetic", "3000", "--synthetic-v6", "6000",
+                             "--pairing", "--dynamic-border", "--progress", "never")
+        per_insert = load["moves"] / load["placed"]
+        self.assertAlmostEqual(j["moves"]["loadPerInsert"]["mean"], per_insert, places=4)
+        self.assertIn(f"\nInserts: load {per_insert:.2f} moves per route placed\n", out)
 
     def test_churn_routes_without_the_family_stop_the_churn(self):
         table = self.write("t.routes", "2001:db8::/32\n")
@@ -202,6 +215,16 @@ class Churn(unittest.TestCase):
         self.assertEqual(row("load: moves per route placed"),
                          tuple(f"{j['moves']['loadPerInsert']['mean']:.2f}" for j in (ja, jb)))
         self.assertEqual(row("churn")[0], "1000 updates, new (seed 1)")
+        # An output from before these figures existed compares, showing what it lacks as "-".
+        for key in ("placement", "weights", "churn"):
+            del ja["config"][key]
+        del ja["moves"]["largestInsert"]
+        ja["config"]["size"] = {"odd": "value"}
+        older = self.write("older.json", json.dumps(ja))
+        code, out, err = run("compare", older, b)
+        self.assertEqual(code, 0, err)
+        self.assertEqual(row("placement"), ("-", "weighted"))
+        self.assertEqual(row("largest single insert")[0], "-")
 
     def test_compare_refuses_what_it_cannot_compare(self):
         a, _ = self.two_runs()
