@@ -63,12 +63,6 @@ class Churn(unittest.TestCase):
         self.assertGreaterEqual(big["moves"], ins["max"])
         self.assertIn(f"\nLargest single insert: {big['moves']} moves: add {big['route']} "
                       f"({big['phase']}, operation {big['operation']})\n", out)
-        # The churn seed decides the announces: the same seed the same run, another not.
-        again = json.loads(run(*args, "--json", "-")[1])
-        other = json.loads(run(*args, "--churn-seed", "2", "--json", "-")[1])
-        self.assertEqual(again["moves"], j["moves"])
-        self.assertNotEqual(other["moves"]["perUpdate"]["counts"],
-                            j["moves"]["perUpdate"]["counts"])
 
     def test_default_churn_is_still_reannounce(self):
         args = ["simulate", *SYN, "--churn", "500", "--json", "-"]
@@ -161,19 +155,11 @@ class Churn(unittest.TestCase):
     def test_bad_weights_fail_cleanly(self):
         out_json = self.path("out.json")
         good = self.write("good.weights", "v4 /24 10\n")
-        junk = "\x1b[2J" + "z" * 300
         cases = [
             ([good], "vexlo-tcam: --weights needs --placement weighted\n"),
             (["--placement", "weighted", "--weights",
               self.write("b.weights", "v4 /24 1\n\nv4 /33 1\n")],
              "b.weights:3: length '/33' is not /0 to /32"),
-            (["--placement", "weighted", "--weights",
-              self.write("d.weights", "v6 /48 1\nv6 /48 2\n")],
-             "d.weights:2: v6 /48 given twice (first on line 1)"),
-            (["--placement", "weighted", "--weights", self.write("j.weights", junk + " /8 1\n")],
-             "j.weights:1: unknown family '\\x1b[2Jzzz"),
-            (["--placement", "weighted", "--weights", self.write("e.weights", "# no\n")],
-             "e.weights: no weights"),
             (["--placement", "weighted", "--weights", self.dir], "is a directory"),
         ]
         for extra, want in cases:
