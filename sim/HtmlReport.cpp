@@ -135,31 +135,80 @@ constexpr std::string_view selfCheck = R"(<script>
 </script>
 )";
 
-}  // namespace
+void comparisonTable(Page& p, const ComparisonData& d) {
+   p.raw("<h2>Runs</h2>\n<table class=\"facts\">\n<tr><th></th>");
+   for (const std::string& run : d.runs) {
+      p.raw("<th>");
+      p.text(run);
+      p.raw("</th>");
+   }
+   p.raw("</tr>\n");
+   for (const auto& row : d.rows) {
+      p.raw("<tr><th scope=\"row\">");
+      p.text(row[0]);
+      for (size_t i = 1; i < row.size(); ++i) {
+         p.raw(i == 1 ? "</th><td>" : "</td><td>");
+         p.text(row[i]);
+      }
+      p.raw("</td></tr>\n");
+   }
+   p.raw("</table>\n");
+}
 
-void writeHtmlReport(std::ostream& out, const ReportData& data) {
-   Page p;
-   const std::string_view title =
-       data.title.empty() ? std::string_view("TCAM simulation report") : data.title;
+void pageStart(Page& p, std::string_view title, const ReportData& styleOf) {
    p.raw(
        "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
        "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>");
    p.text(title);
    p.raw("</title>\n");
-   style(p, data);
+   style(p, styleOf);
    p.raw("</head>\n<body data-render=\"pending\" data-figures=\"0\">\n<main>\n<h1>");
    p.text(title);
    p.raw("</h1>\n");
+}
+
+void pageEnd(Page& p, std::ostream& out) {
+   p.raw("</main>\n");
+   p.raw(selfCheck);
+   p.raw("</body>\n</html>\n");
+   out.write(p.buffer().data(), std::streamsize(p.buffer().size()));
+}
+
+}  // namespace
+
+std::vector<uint64_t> movesBars(const std::vector<uint64_t>& counts) {
+   constexpr size_t bars = 33;
+   // The last bar always reads "that many or more": when every count fits, it is an empty one.
+   std::vector<uint64_t> out(std::min(bars, counts.size() + 1), 0);
+   for (size_t m = 0; m < counts.size(); ++m)
+      out[std::min(m, bars - 1)] += counts[m];
+   return out;
+}
+
+void writeHtmlComparison(std::ostream& out, const ComparisonData& data) {
+   Page p;
+   pageStart(p, data.title.empty() ? std::string_view("TCAM runs compared") : data.title,
+             ReportData{});
+   comparisonTable(p, data);
+   for (size_t i = 0; i < data.runs.size(); ++i) {
+      p.raw("<h2>Moves per update: ");
+      p.text(data.runs[i]);
+      p.raw("</h2>\n");
+      figureMoves(p, data.movesPerUpdate[i]);
+   }
+   pageEnd(p, out);
+}
+
+void writeHtmlReport(std::ostream& out, const ReportData& data) {
+   Page p;
+   pageStart(p, data.title.empty() ? std::string_view("TCAM simulation report") : data.title, data);
    factsTable(p, data);
    capacityTable(p, data);
    p.raw("<h2>Figures</h2>\n");
    figureMap(p, data);
    figureMoves(p, data.movesPerUpdate);
    figureOccupancy(p, data);
-   p.raw("</main>\n");
-   p.raw(selfCheck);
-   p.raw("</body>\n</html>\n");
-   out.write(p.buffer().data(), std::streamsize(p.buffer().size()));
+   pageEnd(p, out);
 }
 
 }  // namespace VexloL3Common::sim

@@ -4,6 +4,7 @@
 // Synopsis
 //   ReportData d;  d.title = ...;  d.facts = ...;  d.maps = ...;  d.movesPerUpdate = ...;
 //   writeHtmlReport(out, d);
+//   writeHtmlComparison(out, c);     two runs' figures side by side
 //
 // Three figures, in this order, each an <svg> inside a <figure> with a <figcaption>:
 //   table map     one cell per TCAM entry in index order, row by row, coloured by the prefix
@@ -74,5 +75,19 @@ struct ReportData {
 };
 
 void writeHtmlReport(std::ostream& out, const ReportData& data);
+
+// The bars of the moves-per-update histogram from exact counts ([i]: updates that took i moves):
+// one per count up to 31 moves, and a last one for 32 or more (empty when every count fits).
+std::vector<uint64_t> movesBars(const std::vector<uint64_t>& counts);
+
+// Two runs side by side (vexlo-tcam compare): a table of their figures, one column per run, and
+// the moves-per-update histogram of each, in the report's style and with its self-check.
+struct ComparisonData {
+   std::string title;
+   std::array<std::string, 2> runs;                      // the column heads
+   std::vector<std::array<std::string, 3>> rows;         // label, first run, second run
+   std::array<std::vector<uint64_t>, 2> movesPerUpdate;  // bars, as movesBars gives them
+};
+void writeHtmlComparison(std::ostream& out, const ComparisonData& data);
 
 }  // namespace VexloL3Common::sim

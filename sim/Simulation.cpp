@@ -158,9 +158,13 @@ EmulatedTable* Simulation::tableOf(Route::Family f) const {
    return f == Route::Family::mcast ? mcast_.get() : unicast_.get();
 }
 
-uint32_t Simulation::intern(const Route& r) {
+void Simulation::indexPool() {
    for (; indexed_ < pool_.size(); ++indexed_)
       poolIndex_.try_emplace(pool_[indexed_], uint32_t(indexed_));
+}
+
+uint32_t Simulation::intern(const Route& r) {
+   indexPool();
    auto [it, added] = poolIndex_.try_emplace(r, uint32_t(pool_.size()));
    if (added) {
       ++indexed_;
@@ -258,7 +262,14 @@ void Simulation::apply(uint32_t route, RouteOp::Kind kind) {
 
    const uint64_t moves = t.moves() - movesBefore;
    stats_.movesPerUpdate.add(moves);
-   if (placed) stats_.movesPerInsert.add(moves);
+   if (placed) {
+      stats_.movesPerInsert.add(moves);
+      stats_.phases.back().movesPerInsert.add(moves);
+      if (moves > stats_.largestInsert.moves) {
+         stats_.largestInsert = Statistics::Update{stats_.operations + 1, stats_.phases.back().name,
+                                                   kind, r.toString(), moves};
+      }
+   }
    stats_.moves += moves;
    stats_.merges += t.merges() - mergesBefore;
    stats_.reallocations += t.ctx().stats()->reallocation() - reallocBefore;

@@ -8,6 +8,7 @@
 //   sim.load(routes);                               adds every route, in order
 //   sim.replay(ops, "churn.trace");                 InputError naming the line, nothing applied
 //   sim.churn(100000, /*seed*/ 7);                  withdraw / re-announce
+//   sim.churnNew(100000, 7, *syntheticAnnounces(7)); withdraw / announce a new prefix
 //   sim.finish();                                   timing and memory of the model alone
 //   const Statistics& st = sim.statistics();
 //   std::vector<CapacityRow> rows = sim.capacity(70, 85);
@@ -37,6 +38,7 @@
 #include <vector>
 
 #include "VexloL3Common/tcam/L3TcamTable.h"
+#include "sim/AnnounceSource.h"
 #include "sim/EmulatedTable.h"
 #include "sim/HtmlReport.h"
 #include "sim/Refusal.h"
@@ -109,6 +111,10 @@ struct Statistics {
       uint64_t modelNs = 0;
       uint64_t placed = 0, refused = 0, moves = 0;
       MoveHistogram movesPerOperation;
+      MoveHistogram movesPerInsert;  // its placed adds
+      // Churn: a withdrawal and an announce, whether the table placed it or not.
+      uint64_t pairs() const { return placed + refused; }
+      double movesPerPair() const { return pairs() ? double(moves) / double(pairs()) : 0.0; }
    };
    // Refused adds of one region by reason (sim/Refusal.h), each with its first route and the
    // figures the model saw then; `border`: why a moving border did not make room, last seen.
@@ -136,6 +142,12 @@ struct Statistics {
    std::array<Refusals, numRegions> refusals;
    // The updates with the most moves, most first (ties: the earlier first); at most config.worst.
    std::vector<Update> worst;
+   // The placed add with the most moves (the earliest of equals); moves 0: none moved a route.
+   Update largestInsert;
+   // Churn of new prefixes that ended early: why, with the updates made; empty when it did not.
+   std::string churnStopped;
+   // Times the churn's list of new prefixes came to its end and started over.
+   uint64_t churnRestarts = 0;
    std::vector<Phase> phases;
    // Live heap bytes of the twin contexts after the run; -1 when not counted.
    int64_t modelBytes = -1;
@@ -174,6 +186,12 @@ class Simulation {
    // one in a hundred is down, then announces of a random withdrawn route alternate with
    // withdrawals. std::invalid_argument when no route is installed.
    void churn(uint64_t updates, uint64_t seed, const Progress& progress = {});
+   // `updates` updates that alternate a withdrawal of a random installed route (seeded) and an
+   // announce of a route of its family from `source` that is not announced. When the source has
+   // none, the churn stops there and Statistics::churnStopped says why. std::invalid_argument
+   // when no route is installed.
+   void churnNew(uint64_t updates, uint64_t seed, AnnounceSource& source,
+                 const Progress& progress = {});
    // Replays every recorded operation on the twins, timing each phase. Call once, after the
    // last phase; statistics() has no timing or memory before it.
    // progress: every 65 536 operations replayed, so that it costs the timing next to nothing.
@@ -224,6 +242,9 @@ class Simulation {
                   const Progress& progress) const;
    EmulatedTable* tableOf(Route::Family f) const;
    uint32_t intern(const Route& r);
+   // Whether r is announced (added and not deleted since), placed or not.
+   bool announced(const Route& r);
+   void indexPool();
    void checkFamilies(const std::vector<Route>& routes) const;
    void loadInterned(size_t first, size_t count, const Progress& progress);
    // Applies one operation to the emulated table and records it.

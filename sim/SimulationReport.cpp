@@ -61,13 +61,7 @@ ReportData Simulation::reportData() const {
    if (unicast_) d.maps.push_back(mapOf(*unicast_, "unicast table"));
    if (mcast_ && stats_.routes[size_t(Region::mcast)] + stats_.family[2].refused > 0)
       d.maps.push_back(mapOf(*mcast_, "multicast table"));
-   // Bars for 0 .. 31 moves and one for 32 or more.
-   constexpr size_t bars = 33;
-   const std::vector<uint64_t>& c = stats_.movesPerUpdate.counts();
-   // The last bar always reads "that many or more": when every count fits, it is an empty one.
-   d.movesPerUpdate.assign(std::min(bars, c.size() + 1), 0);
-   for (size_t m = 0; m < c.size(); ++m)
-      d.movesPerUpdate[std::min(m, bars - 1)] += c[m];
+   d.movesPerUpdate = movesBars(stats_.movesPerUpdate.counts());
    d.tableEntries = (unicast_ ? unicast_->ctx().tcamSize() : 0) + (mcast_ ? cfg_.mcastSize : 0);
    for (unsigned i = 0; i < numRegions; ++i)
       d.occupancyRegions.emplace_back(regionName(Region(i)));

@@ -17,6 +17,20 @@ const CLI::Validator nonNegative(
     },
     "NONNEGATIVE");
 
+// What churn announces: a withdrawn route again, or a prefix the table has not held.
+void addChurnKindOptions(CLI::App& app, Options& o, const char* g) {
+   app.add_option("--churn-kind", o.churnKind,
+                  "reannounce: announce a withdrawn route again; new: each withdrawal is followed "
+                  "by an announce of a prefix not in the table (generated, or --churn-routes)")
+       ->check(CLI::IsMember({"reannounce", "new"}))
+       ->group(g)
+       ->capture_default_str();
+   app.add_option("--churn-routes", o.churnRoutes,
+                  "with --churn-kind new: the prefixes to announce, in file order, starting over "
+                  "at the end ('-': stdin)")
+       ->group(g);
+}
+
 }  // namespace
 
 void addTableOptions(CLI::App& app, Options& o) {
@@ -60,6 +74,10 @@ void addTableOptions(CLI::App& app, Options& o) {
        ->check(CLI::IsMember({"classic", "weighted"}))
        ->group(g)
        ->capture_default_str();
+   app.add_option("--weights", o.weights,
+                  "with --placement weighted: per-length weights from FILE ('v4 /24 38' per "
+                  "line) instead of the built-in Internet-like mix")
+       ->group(g);
    app.add_flag("--border-in-ranges", o.borderInRanges,
                 "with --dynamic-border: the border moves each entry in its way at most once")
        ->group(g);
@@ -118,6 +136,7 @@ void addRunOptions(CLI::App& app, Options& o, bool churn) {
           ->check(nonNegative)
           ->group(g)
           ->capture_default_str();
+      addChurnKindOptions(app, o, g);
    }
    app.add_flag("--check", o.check, "verify the emulated table after every move and merge")
        ->group(g);
@@ -186,6 +205,9 @@ void addFitOptions(CLI::App& app, Options& o, FitOptions& f, std::string& headro
        ->check(nonNegative)
        ->group(g);
    app.add_option("--churn-seed", o.churnSeed, "seed of the churn")->check(nonNegative)->group(g);
+   app.add_option("--weights", o.weights,
+                  "per-length weights from FILE for the configurations with weighted placement")
+       ->group(g);
    app.add_option("--headroom", headroom,
                   "what each region must still take, in percent of its routes")
        ->group(g)

@@ -3,8 +3,9 @@
 // moves per route of the load, then per update of the churn.
 //
 // A configuration is a size, a mode (1-4), a number of blocks (4, 8 or 16), one or two IPv4 routes
-// per entry, and no pairing, pairing with a fixed border, or pairing with a moving border. Those
-// the layout refuses are counted and left out. Without --sizes the sizes are the powers of two
+// per entry, no pairing, pairing with a fixed border, or pairing with a moving border, and the
+// classic or the weighted placement policy (with --weights' table when given). Those the layout
+// refuses are counted and left out. Without --sizes the sizes are the powers of two
 // from the smallest that could hold the table up to 4 Mi entries, and the search stops at the
 // first size where a configuration fits. A configuration fits when no route was refused and every
 // region that holds routes can still take the headroom (--headroom 10%: a tenth of its routes).
@@ -64,10 +65,15 @@ std::vector<Options> configurations(const Options& base, uint32_t size,
                c.pairing = pairing > 0;
                c.dynamicBorder = pairing == 2;
                c.pairGap = 0;
-               if (size % blocks == 0 && accepts(c)) {
-                  out.push_back(c);
-               } else {
-                  ++refusedLayouts;
+               // The policy decides where routes go, not whether the layout exists.
+               const bool laidOut = size % blocks == 0 && accepts(c);
+               for (const char* placement : {"classic", "weighted"}) {
+                  c.placement = placement;
+                  if (laidOut) {
+                     out.push_back(c);
+                  } else {
+                     ++refusedLayouts;
+                  }
                }
             }
          }
@@ -167,11 +173,15 @@ FitReport fitTable(const Options& base, const FitOptions& f, const Input& in,
 }
 
 std::string fitConfigText(const Options& c) {
-   return fmt::format("--size {} --mode {} --blocks {} --{}-v4-per-entry{}", c.size, c.mode,
-                      c.blocks, c.twoV4PerEntry ? "two" : "one",
-                      !c.pairing        ? ""
-                      : c.dynamicBorder ? " --pairing --dynamic-border"
-                                        : " --pairing");
+   return fmt::format(
+       "--size {} --mode {} --blocks {} --{}-v4-per-entry{}{}", c.size, c.mode, c.blocks,
+       c.twoV4PerEntry ? "two" : "one",
+       !c.pairing        ? ""
+       : c.dynamicBorder ? " --pairing --dynamic-border"
+                         : " --pairing",
+       c.placement == "weighted"
+           ? " --placement weighted" + (c.weights.empty() ? "" : " --weights " + c.weights)
+           : "");
 }
 
 void printFit(const FitReport& rep, const FitOptions& f, const Input& in, const Options& base) {
@@ -185,17 +195,28 @@ void printFit(const FitReport& rep, const FitOptions& f, const Input& in, const 
                (unsigned long long)rep.tried, sizes.c_str(), (unsigned long long)rep.refusedLayouts,
                rep.fitting.size());
    if (rep.fitting.empty()) return;
-   std::printf("  %4s %8s %4s %6s %10s %13s %12s %13s %9s  %s\n", "rank", "size", "mode", "blocks",
-               "IPv4/entry", "pairing", "moves/route", "moves/update", "headroom", "options");
-   for (size_t i = 0; i < rep.fitting.size() && i < f.top; ++i) {
-      const FitReport::Row& r = rep.fitting[i];
-      std::printf("  %4zu %8u %4u %6u %10s %13s %12.2f %13.2f %8.1f%%  %s\n", i + 1, r.config.size,
-                  r.config.mode, r.config.blocks, r.config.twoV4PerEntry ? "two" : "one",
-                  pairingText(r.config).c_str(), r.movesPerRoute, r.movesPerUpdate, r.headroom,
+   std::printf("  %4s %8s %4s %6s %10s %13s %9s %12s %13s %9s  %s\n", "rank", "size", "mode",
+               "blocks", "IPv4/entry", "pairing", "placement", "moves/route", "moves/update",
+               "headroom", "options");
+   auto row = [](size_t i, const FitReport::Row& r) {
+      std::printf("  %4zu %8u %4u %6u %10s %13s %9s %12.2f %13.2f %8.1f%%  %s\n", i + 1,
+                  r.config.size, r.config.mode, r.config.blocks,
+                  r.config.twoV4PerEntry ? "two" : "one", pairingText(r.config).c_str(),
+                  r.config.placement.c_str(), r.movesPerRoute, r.movesPerUpdate, r.headroom,
                   fitConfigText(r.config).c_str());
+   };
+   for (size_t i = 0; i < rep.fitting.size() && i < f.top; ++i)
+      row(i, rep.fitting[i]);
+   if (rep.fitting.size() <= f.top) return;
+   std::printf("  ... and %zu more (--top)\n", rep.fitting.size() - f.top);
+   // Each policy's best stays in sight, ranked among the others, when the top rows lack it.
+   for (const char* placement : {"classic", "weighted"}) {
+      auto is = [&](const FitReport::Row& r) { return r.config.placement == placement; };
+      const auto top = rep.fitting.begin() + ptrdiff_t(f.top);
+      if (std::any_of(rep.fitting.begin(), top, is)) continue;
+      const auto best = std::find_if(top, rep.fitting.end(), is);
+      if (best != rep.fitting.end()) row(size_t(best - rep.fitting.begin()), *best);
    }
-   if (rep.fitting.size() > f.top)
-      std::printf("  ... and %zu more (--top)\n", rep.fitting.size() - f.top);
 }
 
 }  // namespace VexloL3Common::tool

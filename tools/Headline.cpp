@@ -83,21 +83,57 @@ void printMoves(const sim::Statistics& st) {
    std::printf("Moves: %s\n", line.empty() ? "none" : line.c_str());
 }
 
+std::string updateText(const sim::Statistics::Update& u) {
+   return fmt::format("{} moves: {} {} ({}, operation {})", u.moves,
+                      u.kind == sim::RouteOp::Kind::add ? "add" : "del", u.route, u.phase,
+                      u.operation);
+}
+
+// What placing a route costs: per route placed by the load (when it refused some: otherwise that
+// is the Moves line's figure per route), per withdrawal and announce of churn, and the largest
+// single insert, apart from the largest update (which may be a withdrawal).
+void printInserts(const sim::Statistics& st) {
+   std::string line;
+   for (const auto& p : st.phases) {
+      if (p.name == "load" && p.refused) {
+         line += fmt::format("{}load {:.2f} moves per route placed", line.empty() ? "" : "; ",
+                             p.movesPerInsert.mean());
+      } else if (p.name == "churn") {
+         line += fmt::format("{}churn {:.2f} per withdraw+announce pair ({} pairs)",
+                             line.empty() ? "" : "; ", p.movesPerPair(), p.pairs());
+      }
+   }
+   if (!line.empty()) std::printf("Inserts: %s\n", line.c_str());
+   if (st.largestInsert.moves == 0) {
+      std::printf("Largest single insert: no insert moved a route\n");
+   } else {
+      std::printf("Largest single insert: %s\n", updateText(st.largestInsert).c_str());
+   }
+}
+
+// Where churn of new prefixes took them, and whether it ran to its end.
+void printChurnSource(const Options& o, const sim::Statistics& st) {
+   std::string from =
+       o.churnRoutes.empty()
+           ? fmt::format("the generator (churn seed {})", o.churnSeed)
+           : fmt::format("{}{}", o.churnRoutes == "-" ? "stdin" : o.churnRoutes,
+                         st.churnRestarts
+                             ? fmt::format(", started over {} times at its end", st.churnRestarts)
+                             : "");
+   std::printf("Churn: new prefixes from %s\n", from.c_str());
+   if (!st.churnStopped.empty()) std::printf("  churn stopped %s\n", st.churnStopped.c_str());
+}
+
 void printWorst(const sim::Statistics& st, uint64_t n) {
    if (st.worst.empty()) {
       std::printf("Largest single update: no update moved a route\n");
       return;
    }
-   auto text = [](const sim::Statistics::Update& u) {
-      return fmt::format("{} moves: {} {} ({}, operation {})", u.moves,
-                         u.kind == sim::RouteOp::Kind::add ? "add" : "del", u.route, u.phase,
-                         u.operation);
-   };
-   std::printf("Largest single update: %s\n", text(st.worst.front()).c_str());
+   std::printf("Largest single update: %s\n", updateText(st.worst.front()).c_str());
    if (n <= 1 || st.worst.size() <= 1) return;
    std::printf("Updates with the most moves (--worst %llu):\n", (unsigned long long)n);
    for (const auto& u : st.worst)
-      std::printf("  %s\n", text(u).c_str());
+      std::printf("  %s\n", updateText(u).c_str());
 }
 
 }  // namespace
@@ -111,7 +147,9 @@ void printHeadline(const Options& o, const sim::Simulation& sim, const Input& in
    printResult(st, v);
    if (!capacity.empty()) printRegions(capacity);
    printRefusals(st);
+   if (o.churn && o.churnKind == "new") printChurnSource(o, st);
    printMoves(st);
+   printInserts(st);
    printWorst(st, o.worst);
    if (!v.failedOn.empty()) std::printf("Failed: %s\n", v.failedOn.c_str());
    std::printf("\n");

@@ -9,6 +9,7 @@
 #include "sim/Quote.h"
 #include "sim/RouteFormats.h"
 #include "sim/SyntheticTable.h"
+#include "sim/WeightsFile.h"
 #include "tools/Tool.h"
 
 namespace VexloL3Common::tool {
@@ -115,6 +116,30 @@ std::vector<sim::RouteOp> readTraceFile(const std::string& path) {
    if (path == "-") return sim::readTrace(std::cin, "<stdin>");
    std::ifstream f = openOrFail(path);
    return sim::readTrace(f, path);
+}
+
+std::vector<sim::Route> readChurnRoutes(const Options& o) {
+   if (o.churnRoutes.empty()) return {};
+   if (o.churnKind != "new") throw UsageError("--churn-routes needs --churn-kind new");
+   if (o.churnRoutes == "-" && (o.routes == "-" || o.trace == "-"))
+      throw UsageError("--churn-routes cannot be stdin when the table or the trace is");
+   const std::string name = o.churnRoutes == "-" ? "<stdin>" : o.churnRoutes;
+   std::ifstream file;
+   if (o.churnRoutes != "-") file = openOrFail(o.churnRoutes);
+   std::istream& f = o.churnRoutes == "-" ? std::cin : file;
+   const std::string text = readAll(f, name);
+   sim::ReadTable t = sim::readRouteText(text, name, sim::detectRouteFormat(text));
+   if (t.routes.empty())
+      throw UsageError("--churn-routes " + sim::clipped(name) + " holds no route");
+   return std::move(t.routes);
+}
+
+std::optional<PlacementWeights> readWeightsOption(const Options& o) {
+   if (o.weights.empty()) return std::nullopt;
+   // Classic placement has no use for weights: a table given with it would silently do nothing.
+   if (o.placement != "weighted") throw UsageError("--weights needs --placement weighted");
+   std::ifstream f = openOrFail(o.weights);
+   return sim::readWeightsText(readAll(f, o.weights), o.weights);
 }
 
 }  // namespace VexloL3Common::tool

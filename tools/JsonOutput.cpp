@@ -89,6 +89,57 @@ void histogramJson(Json& j, const char* key, const sim::MoveHistogram& h) {
    j.close(']').close('}');
 }
 
+void optionalString(Json& j, const char* key, const std::string& v) {
+   if (v.empty()) {
+      j.null(key);
+   } else {
+      j.string(key, v);
+   }
+}
+
+void updateJson(Json& j, const char* key, const sim::Statistics::Update& u) {
+   j.open(key, '{')
+       .num("operation", u.operation)
+       .string("phase", u.phase)
+       .string("kind", u.kind == sim::RouteOp::Kind::add ? "add" : "del")
+       .string("route", u.route)
+       .num("moves", u.moves)
+       .close('}');
+}
+
+// Per route placed by the load, per withdraw+announce pair of churn, the largest single insert.
+void insertsJson(Json& j, const sim::Statistics& st) {
+   const sim::Statistics::Phase *load = nullptr, *churn = nullptr;
+   for (const auto& p : st.phases) {
+      if (p.name == "load") load = &p;
+      if (p.name == "churn") churn = &p;
+   }
+   if (load) {
+      const sim::MoveHistogram& h = load->movesPerInsert;
+      j.open("loadPerInsert", '{')
+          .num("inserts", h.operations())
+          .num("mean", h.mean())
+          .num("p99", h.percentile(99))
+          .num("max", h.max())
+          .close('}');
+   } else {
+      j.null("loadPerInsert");
+   }
+   if (churn) {
+      j.open("churnPerPair", '{').num("pairs", churn->pairs()).num("mean", churn->movesPerPair());
+      j.num("restarts", st.churnRestarts);
+      optionalString(j, "stopped", st.churnStopped);
+      j.close('}');
+   } else {
+      j.null("churnPerPair");
+   }
+   if (st.largestInsert.moves) {
+      updateJson(j, "largestInsert", st.largestInsert);
+   } else {
+      j.null("largestInsert");
+   }
+}
+
 }  // namespace
 
 namespace {
@@ -112,7 +163,14 @@ void configJson(Json& j, const Options& o, const sim::Simulation& sim, const Inp
    j.boolean("interleave", o.interleave)
        .boolean("reAddAllowed", o.reAddAllowed)
        .num("mcastSize", sim.config().mcastSize)
-       .close('}');
+       .string("placement", o.placement);
+   optionalString(j, "weights", o.weights);
+   j.open("churn", '{')
+       .num("updates", o.churn)
+       .num("seed", o.churnSeed)
+       .string("kind", o.churnKind);
+   optionalString(j, "routes", o.churnRoutes);
+   j.close('}').close('}');
    j.open("input", '{')
        .string("description", in.description)
        .string("format", in.format)
@@ -143,6 +201,7 @@ void routesJson(Json& j, const sim::Statistics& st) {
    j.open("moves", '{').num("total", st.moves);
    histogramJson(j, "perInsert", st.movesPerInsert);
    histogramJson(j, "perUpdate", st.movesPerUpdate);
+   insertsJson(j, st);
    j.close('}');
    j.num("merges", st.merges)
        .num("conversions", st.conversions)
@@ -249,15 +308,8 @@ void refusalsJson(Json& j, const sim::Statistics& st) {
 
 void worstJson(Json& j, const sim::Statistics& st) {
    j.open("worstUpdates", '[');
-   for (const auto& u : st.worst) {
-      j.open(nullptr, '{')
-          .num("operation", u.operation)
-          .string("phase", u.phase)
-          .string("kind", u.kind == sim::RouteOp::Kind::add ? "add" : "del")
-          .string("route", u.route)
-          .num("moves", u.moves)
-          .close('}');
-   }
+   for (const auto& u : st.worst)
+      updateJson(j, nullptr, u);
    j.close(']');
 }
 
@@ -320,6 +372,7 @@ std::string fitJson(const FitReport& rep, const FitOptions& f, const Input& in,
           .boolean("twoV4PerEntry", r.config.twoV4PerEntry)
           .boolean("pairing", r.config.pairing)
           .boolean("dynamicBorder", r.config.dynamicBorder)
+          .string("placement", r.config.placement)
           .num("headroomPercent", r.headroom)
           .num("movesPerRoute", r.movesPerRoute)
           .num("movesPerUpdate", r.movesPerUpdate)

@@ -6,6 +6,7 @@
 //   vexlo-tcam capacity [table options] [input] [--warn-at P] [--critical-at P]
 //   vexlo-tcam fit      [input] [--churn N] [--headroom 10%] [--sizes S,...] [--jobs N] [--json F]
 //   vexlo-tcam generate --synthetic N [--synthetic-v6 N] [--synthetic-mcast N] [--seed S] [-o F]
+//   vexlo-tcam compare  A.json B.json [--report F.html]
 //
 // Exit status: 0 fitted; 1 an inconsistency (a model assertion, the model's verification or the
 // emulated table's check), reported in one line on stderr with the JSON and report still
@@ -47,6 +48,7 @@ sim::SimulationConfig simulationConfig(const Options& o, const Input& in,
    u.v4V6InterleavingDisabled = !o.interleave;
    u.placementPolicy =
        o.placement == "weighted" ? PlacementPolicy::weighted : PlacementPolicy::classic;
+   if (o.weightTable) u.placementWeights = *o.weightTable;
    u.borderMoveInRanges = o.borderInRanges;
    c.urpf = o.urpf;
    c.check = o.check;
@@ -215,13 +217,22 @@ std::string assertionText(const Ulo::AssertionFailure& e) {
 // The phases of the run. A model assertion stops it: what follows would build on a broken model.
 // The input's routes are handed over to the simulation.
 void runPhases(Command cmd, const Options& o, sim::Simulation& sim, Input& in,
-               const std::vector<sim::RouteOp>& trace, std::vector<std::string>& faults) {
+               const std::vector<sim::RouteOp>& trace, const std::vector<sim::Route>& churnRoutes,
+               std::vector<std::string>& faults) {
    ProgressBar bar(o.progress);
    try {
       sim.load(std::move(in.routes), bar.phase("load"));
       if (cmd == Command::replay)
          sim.replay(trace, o.trace == "-" ? "<stdin>" : o.trace, bar.phase("replay"));
-      if (o.churn) sim.churn(o.churn, o.churnSeed, bar.phase("churn"));
+      if (o.churn && o.churnKind == "new") {
+         const std::unique_ptr<sim::AnnounceSource> source =
+             churnRoutes.empty()
+                 ? sim::syntheticAnnounces(o.churnSeed)
+                 : sim::announcesFrom(churnRoutes, "--churn-routes " + o.churnRoutes);
+         sim.churnNew(o.churn, o.churnSeed, *source, bar.phase("churn"));
+      } else if (o.churn) {
+         sim.churn(o.churn, o.churnSeed, bar.phase("churn"));
+      }
       sim.finish(bar.phase("model timing"));
       bar.done();
    } catch (const Ulo::AssertionFailure& e) {
@@ -229,8 +240,10 @@ void runPhases(Command cmd, const Options& o, sim::Simulation& sim, Input& in,
    }
 }
 
-int run(Command cmd, const Options& o) {
-   checkRun(cmd, o);
+int run(Command cmd, const Options& given) {
+   checkRun(cmd, given);
+   Options o = given;
+   o.weightTable = readWeightsOption(o);
    if (!o.traceLevels.empty()) applyTraceLevels(o.traceLevels);
 
    Input in = readInput(o);
@@ -238,12 +251,13 @@ int run(Command cmd, const Options& o) {
    if (cmd == Command::replay) {
       trace = readTraceFile(o.trace);
    }
+   const std::vector<sim::Route> churnRoutes = readChurnRoutes(o);
    const std::unique_ptr<sim::Simulation> simPtr = makeSimulation(cmd, o, in, trace);
    sim::Simulation& sim = *simPtr;
    // From here on a failed model assertion is a finding of the run (exit 1), never an abort.
    Ulo::ScopedThrowingAssertHandler guard;
    std::vector<std::string> faults;
-   runPhases(cmd, o, sim, in, trace, faults);
+   runPhases(cmd, o, sim, in, trace, churnRoutes, faults);
    std::vector<sim::ReportData::CapacityRow> capacity;
    if (faults.empty()) {
       for (std::string& v : sim.checkTables())
@@ -281,8 +295,15 @@ int run(Command cmd, const Options& o) {
    return v.exitStatus;
 }
 
-int fit(const Options& o, FitOptions f, const std::string& headroom) {
-   checkCounts(o);
+int fit(const Options& given, FitOptions f, const std::string& headroom) {
+   checkCounts(given);
+   Options o = given;
+   {
+      // fit tries both policies itself: the table serves the weighted configurations.
+      Options weighted = given;
+      weighted.placement = "weighted";
+      o.weightTable = readWeightsOption(weighted);
+   }
    f.headroom = percentOf(headroom);
    if (!o.json.empty() && o.json != "-") checkWritable(o.json);
    const Input in = readInput(o);
@@ -379,6 +400,12 @@ int main(int argc, char** argv) {
                     "operation trace: 'add ROUTE' or 'del ROUTE' per line ('-': stdin)")
        ->required();
    addGenerateOptions(*gen, o);
+   CLI::App* compare =
+       app.add_subcommand("compare", "print two runs' simulate --json output side by side");
+   std::string compareFiles[2];
+   compare->add_option("first", compareFiles[0], "the first run's JSON")->required();
+   compare->add_option("second", compareFiles[1], "the second run's JSON")->required();
+   compare->add_option("--report", o.report, "write both runs side by side as HTML to FILE");
 
    try {
       app.parse(argc, argv);
@@ -392,6 +419,7 @@ int main(int argc, char** argv) {
    }
    try {
       if (gen->parsed()) return generate(o);
+      if (compare->parsed()) return compareRuns(compareFiles[0], compareFiles[1], o.report);
       if (fitCmd->parsed()) return fit(o, fitOptions, headroom);
       Command cmd = simulate->parsed() ? Command::simulate
                     : replay->parsed() ? Command::replay

@@ -3,6 +3,7 @@
 //   Main.cpp         subcommands, the one place that turns errors into exit status
 //   CommandLine.cpp  the options of every subcommand
 //   Inputs.cpp       route tables from a file, stdin, the generator or the bundled default
+//   Compare.cpp      two runs' JSON side by side, as text and as an HTML page
 //   TraceOption.cpp  --trace checked against the handles there are
 //   LayoutAdvice.cpp a refused layout in the options' terms, with the nearest accepted value
 //   Verdict.cpp      did it fit: severity per region, inconsistencies, the exit status
@@ -16,6 +17,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,6 +45,9 @@ struct Options {
    bool interleave = false;
    bool reAddAllowed = false;
    std::string placement = "classic";  // classic or weighted
+   std::string weights;  // a weight table file for --placement weighted; empty: the built-in
+   // The table read from `weights`; none: the built-in default.
+   std::optional<PlacementWeights> weightTable;
    bool borderInRanges = false;
    // 0: none, unless the input holds multicast routes (then defaultMcastSize).
    uint32_t mcastSize = 0;
@@ -58,6 +63,8 @@ struct Options {
    // ---- the run
    uint64_t churn = 0;
    uint64_t churnSeed = 1;
+   std::string churnKind = "reannounce";  // reannounce | new
+   std::string churnRoutes;               // new: the prefixes announced; empty: the generator
    bool check = false;
    std::string json;    // "-" for stdout
    std::string report;  // HTML file
@@ -98,6 +105,11 @@ struct Input {
 };
 Input readInput(const Options& o);
 std::vector<sim::RouteOp> readTraceFile(const std::string& path);
+// The prefixes --churn-routes names, in any form the loader accepts; empty without the option.
+std::vector<sim::Route> readChurnRoutes(const Options& o);
+// The table --weights names (sim/WeightsFile.h); UsageError for --weights without --placement
+// weighted, sim::InputError "FILE:LINE: ..." for a bad line.
+std::optional<PlacementWeights> readWeightsOption(const Options& o);
 // The bundled default table's path, or "" when it cannot be found.
 std::string defaultTablePath();
 
@@ -156,6 +168,12 @@ std::string fitConfigText(const Options& c);
 void printFit(const FitReport& rep, const FitOptions& f, const Input& in, const Options& base);
 std::string fitJson(const FitReport& rep, const FitOptions& f, const Input& in,
                     const Options& base);
+
+// ---- Compare.cpp
+// Prints two runs' `simulate --json` files side by side, and writes the HTML page to `report`
+// when it is not empty; UsageError for a file that is missing, not such output, or of a run on
+// another table.
+int compareRuns(const std::string& first, const std::string& second, const std::string& report);
 
 // ---- Headline.cpp
 void printHeadline(const Options& o, const sim::Simulation& sim, const Input& in,

@@ -302,7 +302,8 @@ class Cli(unittest.TestCase):
         j = json.loads(out)
         rows = j["fitting"]
         self.assertTrue(rows, "something fits 2048 entries")
-        self.assertEqual(j["tried"] + j["refusedByLayout"], 2 * 4 * 3 * 2 * 3)
+        self.assertEqual(j["tried"] + j["refusedByLayout"], 2 * 4 * 3 * 2 * 3 * 2)
+        self.assertEqual({r["placement"] for r in rows}, {"classic", "weighted"})
         keys = [(r["size"], r["movesPerRoute"], r["movesPerUpdate"]) for r in rows]
         self.assertEqual(keys, sorted(keys), "ranked by size, then moves")
         # Each configuration said to fit does, with the headroom, when simulated on its own.
