@@ -127,8 +127,13 @@ std::string configLine(const Options& o, const sim::Simulation& sim) {
    if (o.fallbackVrf >= 0) s += fmt::format(", fallback VRF {}", o.fallbackVrf);
    if (o.interleave) s += ", interleaved";
    if (o.reAddAllowed) s += ", re-add allowed";
-   // The built-in weights are the default that goes unsaid; a table of one's own is named.
-   if (!o.weights.empty()) s += fmt::format(", weighted placement (weights of {})", o.weights);
+   // Classic placement is the default that goes unsaid; weights of one's own are named.
+   if (!o.weights.empty()) {
+      s += fmt::format(", weighted placement (weights of {})", o.weights);
+   } else if (o.placement == "weighted") {
+      s += ", weighted placement";
+   }
+   if (o.borderInRanges) s += ", border moves in ranges";
    if (sim.multicast()) s += fmt::format("; {}-entry multicast table", sim.config().mcastSize);
    return s;
 }
