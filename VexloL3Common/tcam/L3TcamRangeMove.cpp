@@ -49,7 +49,8 @@ class SpanClearer {
          uint32_t p = from;
          for (uint32_t c = 0; c < count; ++c) {
             do {
-               VEXLO_ASSERT_MSG(p != bound_, "clearSpan: room past the span", "len ", k, ", bound ",
+               VEXLO_ASSERT_MSG(p != bound_, "clearSpan: room past the span", "len ", k, ": ",
+                                count - c, " of ", count, " entries without a slot, bound ",
                                 bound_);
                p = up_ ? p + 1 : p - 1;
             } while (!available(p, near));
