@@ -1,7 +1,6 @@
 // Clearing a span of a region range by range (see internal/L3TcamRangeMove.h).
 #include <algorithm>
 #include <array>
-#include <optional>
 
 #include "VexloL3Common/tcam/internal/L3TcamRangeMove.h"
 #include "VexloL3Common/tcam/internal/L3TcamShift.h"
@@ -33,8 +32,7 @@ class SpanClearer {
 
    // Works out every range's share, from the span outward, then moves the entries from the
    // outermost range inward. `edge` is the first slot past the span.
-   // Nothing when the plan finds no room past the span; nothing has moved then.
-   std::optional<uint64_t> run(uint32_t edge) {
+   uint64_t run(uint32_t edge) {
       std::array<Push, TcamBlock::maxLengths> plan;
       uint32_t n = 0;
       for (uint32_t k = firstLength(); k != TcamBlock::none; k = nextLength(k)) {
@@ -45,13 +43,17 @@ class SpanClearer {
          if (!before(far, edge)) break;
          const uint32_t lastIn = up_ ? std::min(near, edge - 1) : std::max(near, edge + 1);
          const uint32_t count = up_ ? used_.count(far, lastIn) : used_.count(lastIn, far);
-         const uint32_t from = up_ ? std::max(near, edge - 1) : std::min(near, edge + 1);
+         // The overrun entries take the first slots the push reaches past the edge: the holes of
+         // the range's own part that stays, then whatever lies past its near end.
+         const uint32_t from = up_ ? edge - 1 : edge + 1;
          uint32_t p = from;
          for (uint32_t c = 0; c < count; ++c) {
             do {
-               if (p == bound_) return std::nullopt;
+               VEXLO_ASSERT_MSG(p != bound_, "clearSpan: room past the span", "len ", k, ": ",
+                                count - c, " of ", count, " entries without a slot, bound ",
+                                bound_);
                p = up_ ? p + 1 : p - 1;
-            } while (!available(p));
+            } while (!available(p, near));
          }
          plan[n++] = Push{k, count, from};
          const uint32_t newNear = up_ ? std::max(near, p) : std::min(near, p);
@@ -86,8 +88,13 @@ class SpanClearer {
       return k + 1 < TcamBlock::maxLengths ? blk_.nextLength(k + 1) : TcamBlock::none;
    }
    bool before(uint32_t slot, uint32_t edge) const { return up_ ? slot < edge : slot > edge; }
-   // Free, or held by one of the region's own entries, which its range's push moves away.
-   bool available(uint32_t slot) const { return !free_.isBitSet(slot) || used_.isBitSet(slot); }
+   // Free, or past the near end of the range being pushed and held by one of the region's own
+   // entries, which a range further out gives up in turn. Within the range, an entry of its own
+   // stays where it is.
+   bool available(uint32_t slot, uint32_t near) const {
+      if (!free_.isBitSet(slot)) return true;
+      return before(near, slot) && used_.isBitSet(slot);
+   }
 
    TcamRegion& region_;
    const TcamBlock& blk_;
@@ -99,14 +106,12 @@ class SpanClearer {
 
 }  // namespace
 
-std::optional<uint64_t> clearSpan(TcamRegion& region, uint32_t first, uint32_t last, bool up,
-                                  uint32_t bound) {
+uint64_t clearSpan(TcamRegion& region, uint32_t first, uint32_t last, bool up, uint32_t bound) {
    TRACE(tcamTrace(), 6, "clearSpan", ", type: ", region.type(), ", span: ", first, "/", last,
          ", up: ", up, ", bound: ", bound);
-   const std::optional<uint64_t> moves =
-       SpanClearer(region, up, bound).run(up ? last + 1 : first - 1);
-   VEXLO_ASSERT_MSG(!moves || region.used().count(first, last) == 0, "clearSpan: span empty",
-                    "type ", region.type(), ", span ", first, "/", last);
+   const uint64_t moves = SpanClearer(region, up, bound).run(up ? last + 1 : first - 1);
+   VEXLO_ASSERT_MSG(region.used().count(first, last) == 0, "clearSpan: span empty", "type ",
+                    region.type(), ", span ", first, "/", last);
    return moves;
 }
 

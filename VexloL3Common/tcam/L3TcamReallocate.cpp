@@ -23,10 +23,10 @@
 //   keeps its order at every step and each step leaves R with one route fewer.
 //   With borderMoveInRanges set, the way is cleared range by range instead
 //   (internal/L3TcamRangeMove.h): the ranges from the border outward each give up the entries that
-//   the push overruns, from their far end to the free entries just past their near end, so each
-//   entry moves at most once and a range the push does not reach moves nothing. The bound is the
-//   number of entries in the way, where the entry-by-entry move makes one move per intervening
-//   length for each of them.
+//   the push overruns, from their far end to the holes of their part that stays and then to the
+//   free entries just past their near end, so each entry moves at most once and a range the push
+//   does not reach moves nothing. The bound is the number of entries in the way, where the
+//   entry-by-entry move makes one move per intervening length for each of them.
 //   What is published: every move, in the order made, each acknowledged by the writer before the
 //   next; nothing else (the new border is the model's business: the hardware only ever sees
 //   routes at valid places).
@@ -142,17 +142,13 @@ void L3TcamManagerContext::clearForPartition(RouteType t, uint32_t first, uint32
    TcamRegion& region = regions_[t];
    const uint32_t end = effectiveSize_ - 1;
    if (borderMoveInRanges()) {
-      // Each entry in the way moves at most once; see internal/L3TcamRangeMove.h. Where the
-      // plan finds no room past the span although the count above did (pairs that count as free
-      // but that the plan cannot take), the entries move one at a time below.
-      const std::optional<uint64_t> moves =
-          t == RouteType::v4 ? internal::clearSpan(region, first, last, true, end)
-                             : internal::clearSpan(region, first, last, false, 1);
-      if (moves) {
-         TRACE(th, 7, "reallocate: in ranges, ", routes, " routes, ", *moves, " moves");
-         return;
-      }
-      TRACE(th, 7, "reallocate: no plan in ranges, one entry at a time");
+      // Each entry in the way moves at most once; see internal/L3TcamRangeMove.h. The plan
+      // takes every free entry the count above took, so it always finds the room.
+      const uint64_t moves = t == RouteType::v4
+                                 ? internal::clearSpan(region, first, last, true, end)
+                                 : internal::clearSpan(region, first, last, false, 1);
+      TRACE(th, 7, "reallocate: in ranges, ", routes, " routes, ", moves, " moves");
+      return;
    }
    if (t == RouteType::v4) {
       const HBitmap& used4 = region.used();

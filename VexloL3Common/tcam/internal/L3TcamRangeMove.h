@@ -7,9 +7,12 @@
 //   (up to bound); down, to slots before first (down to bound). The ranges are handled from the
 //   span outward: each range in the way gives up the entries that the one before it (or the span)
 //   overruns, taking them from its far end to the free slots just past its near end, which the
-//   next range in turn makes room in. Each entry moves at most once, and a range that the push
-//   does not reach moves nothing. The moves are made from the outermost range inward, so every
-//   move lands on a slot that is already free and every length keeps its order at every step.
+//   next range in turn makes room in. A range the push reaches only in part first fills the holes
+//   of its part that stays (slots whose routes were deleted), so the plan takes every free slot
+//   between the span and the slot where it ends, and finds the room whenever the free slots past
+//   the span number at least the entries in it. Each entry moves at most once, and a range that
+//   the push does not reach moves nothing. The moves are made from the outermost range inward, so
+//   every move lands on a slot that is already free and every length keeps its order at every step.
 //   Returns the moves made. The caller has checked that the room past the span holds every
 //   entry in it, and the span lies at the start of the region (up) or its end (down), so that no
 //   range lies wholly before it.
@@ -27,16 +30,13 @@
 
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <span>
 
 #include "VexloL3Common/tcam/L3TcamRegion.h"
 
 namespace VexloL3Common::internal {
 
-// Nothing (and nothing moved) when the plan finds no room past the span for every entry in it.
-std::optional<uint64_t> clearSpan(TcamRegion& region, uint32_t first, uint32_t last, bool up,
-                                  uint32_t bound);
+uint64_t clearSpan(TcamRegion& region, uint32_t first, uint32_t last, bool up, uint32_t bound);
 
 // Whether a move from slot src to slot dst of the region may be made; rebalancing stops at the
 // first that may not.
