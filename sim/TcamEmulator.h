@@ -75,6 +75,7 @@
 // attachment (or detach first).
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -255,9 +256,9 @@ class TcamEmulator {
 
    void checkPos(const char* what, uint32_t pos, bool doubleSize) const;
    bool posValid(uint32_t pos, bool doubleSize) const;
-   void store(uint32_t pos, const TcamEntry& e);
+   void store(uint32_t pos, const TcamEntry& e, const std::array<uint32_t, 2>* ids = nullptr);
    void vacate(uint32_t pos);
-   void setRaw(uint32_t pos, const TcamEntry& e);
+   void setRaw(uint32_t pos, const TcamEntry& e, const std::array<uint32_t, 2>* ids = nullptr);
    void callerWrite(uint32_t pos, const TcamEntry& e);
    void settleMergeSource(uint32_t pos);
    uint32_t rankOf(uint32_t pos, EntryKind kind) const;
