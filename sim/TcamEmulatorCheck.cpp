@@ -149,9 +149,9 @@ void KeyIndex<Key>::evaluate(Slot& r, uint64_t stamp, const CheckInput& in,
    Shadow<Key> best;
    // Only nodes that hold keys can shadow: climb those.
    for (uint32_t n = nodes[r.node].up; n; n = nodes[n].up) {
-      for (uint32_t id = nodes[n].keys; id; id = slots[id].nextAtNode) {
+      for (uint32_t id = trie[n].keys; id; id = slots[id].nextAtNode) {
          const Slot& a = slots[id];
-         if (a.first() && a.first() < first) best.offer(a.first(), nodes[n].bits.depth, a.key);
+         if (a.first() && a.first() < first) best.offer(a.first(), trie[n].depth, a.key);
       }
    }
    if (best.key) out.push_back(shadowed(r.key, first, best, in.size()));
@@ -172,7 +172,7 @@ void KeyIndex<Key>::checkDirty(uint64_t stamp, const CheckInput& in, std::vector
          const uint32_t n = stack.back();
          stack.pop_back();
          for (uint32_t k = nodes[n].firstKid; k; k = nodes[k].nextKid) {
-            for (uint32_t rid = nodes[k].keys; rid; rid = slots[rid].nextAtNode) {
+            for (uint32_t rid = trie[k].keys; rid; rid = slots[rid].nextAtNode) {
                Slot& r = slots[rid];
                if (r.contribution() > b && r.stamp != stamp) evaluate(r, stamp, in, out);
             }

@@ -48,24 +48,37 @@ struct KeyIndex {
    };
 
    // A node of the path-compressed trie: every node that holds keys, every branch point, and
-   // the domain's root (depth 0).
-   struct Node {
-      Bits bits;  // the prefix the node stands for
+   // the domain's root (depth 0). What a descent reads is kept apart, two nodes to a cache line.
+   struct Link {
+      uint64_t hi = 0;  // the prefix the node stands for, as in Bits
+      uint64_t lo = 0;
       uint32_t child[2] = {0, 0};
-      uint32_t parent = 0;
       uint32_t keys = 0;  // slot id of the first key here
+      uint8_t depth = 0;
+
+      unsigned bit(unsigned i) const { return Bits{0, 0, hi, lo}.bit(i); }
+      unsigned commonPrefix(const Bits& b, unsigned limit) const {
+         return Bits{0, 0, hi, lo}.commonPrefix(b, limit);
+      }
+   };
+   struct Node {
+      uint32_t parent = 0;
       // Among nodes holding keys: the nearest such ancestor, and the nodes whose `up` this is.
       uint32_t up = 0;
       uint32_t firstKid = 0;
       uint32_t nextKid = 0;
       uint32_t prevKid = 0;
       uint32_t below = 0;  // largest contribution strictly below, 0 for none (nodes with keys)
+      uint32_t own = 0;    // largest contribution of the keys here
+      uint32_t keyCount = 0;
+      uint32_t domain = 0;
    };
 
    std::vector<Slot> slots = std::vector<Slot>(1);  // slot 0 stands for "none"
    std::vector<uint32_t> freeSlots;
    VexloL3Common::internal::FlatHashMap<Key, uint32_t> ids;
-   std::vector<Node> nodes = std::vector<Node>(1);  // node 0 stands for "none"
+   std::vector<Link> trie = std::vector<Link>(1);  // node 0 stands for "none"
+   std::vector<Node> nodes = std::vector<Node>(1);
    std::vector<uint32_t> freeNodes;
    VexloL3Common::internal::FlatHashMap<uint32_t, uint32_t> roots;
    std::vector<uint32_t> dirty;  // slot ids
@@ -99,6 +112,7 @@ struct KeyIndex {
    uint32_t get(const Key& k) {
       auto [idp, inserted] = ids.tryEmplace(k, 0u);
       if (!inserted) return *idp;
+      if (slots.size() == 1) reserveFor(tableSize);
       uint32_t id;
       if (!freeSlots.empty()) {
          id = freeSlots.back();
@@ -113,10 +127,20 @@ struct KeyIndex {
       s.live = true;
       uint32_t up = 0;
       s.node = pathTo(bitsOf(k), up);
-      if (!nodes[s.node].keys) holdKeys(s.node, up);
-      s.nextAtNode = nodes[s.node].keys;
-      nodes[s.node].keys = id;
+      if (!trie[s.node].keys) holdKeys(s.node, up);
+      s.nextAtNode = trie[s.node].keys;
+      trie[s.node].keys = id;
+      ++nodes[s.node].keyCount;
       return id;
+   }
+
+   // Room for a full table's keys (two to an entry) from the first key on, so that the vectors
+   // never move while the table fills; only address space until used.
+   void reserveFor(uint32_t size) {
+      const size_t keys = std::min<size_t>(2 * size_t(size), size_t(1) << 21);
+      slots.reserve(keys + 1);
+      nodes.reserve(2 * keys + 1);
+      trie.reserve(2 * keys + 1);
    }
 
    uint32_t allocNode(uint32_t parent, const Bits& bits) {
@@ -127,13 +151,17 @@ struct KeyIndex {
       } else {
          n = uint32_t(nodes.size());
          nodes.emplace_back();
+         trie.emplace_back();
       }
       nodes[n].parent = parent;
-      nodes[n].bits = bits;
+      nodes[n].domain = bits.domain;
+      trie[n].hi = bits.hi;
+      trie[n].lo = bits.lo;
+      trie[n].depth = bits.depth;
       return n;
    }
    void setChild(uint32_t parent, uint32_t n) {
-      nodes[parent].child[nodes[n].bits.bit(nodes[parent].bits.depth)] = n;
+      trie[parent].child[trie[n].bit(trie[parent].depth)] = n;
       nodes[n].parent = parent;
    }
 
@@ -143,17 +171,16 @@ struct KeyIndex {
       auto [root, fresh] = roots.tryEmplace(b.domain, 0u);
       if (fresh) *root = allocNode(0, b.truncated(0));
       uint32_t n = *root;
-      while (nodes[n].bits.depth < b.depth) {
-         if (nodes[n].keys) up = n;
-         const uint32_t next = nodes[n].child[b.bit(nodes[n].bits.depth)];
+      while (trie[n].depth < b.depth) {
+         if (trie[n].keys) up = n;
+         const uint32_t next = trie[n].child[b.bit(trie[n].depth)];
          if (!next) {
             const uint32_t leaf = allocNode(n, b);
             setChild(n, leaf);
             return leaf;
          }
-         const unsigned nextDepth = nodes[next].bits.depth;
-         const unsigned common =
-             nodes[next].bits.commonPrefix(b, std::min<unsigned>(nextDepth, b.depth));
+         const unsigned nextDepth = trie[next].depth;
+         const unsigned common = trie[next].commonPrefix(b, std::min<unsigned>(nextDepth, b.depth));
          if (common == nextDepth) {
             n = next;
             continue;
@@ -173,18 +200,19 @@ struct KeyIndex {
    // Takes out a node that holds no keys and no longer branches (a domain's root only once
    // empty), then its parent if that no longer branches either.
    void prune(uint32_t n) {
-      while (n && !nodes[n].keys && !(nodes[n].child[0] && nodes[n].child[1])) {
+      while (n && !trie[n].keys && !(trie[n].child[0] && trie[n].child[1])) {
          const uint32_t p = nodes[n].parent;
-         const uint32_t only = nodes[n].child[0] | nodes[n].child[1];
+         const uint32_t only = trie[n].child[0] | trie[n].child[1];
          if (!p) {
             if (only) return;
-            roots.erase(nodes[n].bits.domain);
+            roots.erase(nodes[n].domain);
          } else if (only) {
             setChild(p, only);
          } else {
-            nodes[p].child[nodes[p].child[1] == n] = 0;
+            trie[p].child[trie[p].child[1] == n] = 0;
          }
          nodes[n] = Node{};
+         trie[n] = Link{};
          freeNodes.push_back(n);
          n = p;
       }
@@ -213,32 +241,26 @@ struct KeyIndex {
       node.up = node.prevKid = node.nextKid = 0;
    }
 
-   uint32_t ownMax(uint32_t n) const {
-      uint32_t v = 0;
-      for (uint32_t id = nodes[n].keys; id; id = slots[id].nextAtNode)
-         v = std::max(v, slots[id].contribution());
-      return v;
-   }
    // The largest contribution in the node's subtree, the node included.
-   uint32_t subMax(uint32_t n) const { return std::max(nodes[n].below, ownMax(n)); }
+   uint32_t subMax(uint32_t n) const { return std::max(nodes[n].below, nodes[n].own); }
 
    // Node n receives its first key: it takes over, from `up`, the nearest key-holding nodes below
    // it. Its own keys contribute nothing yet, so no aggregate above changes.
    void holdKeys(uint32_t n, uint32_t up) {
       uint32_t below = 0;
       stack.clear();
-      for (uint32_t c : nodes[n].child)
+      for (uint32_t c : trie[n].child)
          if (c) stack.push_back(c);
       while (!stack.empty()) {
          uint32_t c = stack.back();
          stack.pop_back();
-         if (nodes[c].keys) {
+         if (trie[c].keys) {
             unlinkKid(c);
             linkKid(n, c);
             below = std::max(below, subMax(c));
             continue;
          }
-         for (uint32_t g : nodes[c].child)
+         for (uint32_t g : trie[c].child)
             if (g) stack.push_back(g);
       }
       nodes[n].below = below;
@@ -265,7 +287,7 @@ struct KeyIndex {
          const uint32_t a = nodes[n].up;
          if (!a) return;
          Node& anc = nodes[a];
-         const uint32_t own = ownMax(a);
+         const uint32_t own = anc.own;
          const uint32_t ancBefore = std::max(anc.below, own);
          if (after > anc.below) {
             anc.below = after;
@@ -293,11 +315,14 @@ struct KeyIndex {
       const uint32_t after = s.contribution();
       if (before == after) return;
       const uint32_t n = s.node;
-      uint32_t others = 0;
-      for (uint32_t o = nodes[n].keys; o; o = slots[o].nextAtNode)
-         if (o != id) others = std::max(others, slots[o].contribution());
-      const uint32_t rest = std::max(nodes[n].below, others);
-      propagate(n, std::max(rest, before), std::max(rest, after));
+      Node& node = nodes[n];
+      const uint32_t ownBefore = node.own;
+      node.own = after;
+      if (node.keyCount > 1) {
+         for (uint32_t o = trie[n].keys; o; o = slots[o].nextAtNode)
+            node.own = std::max(node.own, slots[o].contribution());
+      }
+      propagate(n, std::max(node.below, ownBefore), std::max(node.below, node.own));
    }
 
    void markDirty(uint32_t id) {
@@ -316,10 +341,11 @@ struct KeyIndex {
    void releaseIfUnused(uint32_t id) {
       Slot& s = slots[id];
       if (!s.ranks.empty() || s.installed()) return;
-      uint32_t* link = &nodes[s.node].keys;
+      uint32_t* link = &trie[s.node].keys;
       while (*link != id)
          link = &slots[*link].nextAtNode;
       *link = s.nextAtNode;
+      --nodes[s.node].keyCount;
       if (s.dirtyAt != npos) {
          dirty[s.dirtyAt] = dirty.back();
          slots[dirty[s.dirtyAt]].dirtyAt = s.dirtyAt;
@@ -329,7 +355,7 @@ struct KeyIndex {
       ids.erase(s.key);
       s = Slot{};
       freeSlots.push_back(id);
-      if (!nodes[n].keys) {
+      if (!trie[n].keys) {
          dropKeys(n);
          prune(n);
       }
