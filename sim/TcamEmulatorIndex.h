@@ -15,7 +15,8 @@
 namespace VexloL3Common::sim::internal {
 
 // Keys of one family, each with the ranks of the entries that hold it and, when installed, its
-// home; and per domain a binary trie over the keys' bits (see the header for the idea).
+// home; and per domain a path-compressed binary trie over the keys' bits (see the header for the
+// idea).
 //
 // Key states live in a vector and keep their index (their slot id) for as long as the key is
 // indexed; a flat hash map finds the id of a key, and each entry remembers the ids of the keys it
