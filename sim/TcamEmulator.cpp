@@ -63,11 +63,23 @@ TcamEmulator::~TcamEmulator() = default;
 
 // ---- the table --------------------------------------------------------------------------------
 
-void TcamEmulator::setRaw(uint32_t pos, const TcamEntry& e) {
-   visitKeys(entries_[pos], pos, size(),
-             [&](const auto& k, uint32_t rank) { index_->of(k).removeRank(k, rank); });
+// ids: the key states of e's keys by half where the caller knows them (a move knows them from its
+// source; 0: look the key up), so that nothing is hashed. The new keys are added before the old
+// ones are removed: a key in both stays indexed, and so do the states the caller passed.
+void TcamEmulator::setRaw(uint32_t pos, const TcamEntry& e, const Held* ids) {
+   const TcamEntry old = entries_[pos];
+   const Held oldHeld = index_->held[pos];
+   Held held{};
    entries_[pos] = e;
-   visitKeys(e, pos, size(), [&](const auto& k, uint32_t rank) { index_->of(k).addRank(k, rank); });
+   visitHeldKeys(e, pos, size(), [&](const auto& k, uint32_t rank, unsigned half) {
+      auto& idx = index_->of(k);
+      held[half] = ids && (*ids)[half] ? (*ids)[half] : idx.get(k);
+      idx.addRank(held[half], rank);
+   });
+   index_->held[pos] = held;
+   visitHeldKeys(old, pos, size(), [&](const auto& k, uint32_t rank, unsigned half) {
+      index_->of(k).removeRank(oldHeld[half], rank);
+   });
 }
 
 // Empties an entry; a double-size pair does not survive losing either of its two entries.
@@ -81,17 +93,17 @@ void TcamEmulator::vacate(uint32_t pos) {
    if (kind != EntryKind::empty) setRaw(pos, TcamEntry{});
 }
 
-void TcamEmulator::store(uint32_t pos, const TcamEntry& e) {
+void TcamEmulator::store(uint32_t pos, const TcamEntry& e, const Held* ids) {
    settleMergeSource(pos);
    vacate(pos);
    if (e.kind == EntryKind::v6DoubleFirst) {
       vacate(pos + pairGap_);
-      setRaw(pos, e);
+      setRaw(pos, e, ids);
       TcamEntry second = e;
       second.kind = EntryKind::v6DoubleSecond;
       setRaw(pos + pairGap_, second);
    } else {
-      setRaw(pos, e);
+      setRaw(pos, e, ids);
    }
 }
 
@@ -106,11 +118,24 @@ void TcamEmulator::checkPos(const char* what, uint32_t pos, bool doubleSize) con
 // that a move had already overwritten there: the agent deletes it where it believes it is); the
 // routes written now live here.
 void TcamEmulator::callerWrite(uint32_t pos, const TcamEntry& e) {
-   store(pos, e);
+   // A key the entry holds already and that is installed keeps its state through the store (an
+   // agent rewriting one half of an entry keeps the other): no need to look it up.
+   Held ids{};
+   const TcamEntry& cur = entries_[pos];
+   const Held& curIds = index_->held[pos];
+   visitHeldKeys(e, pos, size(), [&](const auto& k, uint32_t, unsigned half) {
+      visitHeldKeys(cur, pos, size(), [&](const auto& c, uint32_t, unsigned h) {
+         if constexpr (std::is_same_v<decltype(&c), decltype(&k)>) {
+            if (c == k && index_->of(k).slots[curIds[h]].installed()) ids[half] = curIds[h];
+         }
+      });
+   });
+   store(pos, e, &ids);
    index_->uninstallAt(pos);
-   visitKeys(e, pos, size(), [&](const auto& k, uint32_t rank) {
-      auto& idx = index_->of(k);
-      idx.homeIs(idx.get(k), rank);
+   // The keys just written are held here, so their states outlived the uninstalling.
+   const Held held = index_->held[pos];
+   visitHeldKeys(e, pos, size(), [&](const auto& k, uint32_t rank, unsigned half) {
+      index_->of(k).homeIs(held[half], rank);
    });
 }
 

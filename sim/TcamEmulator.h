@@ -58,23 +58,30 @@
 // shadowing prefix named is the earliest one (then the shortest, then the smallest key); so both
 // checks word a violation identically.
 //
-// Complexity (L = 32, 128 or the multicast key length; n = number of entries):
-//   move, merge, write, clear       O(L) per key written or overwritten (a handful per move)
-//   checkAfterMove                  O(L) per key changed since the last check, plus O(L) per
+// Complexity (L = 32, 128 or the multicast key length; n = number of entries; d = how deeply the
+// installed prefixes nest, a handful in routing tables):
+//   move, merge                     O(d) per key moved, no hashing (entries remember the states of
+//                                   the keys they hold)
+//   write, clear                    one hash lookup per key written, plus a trie descent of O(L)
+//                                   for a key new to the index
+//   checkAfterMove                  O(d) per key changed since the last check, plus O(d) per
 //                                   violation it finds
 //   checkAll                        O(n L) with hash lookups of every truncation
 //   lookups                         O(n)
-// Per VRF and family a binary trie holds every key that some entry holds or that is installed;
-// each node keeps the largest first-holding rank of the installed routes in its subtree (rank =
-// position in search order). A key that gained or lost an entry is checked upward (walk its
-// ancestors: is one held earlier than it?) and downward (descend only into subtrees whose largest
-// rank exceeds the key's first rank: each such subtree holds a route the key shadows). Updating
-// a node walks to the root and stops at the first node whose value does not change.
+// Per VRF and family a path-compressed binary trie holds every key that some entry holds or that
+// is installed. The trie nodes holding keys form a tree of their own (each links to its nearest
+// ancestor holding a key), and each keeps the largest first-holding rank of the installed routes
+// strictly below it (rank = position in search order). A key that gained or lost an entry is
+// checked upward (climb the key-holding ancestors: is one held earlier than it?) and downward
+// (descend only into subtrees whose largest rank exceeds the key's first rank: each such subtree
+// holds a route the key shadows). A rank change climbs the key-holding ancestors and stops at the
+// first whose value does not change.
 //
 // Single event-loop thread: nothing here is locked. Attach only records that outlive the
 // attachment (or detach first).
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -255,9 +262,9 @@ class TcamEmulator {
 
    void checkPos(const char* what, uint32_t pos, bool doubleSize) const;
    bool posValid(uint32_t pos, bool doubleSize) const;
-   void store(uint32_t pos, const TcamEntry& e);
+   void store(uint32_t pos, const TcamEntry& e, const std::array<uint32_t, 2>* ids = nullptr);
    void vacate(uint32_t pos);
-   void setRaw(uint32_t pos, const TcamEntry& e);
+   void setRaw(uint32_t pos, const TcamEntry& e, const std::array<uint32_t, 2>* ids = nullptr);
    void callerWrite(uint32_t pos, const TcamEntry& e);
    void settleMergeSource(uint32_t pos);
    uint32_t rankOf(uint32_t pos, EntryKind kind) const;

@@ -94,9 +94,9 @@ bool misplaced(const Key& key, uint32_t homeRank, const CheckInput& in,
 
 // (d) A second copy of an installed route outlives the route's deletion; the source of a merge
 // keeps one until the agent rewrites it.
-template <class Key>
-bool copied(const Key& key, const std::vector<uint32_t>& ranks, uint32_t homeRank,
-            const CheckInput& in, std::vector<Violation>& out) {
+template <class Key, class Ranks>
+bool copied(const Key& key, const Ranks& ranks, uint32_t homeRank, const CheckInput& in,
+            std::vector<Violation>& out) {
    for (uint32_t r : ranks) {
       const uint32_t pos = posOfRank<Key>(r, in.size());
       if (r == homeRank ||
@@ -113,8 +113,8 @@ bool copied(const Key& key, const std::vector<uint32_t>& ranks, uint32_t homeRan
 }
 
 // (e) A double-size route matches only with its second entry at the pair gap.
-template <class Key>
-bool brokenPair(const Key& key, const std::vector<uint32_t>& ranks, const CheckInput& in,
+template <class Key, class Ranks>
+bool brokenPair(const Key& key, const Ranks& ranks, const CheckInput& in,
                 std::vector<Violation>& out) {
    if constexpr (isV6<Key>) {
       for (uint32_t r : ranks) {
@@ -138,48 +138,50 @@ template <class Key>
 void KeyIndex<Key>::evaluate(Slot& r, uint64_t stamp, const CheckInput& in,
                              std::vector<Violation>& out) {
    r.stamp = stamp;
-   if (!std::binary_search(r.ranks.begin(), r.ranks.end(), r.homeRank)) {
-      out.push_back(notHeld(*r.key, r.homeRank, in.entries));
+   if (!r.holds(r.homeRank)) {
+      out.push_back(notHeld(r.key, r.homeRank, in.entries));
       return;
    }
-   if (brokenPair(*r.key, r.ranks, in, out) || copied(*r.key, r.ranks, r.homeRank, in, out)) {
+   if (brokenPair(r.key, r.ranks, in, out) || copied(r.key, r.ranks, r.homeRank, in, out)) {
       return;
    }
    uint32_t first = r.first();
    Shadow<Key> best;
-   for (uint32_t n = nodes[r.node].parent; n; n = nodes[n].parent) {
-      for (const Slot* a = nodes[n].keys; a; a = a->nextAtNode) {
-         if (a->first() && a->first() < first) best.offer(a->first(), nodes[n].depth, *a->key);
+   // Only nodes that hold keys can shadow: climb those.
+   for (uint32_t n = nodes[r.node].up; n; n = nodes[n].up) {
+      for (uint32_t id = trie[n].keys; id; id = slots[id].nextAtNode) {
+         const Slot& a = slots[id];
+         if (a.first() && a.first() < first) best.offer(a.first(), trie[n].depth, a.key);
       }
    }
-   if (best.key) out.push_back(shadowed(*r.key, first, best, in.size()));
+   if (best.key) out.push_back(shadowed(r.key, first, best, in.size()));
 }
 
 template <class Key>
 void KeyIndex<Key>::checkDirty(uint64_t stamp, const CheckInput& in, std::vector<Violation>& out) {
-   for (Slot* s : dirty) {
-      if (s->installed() && s->stamp != stamp) evaluate(*s, stamp, in, out);
+   for (uint32_t id : dirty) {
+      Slot& s = slots[id];
+      if (s.installed() && s.stamp != stamp) evaluate(s, stamp, in, out);
       // Every installed route below that is first held after this key's first entry is
       // shadowed by it; only subtrees whose largest first rank lies beyond are entered.
-      uint32_t b = s->first();
-      if (!b) continue;
+      const uint32_t b = s.first();
+      if (!b || nodes[s.node].below <= b) continue;
       stack.clear();
-      for (uint32_t c : nodes[s->node].child) {
-         if (nodes[c].subMax > b) stack.push_back(c);
-      }
+      stack.push_back(s.node);
       while (!stack.empty()) {
-         uint32_t n = stack.back();
+         const uint32_t n = stack.back();
          stack.pop_back();
-         for (Slot* r = nodes[n].keys; r; r = r->nextAtNode) {
-            if (r->contribution() > b && r->stamp != stamp) evaluate(*r, stamp, in, out);
-         }
-         for (uint32_t c : nodes[n].child) {
-            if (nodes[c].subMax > b) stack.push_back(c);
+         for (uint32_t k = nodes[n].firstKid; k; k = nodes[k].nextKid) {
+            for (uint32_t rid = trie[k].keys; rid; rid = slots[rid].nextAtNode) {
+               Slot& r = slots[rid];
+               if (r.contribution() > b && r.stamp != stamp) evaluate(r, stamp, in, out);
+            }
+            if (nodes[k].below > b) stack.push_back(k);
          }
       }
    }
-   for (Slot* s : dirty)
-      s->dirtyAt = npos;
+   for (uint32_t id : dirty)
+      slots[id].dirtyAt = npos;
    dirty.clear();
 }
 
@@ -195,7 +197,7 @@ void KeyIndex<Key>::checkCross(const CheckInput& in, std::vector<Violation>& out
       if (s) s->queued = false;
       const uint32_t home = s ? s->homeRank : 0;
       // A route no longer held at its home is reported as such already.
-      if (home && !std::binary_search(s->ranks.begin(), s->ranks.end(), home)) continue;
+      if (home && !s->holds(home)) continue;
       misplaced(k, home, in, out);
    }
    crossCheck.clear();
@@ -216,8 +218,9 @@ void KeyIndex<Key>::checkAll(const CheckInput& in, std::vector<Violation>& out) 
          }
       });
    }
-   for (const auto& [key, slot] : slots) {
-      if (!slot.installed()) continue;
+   for (const Slot& slot : slots) {
+      if (!slot.live || !slot.installed()) continue;
+      const Key& key = slot.key;
       if (!holdsAt(in.entries, key, slot.homeRank)) {
          out.push_back(notHeld(key, slot.homeRank, in.entries));
          continue;

@@ -107,7 +107,9 @@ void TcamEmulator::applyFaultyMove(const RoutePosition& p) {
          vacate(dst);
          setRaw(dst, from);
          auto& idx = index_->v6;
-         if (auto* s = idx.find(from.v6); s && s->homeRank == src) idx.homeIs(*s, dst);
+         if (uint32_t id = idx.findId(from.v6); id && idx.slots[id].homeRank == src) {
+            idx.homeIs(id, dst);
+         }
          setRaw(src, TcamEntry{});
          ++moves_;
          break;
@@ -127,7 +129,7 @@ void TcamEmulator::applyFaultyMerge(const RouteMergeInfo& m) {
    if (to.kind != EntryKind::v4 || key.isNull()) return afterChange();
    (m.dstRouteType == EntryType::v4Left ? to.v4.right : to.v4.left) = key;
    setRaw(m.dstRouteId, to);
-   if (auto* s = index_->v4.find(key)) index_->v4.homeIs(*s, m.dstRouteId);
+   if (uint32_t id = index_->v4.findId(key)) index_->v4.homeIs(id, m.dstRouteId);
    pendingMergeSources_.push_back(m.srcRouteId);
    ++merges_;
    afterChange();

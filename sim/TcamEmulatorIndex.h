@@ -1,170 +1,92 @@
-// The emulator's index of the keys its entries hold: per family a hash of key states (the ranks of
-// the entries holding each key, its home when installed) and per domain a binary trie over the
-// keys' bits (see TcamEmulator.h for the idea). Shared by the emulator's own source files only.
+// The emulator's index of the keys its entries hold: per family a table of key states (the ranks of
+// the entries holding each key, its home when installed) and per domain a path-compressed binary
+// trie over the keys' bits (see TcamEmulator.h for the idea). Shared by the emulator's own source
+// files only.
 #pragma once
 
 #include <algorithm>
-#include <string>
-#include <type_traits>
-#include <unordered_map>
 #include <vector>
 
+#include "VexloL3Common/internal/FlatHashMap.h"
 #include "platform/Assert.h"
 #include "sim/TcamEmulator.h"
+#include "sim/TcamEmulatorKeys.h"
 
 namespace VexloL3Common::sim::internal {
 
-inline constexpr uint32_t npos = 0xFFFFFFFF;
-
-inline uint64_t topBits(unsigned n) {
-   return n == 0 ? 0 : n >= 64 ? ~0ull : ~0ull << (64 - n);
-}
-
-// A key as a bit string for the tries: the leading `depth` bits of hi:lo are significant, the rest
-// are zero. `domain` separates VRFs (and the multicast vrfIndex:tableId pairs).
-struct Bits {
-   uint32_t domain = 0;
-   uint8_t depth = 0;
-   uint64_t hi = 0;
-   uint64_t lo = 0;
-
-   unsigned bit(unsigned i) const {
-      return unsigned(i < 64 ? (hi >> (63 - i)) & 1 : (lo >> (127 - i)) & 1);
-   }
-   Bits truncated(unsigned d) const {
-      Bits r = *this;
-      r.depth = uint8_t(d);
-      r.hi &= topBits(std::min(d, 64u));
-      r.lo &= topBits(d > 64 ? d - 64 : 0);
-      return r;
-   }
-   bool operator==(const Bits&) const = default;
-};
-
-struct BitsHash {
-   size_t operator()(const Bits& b) const {
-      size_t s = Ulo::hashMix(0, (uint64_t(b.domain) << 8) | b.depth);
-      return Ulo::hashMix(Ulo::hashMix(s, b.hi), b.lo);
-   }
-};
-
-inline Bits bitsOf(const Ipv4UcastKey& k) {
-   return Bits{k.vrfId.value(), k.prefix.len(), uint64_t(k.prefix.addr()) << 32, 0};
-}
-
-inline Bits bitsOf(const Ipv6UcastKey& k) {
-   uint64_t hi = 0, lo = 0;
-   const auto& b = k.prefix.bytes();
-   for (unsigned i = 0; i < 8; ++i) {
-      hi = (hi << 8) | b[i];
-      lo = (lo << 8) | b[i + 8];
-   }
-   return Bits{k.vrfId.value(), k.prefix.len(), hi, lo};
-}
-
-// Group then source; the key constrains min(len, 64) bits and is as deep as its length, so keys
-// longer than 64 with the same 64 bits form a chain, the longer one the more specific.
-inline Bits bitsOf(const IpMcastPrefixKey& k) {
-   unsigned constrained = std::min<unsigned>(k.len, 64);
-   uint64_t hi = (uint64_t(k.group.v4Addr()) << 32) | k.source.v4Addr();
-   return Bits{(uint32_t(k.vrfIndex) << 16) | k.tableId, uint8_t(std::min<unsigned>(k.len, 128)),
-               hi & topBits(constrained), 0};
-}
-
-// Calls f(key, rank) for every route an entry holds. The rank is the entry's place in search
-// order: single-size IPv6 entries come after every double-size one.
-template <class F>
-void visitKeys(const TcamEntry& e, uint32_t pos, uint32_t size, F&& f) {
-   switch (e.kind) {
-      case EntryKind::v4:
-         if (!e.v4.right.isNull()) f(e.v4.right, pos);
-         if (!e.v4.left.isNull()) f(e.v4.left, pos);
-         break;
-      case EntryKind::v6Single:
-         f(e.v6, size + pos);
-         break;
-      case EntryKind::v6DoubleFirst:
-         f(e.v6, pos);
-         break;
-      case EntryKind::mcast:
-         f(e.mcast, pos);
-         break;
-      case EntryKind::empty:
-      case EntryKind::v6DoubleSecond:
-         break;
-   }
-}
-
-template <class Key>
-inline constexpr bool isV6 = std::is_same_v<Key, Ipv6UcastKey>;
-
-template <class Key>
-uint32_t posOfRank(uint32_t rank, uint32_t size) {
-   return isV6<Key> && rank >= size ? rank - size : rank;
-}
-
-template <class Key>
-std::string where(uint32_t rank, uint32_t size) {
-   if constexpr (isV6<Key>) {
-      return rank >= size ? fmt::format("entry {} (single)", rank - size)
-                          : fmt::format("entry {} (double)", rank);
-   } else {
-      return fmt::format("entry {}", rank);
-   }
-}
-
-// What the checks read besides the index: the entries, the pair geometry, the model's view (its
-// functions may be empty) and the merge sources the agent has yet to rewrite.
-struct CheckInput {
-   const std::vector<TcamEntry>& entries;
-   uint32_t pairGap;
-   const ModelView& model;
-   const std::vector<uint32_t>& pendingMergeSources;
-
-   uint32_t size() const { return uint32_t(entries.size()); }
-};
-
 // Keys of one family, each with the ranks of the entries that hold it and, when installed, its
-// home; and per domain a binary trie over the keys' bits (see the header for the idea).
+// home; and per domain a path-compressed binary trie over the keys' bits (see the header for the
+// idea).
+//
+// Key states live in a vector and keep their index (their slot id) for as long as the key is
+// indexed; a flat hash map finds the id of a key, and each entry remembers the ids of the keys it
+// holds (Held), so that a move hashes nothing. Trie nodes that hold keys are linked into a tree
+// of their own: `up` is the nearest ancestor holding a key, and the aggregate `below` (the
+// largest first rank of an installed route strictly below the node) is kept over that tree only.
+// Routes rarely nest more than a few deep, so a rank change climbs a few nodes rather than the
+// whole trie, and a climb stops as soon as an ancestor's value stays.
 template <class Key>
 struct KeyIndex {
    struct Slot {
-      const Key* key = nullptr;
-      Bits bits;
-      std::vector<uint32_t>
-          ranks;              // ascending; an entry holding the key in both halves counts twice
+      Key key;
+      RankList ranks;         // an entry holding the key in both halves counts twice
       uint32_t homeRank = 0;  // 0: not installed
       uint32_t node = 0;
-      Slot* nextAtNode = nullptr;
-      Slot* nextAtHome = nullptr;
+      uint32_t nextAtNode = 0;  // slot ids; 0 ends a list
+      uint32_t nextAtHome = 0;
       uint32_t dirtyAt = npos;
       uint64_t stamp = 0;
       bool queued = false;  // in crossCheck
+      bool live = false;
 
       bool installed() const { return homeRank != 0; }
       uint32_t first() const { return ranks.empty() ? 0 : ranks.front(); }
+      bool holds(uint32_t rank) const {
+         return std::binary_search(ranks.begin(), ranks.end(), rank);
+      }
       // What the trie aggregates: the first rank of an installed, held route.
       uint32_t contribution() const { return installed() ? first() : 0; }
    };
 
-   struct Node {
+   // A node of the path-compressed trie: every node that holds keys, every branch point, and
+   // the domain's root (depth 0). What a descent reads is kept apart, two nodes to a cache line.
+   struct Link {
+      uint64_t hi = 0;  // the prefix the node stands for, as in Bits
+      uint64_t lo = 0;
       uint32_t child[2] = {0, 0};
-      uint32_t parent = 0;
-      uint32_t subMax = 0;  // largest contribution in the subtree, 0 for none
-      uint32_t domain = 0;
+      uint32_t keys = 0;  // slot id of the first key here
       uint8_t depth = 0;
-      Slot* keys = nullptr;
+
+      unsigned bit(unsigned i) const { return Bits{0, 0, hi, lo}.bit(i); }
+      unsigned commonPrefix(const Bits& b, unsigned limit) const {
+         return Bits{0, 0, hi, lo}.commonPrefix(b, limit);
+      }
+   };
+   struct Node {
+      uint32_t parent = 0;
+      // Among nodes holding keys: the nearest such ancestor, and the nodes whose `up` this is.
+      uint32_t up = 0;
+      uint32_t firstKid = 0;
+      uint32_t nextKid = 0;
+      uint32_t prevKid = 0;
+      uint32_t below = 0;  // largest contribution strictly below, 0 for none (nodes with keys)
+      uint32_t own = 0;    // largest contribution of the keys here
+      uint32_t keyCount = 0;
+      uint32_t domain = 0;
    };
 
-   std::unordered_map<Key, Slot> slots;
-   std::vector<Node> nodes = std::vector<Node>(1);  // node 0 stands for "none"
+   std::vector<Slot> slots = std::vector<Slot>(1);  // slot 0 stands for "none"
+   std::vector<uint32_t> freeSlots;
+   VexloL3Common::internal::FlatHashMap<Key, uint32_t> ids;
+   std::vector<Link> trie = std::vector<Link>(1);  // node 0 stands for "none"
+   std::vector<Node> nodes = std::vector<Node>(1);
    std::vector<uint32_t> freeNodes;
-   std::unordered_map<uint32_t, uint32_t> roots;
-   std::vector<Slot*> dirty;
+   VexloL3Common::internal::FlatHashMap<uint32_t, uint32_t> roots;
+   std::vector<uint32_t> dirty;  // slot ids
    std::vector<uint32_t> stack;  // scratch for descents
    size_t installedCount = 0;
    uint32_t tableSize;
-   std::vector<Slot*> homeHead;  // per entry, the installed keys that live there
+   std::vector<uint32_t> homeHead;  // per entry, the installed keys that live there
    // While the model's view is cross-checked: every key changed since the last cross-check, by
    // value (a route the hardware lost entirely has left the index, and only this list remembers
    // it). The model and the hardware agree only between operations, so the check after each move
@@ -172,31 +94,57 @@ struct KeyIndex {
    std::vector<Key> crossCheck;
    bool crossChecking = false;
 
-   explicit KeyIndex(uint32_t size) : tableSize(size), homeHead(size, nullptr) {}
+   explicit KeyIndex(uint32_t size) : tableSize(size), homeHead(size, 0) {}
 
+   uint32_t findId(const Key& k) const {
+      const uint32_t* id = ids.find(k);
+      return id ? *id : 0;
+   }
    Slot* find(const Key& k) {
-      auto it = slots.find(k);
-      return it == slots.end() ? nullptr : &it->second;
+      uint32_t id = findId(k);
+      return id ? &slots[id] : nullptr;
    }
    const Slot* find(const Key& k) const {
-      auto it = slots.find(k);
-      return it == slots.end() ? nullptr : &it->second;
+      uint32_t id = findId(k);
+      return id ? &slots[id] : nullptr;
    }
 
-   Slot& get(const Key& k) {
-      auto [it, inserted] = slots.try_emplace(k);
-      Slot& s = it->second;
-      if (inserted) {
-         s.key = &it->first;
-         s.bits = bitsOf(k);
-         s.node = pathTo(s.bits);
-         s.nextAtNode = nodes[s.node].keys;
-         nodes[s.node].keys = &s;
+   // The id of the key's state, created (and placed in the trie) when the key is new.
+   uint32_t get(const Key& k) {
+      auto [idp, inserted] = ids.tryEmplace(k, 0u);
+      if (!inserted) return *idp;
+      if (slots.size() == 1) reserveFor(tableSize);
+      uint32_t id;
+      if (!freeSlots.empty()) {
+         id = freeSlots.back();
+         freeSlots.pop_back();
+      } else {
+         id = uint32_t(slots.size());
+         slots.emplace_back();
       }
-      return s;
+      *idp = id;
+      Slot& s = slots[id];
+      s.key = k;
+      s.live = true;
+      uint32_t up = 0;
+      s.node = pathTo(bitsOf(k), up);
+      if (!trie[s.node].keys) holdKeys(s.node, up);
+      s.nextAtNode = trie[s.node].keys;
+      trie[s.node].keys = id;
+      ++nodes[s.node].keyCount;
+      return id;
    }
 
-   uint32_t allocNode(uint32_t parent, unsigned depth, uint32_t domain) {
+   // Room for a full table's keys (two to an entry) from the first key on, so that the vectors
+   // never move while the table fills; only address space until used.
+   void reserveFor(uint32_t size) {
+      const size_t keys = std::min<size_t>(2 * size_t(size), size_t(1) << 21);
+      slots.reserve(keys + 1);
+      nodes.reserve(2 * keys + 1);
+      trie.reserve(2 * keys + 1);
+   }
+
+   uint32_t allocNode(uint32_t parent, const Bits& bits) {
       uint32_t n;
       if (!freeNodes.empty()) {
          n = freeNodes.back();
@@ -204,126 +152,256 @@ struct KeyIndex {
       } else {
          n = uint32_t(nodes.size());
          nodes.emplace_back();
+         trie.emplace_back();
       }
       nodes[n].parent = parent;
-      nodes[n].depth = uint8_t(depth);
-      nodes[n].domain = domain;
+      nodes[n].domain = bits.domain;
+      trie[n].hi = bits.hi;
+      trie[n].lo = bits.lo;
+      trie[n].depth = bits.depth;
       return n;
    }
+   void setChild(uint32_t parent, uint32_t n) {
+      trie[parent].child[trie[n].bit(trie[parent].depth)] = n;
+      nodes[n].parent = parent;
+   }
 
-   uint32_t pathTo(const Bits& b) {
-      auto it = roots.find(b.domain);
-      uint32_t n = it != roots.end() ? it->second : (roots[b.domain] = allocNode(0, 0, b.domain));
-      for (unsigned d = 0; d < b.depth; ++d) {
-         unsigned c = b.bit(d);
-         uint32_t next = nodes[n].child[c];
+   // The node of the bits, created when missing (with a branch point where the new node's path
+   // leaves an existing edge); up: the nearest strict ancestor that holds keys.
+   uint32_t pathTo(const Bits& b, uint32_t& up) {
+      auto [root, fresh] = roots.tryEmplace(b.domain, 0u);
+      if (fresh) *root = allocNode(0, b.truncated(0));
+      uint32_t n = *root;
+      while (trie[n].depth < b.depth) {
+         if (trie[n].keys) up = n;
+         const uint32_t next = trie[n].child[b.bit(trie[n].depth)];
          if (!next) {
-            next = allocNode(n, d + 1, b.domain);
-            nodes[n].child[c] = next;
+            const uint32_t leaf = allocNode(n, b);
+            setChild(n, leaf);
+            return leaf;
          }
-         n = next;
+         const unsigned nextDepth = trie[next].depth;
+         const unsigned common = trie[next].commonPrefix(b, std::min<unsigned>(nextDepth, b.depth));
+         if (common == nextDepth) {
+            n = next;
+            continue;
+         }
+         // b leaves the edge to `next` at depth `common`: b itself, or a branch point, goes there.
+         const uint32_t mid = allocNode(n, b.truncated(common));
+         setChild(n, mid);
+         setChild(mid, next);
+         if (common == b.depth) return mid;
+         const uint32_t leaf = allocNode(mid, b);
+         setChild(mid, leaf);
+         return leaf;
       }
       return n;
    }
 
-   // Recomputes subMax from the node up; ancestors depend only on their children, so the walk
-   // stops at the first node whose value stays.
-   void update(uint32_t n) {
-      while (n) {
-         Node& node = nodes[n];
-         uint32_t v = std::max(nodes[node.child[0]].subMax, nodes[node.child[1]].subMax);
-         for (Slot* s = node.keys; s; s = s->nextAtNode)
-            v = std::max(v, s->contribution());
-         if (v == node.subMax) return;
-         node.subMax = v;
-         n = node.parent;
-      }
-   }
-
-   void markDirty(Slot& s) {
-      if (crossChecking && !s.queued) {
-         s.queued = true;
-         crossCheck.push_back(*s.key);
-      }
-      if (s.dirtyAt != npos) return;
-      s.dirtyAt = uint32_t(dirty.size());
-      dirty.push_back(&s);
-   }
-
-   // A key that no entry holds and nobody installed leaves the index (it can neither be shadowed
-   // nor shadow anything), together with the trie nodes that only led to it.
-   void releaseIfUnused(Slot& s) {
-      if (!s.ranks.empty() || s.installed()) return;
-      Slot** link = &nodes[s.node].keys;
-      while (*link != &s)
-         link = &(*link)->nextAtNode;
-      *link = s.nextAtNode;
-      if (s.dirtyAt != npos) {
-         dirty[s.dirtyAt] = dirty.back();
-         dirty[s.dirtyAt]->dirtyAt = s.dirtyAt;
-         dirty.pop_back();
-      }
-      uint32_t n = s.node;
-      slots.erase(slots.find(*s.key));  // not by key: the key lives in the erased node
-      while (n && !nodes[n].keys && !nodes[n].child[0] && !nodes[n].child[1]) {
-         uint32_t p = nodes[n].parent;
-         if (p) {
-            nodes[p].child[nodes[p].child[1] == n] = 0;
-         } else {
+   // Takes out a node that holds no keys and no longer branches (a domain's root only once
+   // empty), then its parent if that no longer branches either.
+   void prune(uint32_t n) {
+      while (n && !trie[n].keys && !(trie[n].child[0] && trie[n].child[1])) {
+         const uint32_t p = nodes[n].parent;
+         const uint32_t only = trie[n].child[0] | trie[n].child[1];
+         if (!p) {
+            if (only) return;
             roots.erase(nodes[n].domain);
+         } else if (only) {
+            setChild(p, only);
+         } else {
+            trie[p].child[trie[p].child[1] == n] = 0;
          }
          nodes[n] = Node{};
+         trie[n] = Link{};
          freeNodes.push_back(n);
          n = p;
       }
    }
 
-   void addRank(const Key& k, uint32_t rank) {
-      Slot& s = get(k);
-      uint32_t before = s.contribution();
-      s.ranks.insert(std::upper_bound(s.ranks.begin(), s.ranks.end(), rank), rank);
-      if (s.contribution() != before) update(s.node);
-      markDirty(s);
+   // ---- the tree of nodes holding keys ----
+   void linkKid(uint32_t parent, uint32_t n) {
+      Node& node = nodes[n];
+      node.up = parent;
+      node.prevKid = 0;
+      node.nextKid = 0;
+      if (!parent) return;
+      node.nextKid = nodes[parent].firstKid;
+      if (node.nextKid) nodes[node.nextKid].prevKid = n;
+      nodes[parent].firstKid = n;
+   }
+   void unlinkKid(uint32_t n) {
+      Node& node = nodes[n];
+      if (!node.up) return;
+      if (node.prevKid) {
+         nodes[node.prevKid].nextKid = node.nextKid;
+      } else {
+         nodes[node.up].firstKid = node.nextKid;
+      }
+      if (node.nextKid) nodes[node.nextKid].prevKid = node.prevKid;
+      node.up = node.prevKid = node.nextKid = 0;
    }
 
-   void removeRank(const Key& k, uint32_t rank) {
-      Slot* s = find(k);
-      VEXLO_ASSERT_MSG(s, "TcamEmulator: key indexed", "key: ", k, ", rank: ", rank);
-      auto it = std::lower_bound(s->ranks.begin(), s->ranks.end(), rank);
-      VEXLO_ASSERT_MSG(it != s->ranks.end() && *it == rank, "TcamEmulator: rank indexed",
-                       "key: ", k, ", rank: ", rank);
-      uint32_t before = s->contribution();
-      s->ranks.erase(it);
-      if (s->contribution() != before) update(s->node);
-      markDirty(*s);
-      releaseIfUnused(*s);
+   // The largest contribution in the node's subtree, the node included.
+   uint32_t subMax(uint32_t n) const { return std::max(nodes[n].below, nodes[n].own); }
+
+   // Node n receives its first key: it takes over, from `up`, the nearest key-holding nodes below
+   // it. Its own keys contribute nothing yet, so no aggregate above changes.
+   void holdKeys(uint32_t n, uint32_t up) {
+      uint32_t below = 0;
+      stack.clear();
+      for (uint32_t c : trie[n].child)
+         if (c) stack.push_back(c);
+      while (!stack.empty()) {
+         uint32_t c = stack.back();
+         stack.pop_back();
+         if (trie[c].keys) {
+            unlinkKid(c);
+            linkKid(n, c);
+            below = std::max(below, subMax(c));
+            continue;
+         }
+         for (uint32_t g : trie[c].child)
+            if (g) stack.push_back(g);
+      }
+      nodes[n].below = below;
+      linkKid(up, n);
    }
 
-   void homeIs(Slot& s, uint32_t rank) {
+   // Node n lost its last key (which contributed nothing): its kids go to its own `up`.
+   void dropKeys(uint32_t n) {
+      const uint32_t up = nodes[n].up;
+      unlinkKid(n);
+      for (uint32_t k = nodes[n].firstKid; k;) {
+         uint32_t next = nodes[k].nextKid;
+         linkKid(up, k);
+         k = next;
+      }
+      nodes[n].firstKid = 0;
+      nodes[n].below = 0;
+   }
+
+   // The subtree maximum of n went from `before` to `after`: the ancestors holding keys follow,
+   // and the climb stops at the first whose `below` stays.
+   void propagate(uint32_t n, uint32_t before, uint32_t after) {
+      while (before != after) {
+         const uint32_t a = nodes[n].up;
+         if (!a) return;
+         Node& anc = nodes[a];
+         const uint32_t own = anc.own;
+         const uint32_t ancBefore = std::max(anc.below, own);
+         if (after > anc.below) {
+            anc.below = after;
+         } else if (before == anc.below) {
+            uint32_t v = 0;  // n held the maximum: the kids decide
+            for (uint32_t k = anc.firstKid; k; k = nodes[k].nextKid)
+               v = std::max(v, subMax(k));
+            if (v == anc.below) return;
+            anc.below = v;
+         } else {
+            return;
+         }
+         n = a;
+         before = ancBefore;
+         after = std::max(anc.below, own);
+      }
+   }
+
+   // Applies f to the slot and brings the aggregates up to date.
+   template <class F>
+   void changeSlot(uint32_t id, F&& f) {
+      Slot& s = slots[id];
+      const uint32_t before = s.contribution();
+      f(s);
+      const uint32_t after = s.contribution();
+      if (before == after) return;
+      const uint32_t n = s.node;
+      Node& node = nodes[n];
+      const uint32_t ownBefore = node.own;
+      node.own = after;
+      if (node.keyCount > 1) {
+         for (uint32_t o = trie[n].keys; o; o = slots[o].nextAtNode)
+            node.own = std::max(node.own, slots[o].contribution());
+      }
+      propagate(n, std::max(node.below, ownBefore), std::max(node.below, node.own));
+   }
+
+   void markDirty(uint32_t id) {
+      Slot& s = slots[id];
+      if (crossChecking && !s.queued) {
+         s.queued = true;
+         crossCheck.push_back(s.key);
+      }
+      if (s.dirtyAt != npos) return;
+      s.dirtyAt = uint32_t(dirty.size());
+      dirty.push_back(id);
+   }
+
+   // A key that no entry holds and nobody installed leaves the index (it can neither be shadowed
+   // nor shadow anything), together with the trie nodes that only led to it.
+   void releaseIfUnused(uint32_t id) {
+      Slot& s = slots[id];
+      if (!s.ranks.empty() || s.installed()) return;
+      uint32_t* link = &trie[s.node].keys;
+      while (*link != id)
+         link = &slots[*link].nextAtNode;
+      *link = s.nextAtNode;
+      --nodes[s.node].keyCount;
+      if (s.dirtyAt != npos) {
+         dirty[s.dirtyAt] = dirty.back();
+         slots[dirty[s.dirtyAt]].dirtyAt = s.dirtyAt;
+         dirty.pop_back();
+      }
+      uint32_t n = s.node;
+      ids.erase(s.key);
+      s = Slot{};
+      freeSlots.push_back(id);
+      if (!trie[n].keys) {
+         dropKeys(n);
+         prune(n);
+      }
+   }
+
+   void addRank(uint32_t id, uint32_t rank) {
+      changeSlot(id, [&](Slot& s) { s.ranks.insert(rank); });
+      markDirty(id);
+   }
+
+   void removeRank(uint32_t id, uint32_t rank) {
+      VEXLO_ASSERT_MSG(id && slots[id].live, "TcamEmulator: key indexed", "slot: ", id,
+                       ", rank: ", rank);
+      bool found = true;
+      changeSlot(id, [&](Slot& s) { found = s.ranks.erase(rank); });
+      VEXLO_ASSERT_MSG(found, "TcamEmulator: rank indexed", "key: ", slots[id].key,
+                       ", rank: ", rank);
+      markDirty(id);
+      releaseIfUnused(id);
+   }
+
+   void homeIs(uint32_t id, uint32_t rank) {
+      Slot& s = slots[id];
       if (s.homeRank == rank) return;
-      uint32_t before = s.contribution();
       if (s.installed()) {
          --installedCount;
-         Slot** link = &homeHead[posOfRank<Key>(s.homeRank, tableSize)];
-         while (*link != &s)
-            link = &(*link)->nextAtHome;
+         uint32_t* link = &homeHead[posOfRank<Key>(s.homeRank, tableSize)];
+         while (*link != id)
+            link = &slots[*link].nextAtHome;
          *link = s.nextAtHome;
       }
       if (rank != 0) {
          ++installedCount;
-         Slot*& head = homeHead[posOfRank<Key>(rank, tableSize)];
+         uint32_t& head = homeHead[posOfRank<Key>(rank, tableSize)];
          s.nextAtHome = head;
-         head = &s;
+         head = id;
       }
-      s.homeRank = rank;
-      if (s.contribution() != before) update(s.node);
-      markDirty(s);
-      releaseIfUnused(s);
+      changeSlot(id, [&](Slot& t) { t.homeRank = rank; });
+      markDirty(id);
+      releaseIfUnused(id);
    }
 
    // Marks the key's slot for the next check, when the key is indexed.
    void touch(const Key& k) {
-      if (Slot* s = find(k)) markDirty(*s);
+      if (uint32_t id = findId(k)) markDirty(id);
    }
 
    // The checks (TcamEmulatorCheck.cpp): evaluate, every check of one installed route in order,
@@ -341,17 +419,18 @@ struct KeyIndex {
 namespace VexloL3Common::sim {
 
 struct TcamEmulator::Index {
-   explicit Index(uint32_t size) : v4(size), v6(size), mcast(size) {}
+   explicit Index(uint32_t size) : v4(size), v6(size), mcast(size), held(size) {}
 
    internal::KeyIndex<Ipv4UcastKey> v4;
    internal::KeyIndex<Ipv6UcastKey> v6;
    internal::KeyIndex<IpMcastPrefixKey> mcast;
+   std::vector<internal::Held> held;  // per entry
    uint64_t stamp = 0;
 
    template <class Key>
    void uninstallAt(internal::KeyIndex<Key>& idx, uint32_t pos) {
-      while (auto* s = idx.homeHead[pos])
-         idx.homeIs(*s, 0);
+      while (uint32_t id = idx.homeHead[pos])
+         idx.homeIs(id, 0);
    }
    void uninstallAt(uint32_t pos) {
       uninstallAt(v4, pos);

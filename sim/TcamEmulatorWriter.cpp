@@ -119,10 +119,11 @@ void TcamEmulator::applyMove(const RoutePosition& p) {
    }
    // A stale copy means the model and the hardware disagree about where a route lives.
    const uint32_t srcRank = rankOf(src, from.kind);
+   const Held ids = index_->held[src];
    std::string stale;
-   visitKeys(from, src, size(), [&](const auto& k, uint32_t) {
-      const auto* s = index_->of(k).find(k);
-      if (!s || !s->installed()) {
+   visitHeldKeys(from, src, size(), [&](const auto& k, uint32_t, unsigned half) {
+      const auto* s = &index_->of(k).slots[ids[half]];
+      if (!s->installed()) {
          stale += fmt::format(" {} is not installed;", k);
       } else if (s->homeRank != srcRank) {
          stale += fmt::format(" {} lives at {};", k,
@@ -131,11 +132,11 @@ void TcamEmulator::applyMove(const RoutePosition& p) {
    });
    if (!stale.empty()) return fail(fmt::format("the source holds a stale copy:{}", stale));
 
-   store(dst, to);
+   store(dst, to, &ids);
    const uint32_t dstRank = rankOf(dst, to.kind);
-   visitKeys(from, src, size(), [&](const auto& k, uint32_t) {
+   visitHeldKeys(from, src, size(), [&](const auto& k, uint32_t, unsigned half) {
       auto& idx = index_->of(k);
-      if (auto* s = idx.find(k); s && s->homeRank == srcRank) idx.homeIs(*s, dstRank);
+      if (idx.slots[ids[half]].homeRank == srcRank) idx.homeIs(ids[half], dstRank);
    });
    // The contents now belong at the destination: the source is invalidated, so that a route
    // moved out of an entry that nothing reuses cannot outlive its deletion there.
@@ -165,13 +166,15 @@ void TcamEmulator::applyMerge(const RouteMergeInfo& m) {
    if (to.kind != EntryKind::v4 || !half.isNull()) {
       return fail(fmt::format("the destination half is not free; the destination holds {}", to));
    }
-   auto* slot = index_->v4.find(key);
-   if (!slot || slot->homeRank != m.srcRouteId) {
+   const uint32_t id = index_->held[m.srcRouteId][m.srcRouteType == EntryType::v4Left];
+   if (index_->v4.slots[id].homeRank != m.srcRouteId) {
       return fail(fmt::format("the source half holds a stale copy of {}", key));
    }
    half = key;
-   setRaw(m.dstRouteId, to);
-   index_->v4.homeIs(*index_->v4.find(key), m.dstRouteId);
+   Held ids = index_->held[m.dstRouteId];
+   ids[m.dstRouteType == EntryType::v4Left] = id;
+   setRaw(m.dstRouteId, to, &ids);
+   index_->v4.homeIs(id, m.dstRouteId);
    pendingMergeSources_.push_back(m.srcRouteId);
    ++merges_;
    afterChange();

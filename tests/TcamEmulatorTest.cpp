@@ -323,6 +323,48 @@ TEST(TcamEmulatorCheck, ShorterCoveringPrefixFirstIsReportedByBothChecks) {
    }
 }
 
+// The incremental check finds the routes a prefix shadows through the prefixes between them, so
+// it must follow prefixes written above routes already there, taken out from between, and
+// written between again. After every step it names what the full check newly names.
+TEST(TcamEmulatorCheck, ShadowingIsFoundThroughPrefixesWrittenAboveAndRemovedBetween) {
+   TcamEmulator emu(64, 16);
+   emu.checkEveryMoveIs(false);
+   auto routes = [](const std::vector<Violation>& v) {
+      std::vector<std::string> out;
+      for (const auto& x : v)
+         out.push_back(x.route);
+      return out;
+   };
+   v4At(5, "10.1.1.0/24")(emu);
+   v4At(9, "10.1.0.0/16")(emu);
+   EXPECT_THAT(emu.checkAfterMove(), IsEmpty());
+
+   v4At(3, "10.0.0.0/8")(emu);  // above both, and before them
+   auto inc = emu.checkAfterMove();
+   EXPECT_EQ(messages(inc), messages(emu.checkAll()));
+   EXPECT_THAT(routes(inc), ElementsAre("10.1.0.0/16(vrf1)", "10.1.1.0/24(vrf1)"));
+
+   emu.clear(9);  // the /16 goes: the /24 is still shadowed, and was reported already
+   EXPECT_THAT(emu.checkAfterMove(), IsEmpty());
+   EXPECT_THAT(routes(emu.checkAll()), ElementsAre("10.1.1.0/24(vrf1)"));
+
+   emu.applyMove(mv(3, 20));
+   EXPECT_THAT(emu.checkAfterMove(), IsEmpty());
+   EXPECT_THAT(emu.checkAll(), IsEmpty());
+
+   emu.applyMove(mv(20, 2));  // back before the /24, now directly above it
+   inc = emu.checkAfterMove();
+   EXPECT_EQ(messages(inc), messages(emu.checkAll()));
+   EXPECT_THAT(messages(inc), ElementsAre("route 10.1.1.0/24(vrf1) first held at entry 5 is "
+                                          "shadowed by shorter 10.0.0.0/8(vrf1) at entry 2"));
+
+   v4At(1, "10.1.1.0/25")(emu);  // below the /24 and first: harmless
+   v4At(4, "10.1.0.0/20")(emu);  // between the /8 and the /24, after the /8
+   inc = emu.checkAfterMove();
+   EXPECT_EQ(messages(inc), messages(emu.checkAll()));
+   EXPECT_THAT(routes(inc), ElementsAre("10.1.0.0/20(vrf1)", "10.1.1.0/24(vrf1)"));
+}
+
 // ---- incremental against full, on random tables --------------------------------------------
 
 // Few distinct leading bits, so that random prefixes often nest.
