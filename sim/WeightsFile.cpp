@@ -42,8 +42,10 @@ std::string parseLine(const std::vector<std::string_view>& words, PlacementWeigh
                       std::vector<uint32_t>& firstLine, uint32_t line) {
    if (words.size() != 3) {
       std::string text;
-      for (std::string_view word : words)
-         text += (text.empty() ? "" : " ") + std::string(word);
+      for (std::string_view word : words) {
+         if (!text.empty()) text += ' ';
+         text.append(word);
+      }
       return fmt::format("expected 'v4 /LENGTH WEIGHT' or 'v6 /LENGTH WEIGHT', got '{}'",
                          clipped(text));
    }
