@@ -6,7 +6,7 @@
 #   make test-sanitize   the same under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make bench           Release build, runs every benchmark program (BENCH_ARGS passed on)
 #   make install         Release build installed to $(PREFIX) (default /usr/local), honours DESTDIR
-#   make fuzz            clang FUZZ_PRESET (fuzz: with ASan; fuzz-fast: optimised, no ASan), every
+#   make fuzz            clang FUZZ_PRESET (fuzz: with ASan; fuzz-fast: optimised, no ASan, no cmp tracing), every
 #                        libFuzzer target run FUZZ_SECONDS (default 600), inputs capped at
 #                        FUZZ_MAX_STEPS route operations (default 128)
 #   make fuzz-smoke      a few minutes, fixed seed and FUZZ_SMOKE_RUNS inputs (CI)
