@@ -7,6 +7,7 @@
 
 #include <unordered_set>
 
+#include "SimulationSupport.h"
 #include "TcamFixture.h"
 #include "sim/AnnounceSource.h"
 #include "sim/Simulation.h"
@@ -15,22 +16,9 @@
 namespace VexloL3Common::sim {
 namespace {
 
-using testing::layout;
 
-SimulationConfig small(uint32_t mcastSize = 0) {
-   SimulationConfig c;
-   c.unicast = layout(1024, 2, 8);
-   c.mcastSize = mcastSize;
-   c.check = true;
-   return c;
-}
-
-std::vector<Route> v4Routes(uint32_t n, uint32_t len, uint32_t first = 0) {
-   std::vector<Route> out;
-   for (uint32_t i = first; i < first + n; ++i)
-      out.push_back(Route::of(Ipv4UcastKey(VrfId(1), Ulo::Prefix(i << (32 - len), uint8_t(len)))));
-   return out;
-}
+using testing_support::small;
+using testing_support::v4Routes;
 
 TEST(AnnounceSource, ListSkipsWhatIsAnnouncedStartsOverAndRunsDry) {
    const std::vector<Route> list = v4Routes(3, 24, 100);
