@@ -107,6 +107,76 @@ void TcamEmulator::store(uint32_t pos, const TcamEntry& e, const Held* ids) {
    }
 }
 
+// The common move: an entry that is not half of a pair into an empty one. What store, the homes
+// and vacate amount to here, one step per key.
+void TcamEmulator::relocate(uint32_t src, uint32_t dst, const Held& ids) {
+   settleMergeSource(dst);
+   const TcamEntry e = entries_[src];
+   entries_[dst] = e;
+   entries_[src] = TcamEntry{};
+   index_->held[dst] = ids;
+   index_->held[src] = Held{};
+   const uint32_t from = rankOf(src, e.kind), to = rankOf(dst, e.kind);
+   visitHeldKeys(e, dst, size(), [&](const auto& k, uint32_t, unsigned half) {
+      index_->of(k).relocate(ids[half], from, to);
+   });
+}
+
+// The agent rewriting an IPv4 entry (or emptying one): what callerWrite does, with the keys the
+// entry keeps left in place instead of taken out and put back. False when either entry is of
+// another kind.
+bool TcamEmulator::rewriteV4(uint32_t pos, const TcamEntry& e) {
+   auto plain = [](EntryKind k) { return k == EntryKind::v4 || k == EntryKind::empty; };
+   const TcamEntry cur = entries_[pos];
+   if (!plain(cur.kind) || !plain(e.kind)) return false;
+   auto keyAt = [](const TcamEntry& x, unsigned half) -> const Ipv4UcastKey& {
+      return half ? x.v4.left : x.v4.right;
+   };
+   auto& idx = index_->v4;
+   const Held curIds = index_->held[pos];
+   Held ids{};
+   bool kept[2] = {false, false};  // by half of cur
+   for (unsigned h = 0; h < 2; ++h) {
+      const Ipv4UcastKey& k = keyAt(e, h);
+      if (e.kind != EntryKind::v4 || k.isNull()) continue;
+      for (unsigned c = 0; c < 2; ++c) {
+         if (cur.kind == EntryKind::v4 && !kept[c] && keyAt(cur, c) == k) {
+            kept[c] = true;
+            ids[h] = curIds[c];
+            break;
+         }
+      }
+   }
+   settleMergeSource(pos);
+   entries_[pos] = e;
+   // New keys first, so that a key the entry gives up and takes back stays indexed.
+   for (unsigned h = 0; h < 2; ++h) {
+      const Ipv4UcastKey& k = keyAt(e, h);
+      if (e.kind != EntryKind::v4 || k.isNull() || ids[h]) continue;
+      ids[h] = idx.get(k);
+      idx.addRank(ids[h], pos);
+   }
+   index_->held[pos] = ids;
+   for (unsigned c = 0; c < 2; ++c) {
+      if (cur.kind == EntryKind::v4 && !keyAt(cur, c).isNull() && !kept[c])
+         idx.removeRank(curIds[c], pos);
+   }
+   // The routes that lived here and are not written again were deleted by the agent.
+   for (uint32_t id = idx.homeHead[pos]; id;) {
+      const uint32_t next = idx.slots[id].nextAtHome;
+      if (id != ids[0] && id != ids[1]) idx.homeIs(id, 0);
+      id = next;
+   }
+   index_->uninstallAt(index_->v6, pos);
+   index_->uninstallAt(index_->mcast, pos);
+   for (unsigned h = 0; h < 2; ++h) {
+      if (!ids[h]) continue;
+      idx.homeIs(ids[h], pos);
+      idx.markDirty(ids[h]);
+   }
+   return true;
+}
+
 void TcamEmulator::checkPos(const char* what, uint32_t pos, bool doubleSize) const {
    if (!posValid(pos, doubleSize)) {
       throw std::range_error(fmt::format("TcamEmulator::{}: entry {}{} outside 1..{}", what, pos,
@@ -118,6 +188,7 @@ void TcamEmulator::checkPos(const char* what, uint32_t pos, bool doubleSize) con
 // that a move had already overwritten there: the agent deletes it where it believes it is); the
 // routes written now live here.
 void TcamEmulator::callerWrite(uint32_t pos, const TcamEntry& e) {
+   if (rewriteV4(pos, e)) return;
    // A key the entry holds already and that is installed keeps its state through the store (an
    // agent rewriting one half of an entry keeps the other): no need to look it up.
    Held ids{};

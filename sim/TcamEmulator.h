@@ -266,6 +266,8 @@ class TcamEmulator {
    void vacate(uint32_t pos);
    void setRaw(uint32_t pos, const TcamEntry& e, const std::array<uint32_t, 2>* ids = nullptr);
    void callerWrite(uint32_t pos, const TcamEntry& e);
+   void relocate(uint32_t src, uint32_t dst, const std::array<uint32_t, 2>& ids);
+   bool rewriteV4(uint32_t pos, const TcamEntry& e);
    void settleMergeSource(uint32_t pos);
    uint32_t rankOf(uint32_t pos, EntryKind kind) const;
    void afterChange();

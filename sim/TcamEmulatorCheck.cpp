@@ -135,7 +135,7 @@ bool brokenPair(const Key& key, const Ranks& ranks, const CheckInput& in,
 // Every check of one installed route, by walking its ancestors for (b); the first failure is
 // reported.
 template <class Key>
-void KeyIndex<Key>::evaluate(Slot& r, uint64_t stamp, const CheckInput& in,
+void KeyIndex<Key>::evaluate(Slot& r, uint32_t stamp, const CheckInput& in,
                              std::vector<Violation>& out) {
    r.stamp = stamp;
    if (!r.holds(r.homeRank)) {
@@ -149,7 +149,8 @@ void KeyIndex<Key>::evaluate(Slot& r, uint64_t stamp, const CheckInput& in,
    Shadow<Key> best;
    // Only nodes that hold keys can shadow: climb those.
    for (uint32_t n = nodes[r.node].up; n; n = nodes[n].up) {
-      for (uint32_t id = trie[n].keys; id; id = slots[id].nextAtNode) {
+      if (nodes[n].firstHeld >= first) continue;
+      for (uint32_t id = nodes[n].keys; id; id = slots[id].nextAtNode) {
          const Slot& a = slots[id];
          if (a.first() && a.first() < first) best.offer(a.first(), trie[n].depth, a.key);
       }
@@ -158,7 +159,7 @@ void KeyIndex<Key>::evaluate(Slot& r, uint64_t stamp, const CheckInput& in,
 }
 
 template <class Key>
-void KeyIndex<Key>::checkDirty(uint64_t stamp, const CheckInput& in, std::vector<Violation>& out) {
+void KeyIndex<Key>::checkDirty(uint32_t stamp, const CheckInput& in, std::vector<Violation>& out) {
    for (uint32_t id : dirty) {
       Slot& s = slots[id];
       if (s.installed() && s.stamp != stamp) evaluate(s, stamp, in, out);
@@ -171,8 +172,8 @@ void KeyIndex<Key>::checkDirty(uint64_t stamp, const CheckInput& in, std::vector
       while (!stack.empty()) {
          const uint32_t n = stack.back();
          stack.pop_back();
-         for (uint32_t k = nodes[n].firstKid; k; k = nodes[k].nextKid) {
-            for (uint32_t rid = trie[k].keys; rid; rid = slots[rid].nextAtNode) {
+         for (uint32_t k = ties[n].firstKid; k; k = ties[k].nextKid) {
+            for (uint32_t rid = nodes[k].keys; rid; rid = slots[rid].nextAtNode) {
                Slot& r = slots[rid];
                if (r.contribution() > b && r.stamp != stamp) evaluate(r, stamp, in, out);
             }
@@ -272,7 +273,13 @@ std::vector<Violation> TcamEmulator::checkAll() const {
 
 std::vector<Violation> TcamEmulator::checkChanged(bool withinOperation) {
    std::vector<Violation> out;
-   const uint64_t stamp = ++index_->stamp;
+   if (++index_->stamp == 0) {
+      index_->v4.stampsDelAll();
+      index_->v6.stampsDelAll();
+      index_->mcast.stampsDelAll();
+      index_->stamp = 1;
+   }
+   const uint32_t stamp = index_->stamp;
    const internal::CheckInput in{entries_, pairGap_, model_, pendingMergeSources_};
    index_->v4.checkDirty(stamp, in, out);
    index_->v6.checkDirty(stamp, in, out);

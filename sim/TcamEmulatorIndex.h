@@ -5,6 +5,7 @@
 #pragma once
 
 #include <algorithm>
+#include <type_traits>
 #include <vector>
 
 #include "VexloL3Common/internal/FlatHashMap.h"
@@ -27,15 +28,16 @@ namespace VexloL3Common::sim::internal {
 // whole trie, and a climb stops as soon as an ancestor's value stays.
 template <class Key>
 struct KeyIndex {
-   struct Slot {
+   // An IPv4 key's state fills one cache line.
+   struct alignas(sizeof(Key) <= 16 ? 64 : 8) Slot {
       Key key;
-      RankList ranks;         // an entry holding the key in both halves counts twice
       uint32_t homeRank = 0;  // 0: not installed
+      RankList ranks;         // an entry holding the key in both halves counts twice
       uint32_t node = 0;
       uint32_t nextAtNode = 0;  // slot ids; 0 ends a list
       uint32_t nextAtHome = 0;
       uint32_t dirtyAt = npos;
-      uint64_t stamp = 0;
+      uint32_t stamp = 0;   // of the last check that evaluated the route
       bool queued = false;  // in crossCheck
       bool live = false;
 
@@ -49,30 +51,53 @@ struct KeyIndex {
    };
 
    // A node of the path-compressed trie: every node that holds keys, every branch point, and
-   // the domain's root (depth 0). What a descent reads is kept apart, two nodes to a cache line.
+   // the domain's root (depth 0). What a descent reads is kept apart and packed: for IPv4 a
+   // node's 32 bits, children and depth take 16 bytes, four nodes to a cache line.
+   struct NoBits {};
    struct Link {
-      uint64_t hi = 0;  // the prefix the node stands for, as in Bits
-      uint64_t lo = 0;
-      uint32_t child[2] = {0, 0};
-      uint32_t keys = 0;  // slot id of the first key here
-      uint8_t depth = 0;
+      using Word = std::conditional_t<std::is_same_v<Key, Ipv4UcastKey>, uint32_t, uint64_t>;
+      static constexpr unsigned wordShift = sizeof(Word) == 4 ? 32 : 0;
 
-      unsigned bit(unsigned i) const { return Bits{0, 0, hi, lo}.bit(i); }
+      Word hi = 0;  // the leading bits of the prefix the node stands for, as in Bits
+      [[no_unique_address]] std::conditional_t<isV6<Key>, uint64_t, NoBits> lo{};
+      uint32_t child[2] = {0, 0};
+      uint8_t depth = 0;
+      bool hasKeys = false;
+
+      void bitsIs(const Bits& b) {
+         hi = Word(b.hi >> wordShift);
+         if constexpr (isV6<Key>) lo = b.lo;
+         depth = b.depth;
+      }
+      Bits bits() const {
+         Bits b;
+         b.hi = uint64_t(hi) << wordShift;
+         if constexpr (isV6<Key>) b.lo = lo;
+         return b;
+      }
+      unsigned bit(unsigned i) const { return bits().bit(i); }
       unsigned commonPrefix(const Bits& b, unsigned limit) const {
-         return Bits{0, 0, hi, lo}.commonPrefix(b, limit);
+         return bits().commonPrefix(b, limit);
       }
    };
-   struct Node {
+   // What the checks and the aggregates read of a node holding keys, half a cache line.
+   struct alignas(32) Node {
+      uint32_t up = 0;     // among nodes holding keys, the nearest ancestor
+      uint32_t below = 0;  // largest contribution strictly below, 0 for none (nodes with keys)
+      uint32_t own = 0;    // largest contribution of the keys here
+      // The earliest first rank of the keys here that some entry holds, npos for none: a climb
+      // reads the keys themselves only where this lies early enough to shadow.
+      uint32_t firstHeld = npos;
+      uint32_t keys = 0;  // slot id of the first key here
+      uint32_t keyCount = 0;
+   };
+   // The rest: the trie parent and domain, and the nodes whose `up` this is.
+   struct Ties {
       uint32_t parent = 0;
-      // Among nodes holding keys: the nearest such ancestor, and the nodes whose `up` this is.
-      uint32_t up = 0;
+      uint32_t domain = 0;
       uint32_t firstKid = 0;
       uint32_t nextKid = 0;
       uint32_t prevKid = 0;
-      uint32_t below = 0;  // largest contribution strictly below, 0 for none (nodes with keys)
-      uint32_t own = 0;    // largest contribution of the keys here
-      uint32_t keyCount = 0;
-      uint32_t domain = 0;
    };
 
    std::vector<Slot> slots = std::vector<Slot>(1);  // slot 0 stands for "none"
@@ -80,6 +105,7 @@ struct KeyIndex {
    VexloL3Common::internal::FlatHashMap<Key, uint32_t> ids;
    std::vector<Link> trie = std::vector<Link>(1);  // node 0 stands for "none"
    std::vector<Node> nodes = std::vector<Node>(1);
+   std::vector<Ties> ties = std::vector<Ties>(1);
    std::vector<uint32_t> freeNodes;
    VexloL3Common::internal::FlatHashMap<uint32_t, uint32_t> roots;
    std::vector<uint32_t> dirty;  // slot ids
@@ -128,9 +154,10 @@ struct KeyIndex {
       s.live = true;
       uint32_t up = 0;
       s.node = pathTo(bitsOf(k), up);
-      if (!trie[s.node].keys) holdKeys(s.node, up);
-      s.nextAtNode = trie[s.node].keys;
-      trie[s.node].keys = id;
+      if (!trie[s.node].hasKeys) holdKeys(s.node, up);
+      trie[s.node].hasKeys = true;
+      s.nextAtNode = nodes[s.node].keys;
+      nodes[s.node].keys = id;
       ++nodes[s.node].keyCount;
       return id;
    }
@@ -141,6 +168,7 @@ struct KeyIndex {
       const size_t keys = std::min<size_t>(2 * size_t(size), size_t(1) << 21);
       slots.reserve(keys + 1);
       nodes.reserve(2 * keys + 1);
+      ties.reserve(2 * keys + 1);
       trie.reserve(2 * keys + 1);
    }
 
@@ -152,18 +180,17 @@ struct KeyIndex {
       } else {
          n = uint32_t(nodes.size());
          nodes.emplace_back();
+         ties.emplace_back();
          trie.emplace_back();
       }
-      nodes[n].parent = parent;
-      nodes[n].domain = bits.domain;
-      trie[n].hi = bits.hi;
-      trie[n].lo = bits.lo;
-      trie[n].depth = bits.depth;
+      ties[n].parent = parent;
+      ties[n].domain = bits.domain;
+      trie[n].bitsIs(bits);
       return n;
    }
    void setChild(uint32_t parent, uint32_t n) {
       trie[parent].child[trie[n].bit(trie[parent].depth)] = n;
-      nodes[n].parent = parent;
+      ties[n].parent = parent;
    }
 
    // The node of the bits, created when missing (with a branch point where the new node's path
@@ -173,7 +200,7 @@ struct KeyIndex {
       if (fresh) *root = allocNode(0, b.truncated(0));
       uint32_t n = *root;
       while (trie[n].depth < b.depth) {
-         if (trie[n].keys) up = n;
+         if (trie[n].hasKeys) up = n;
          const uint32_t next = trie[n].child[b.bit(trie[n].depth)];
          if (!next) {
             const uint32_t leaf = allocNode(n, b);
@@ -201,18 +228,19 @@ struct KeyIndex {
    // Takes out a node that holds no keys and no longer branches (a domain's root only once
    // empty), then its parent if that no longer branches either.
    void prune(uint32_t n) {
-      while (n && !trie[n].keys && !(trie[n].child[0] && trie[n].child[1])) {
-         const uint32_t p = nodes[n].parent;
+      while (n && !trie[n].hasKeys && !(trie[n].child[0] && trie[n].child[1])) {
+         const uint32_t p = ties[n].parent;
          const uint32_t only = trie[n].child[0] | trie[n].child[1];
          if (!p) {
             if (only) return;
-            roots.erase(nodes[n].domain);
+            roots.erase(ties[n].domain);
          } else if (only) {
             setChild(p, only);
          } else {
             trie[p].child[trie[p].child[1] == n] = 0;
          }
          nodes[n] = Node{};
+         ties[n] = Ties{};
          trie[n] = Link{};
          freeNodes.push_back(n);
          n = p;
@@ -221,25 +249,26 @@ struct KeyIndex {
 
    // ---- the tree of nodes holding keys ----
    void linkKid(uint32_t parent, uint32_t n) {
-      Node& node = nodes[n];
-      node.up = parent;
-      node.prevKid = 0;
-      node.nextKid = 0;
+      Ties& t = ties[n];
+      nodes[n].up = parent;
+      t.prevKid = 0;
+      t.nextKid = 0;
       if (!parent) return;
-      node.nextKid = nodes[parent].firstKid;
-      if (node.nextKid) nodes[node.nextKid].prevKid = n;
-      nodes[parent].firstKid = n;
+      t.nextKid = ties[parent].firstKid;
+      if (t.nextKid) ties[t.nextKid].prevKid = n;
+      ties[parent].firstKid = n;
    }
    void unlinkKid(uint32_t n) {
-      Node& node = nodes[n];
-      if (!node.up) return;
-      if (node.prevKid) {
-         nodes[node.prevKid].nextKid = node.nextKid;
+      Ties& t = ties[n];
+      const uint32_t up = nodes[n].up;
+      if (!up) return;
+      if (t.prevKid) {
+         ties[t.prevKid].nextKid = t.nextKid;
       } else {
-         nodes[node.up].firstKid = node.nextKid;
+         ties[up].firstKid = t.nextKid;
       }
-      if (node.nextKid) nodes[node.nextKid].prevKid = node.prevKid;
-      node.up = node.prevKid = node.nextKid = 0;
+      if (t.nextKid) ties[t.nextKid].prevKid = t.prevKid;
+      nodes[n].up = t.prevKid = t.nextKid = 0;
    }
 
    // The largest contribution in the node's subtree, the node included.
@@ -255,7 +284,7 @@ struct KeyIndex {
       while (!stack.empty()) {
          uint32_t c = stack.back();
          stack.pop_back();
-         if (trie[c].keys) {
+         if (trie[c].hasKeys) {
             unlinkKid(c);
             linkKid(n, c);
             below = std::max(below, subMax(c));
@@ -272,12 +301,12 @@ struct KeyIndex {
    void dropKeys(uint32_t n) {
       const uint32_t up = nodes[n].up;
       unlinkKid(n);
-      for (uint32_t k = nodes[n].firstKid; k;) {
-         uint32_t next = nodes[k].nextKid;
+      for (uint32_t k = ties[n].firstKid; k;) {
+         uint32_t next = ties[k].nextKid;
          linkKid(up, k);
          k = next;
       }
-      nodes[n].firstKid = 0;
+      ties[n].firstKid = 0;
       nodes[n].below = 0;
    }
 
@@ -294,7 +323,7 @@ struct KeyIndex {
             anc.below = after;
          } else if (before == anc.below) {
             uint32_t v = 0;  // n held the maximum: the kids decide
-            for (uint32_t k = anc.firstKid; k; k = nodes[k].nextKid)
+            for (uint32_t k = ties[a].firstKid; k; k = ties[k].nextKid)
                v = std::max(v, subMax(k));
             if (v == anc.below) return;
             anc.below = v;
@@ -311,19 +340,33 @@ struct KeyIndex {
    template <class F>
    void changeSlot(uint32_t id, F&& f) {
       Slot& s = slots[id];
-      const uint32_t before = s.contribution();
+      const uint32_t before = s.contribution(), firstBefore = s.first();
       f(s);
-      const uint32_t after = s.contribution();
+      const uint32_t after = s.contribution(), firstAfter = s.first();
+      if (firstBefore != firstAfter) noteFirst(s.node, firstAfter);
       if (before == after) return;
       const uint32_t n = s.node;
       Node& node = nodes[n];
       const uint32_t ownBefore = node.own;
       node.own = after;
       if (node.keyCount > 1) {
-         for (uint32_t o = trie[n].keys; o; o = slots[o].nextAtNode)
+         for (uint32_t o = nodes[n].keys; o; o = slots[o].nextAtNode)
             node.own = std::max(node.own, slots[o].contribution());
       }
       propagate(n, std::max(node.below, ownBefore), std::max(node.below, node.own));
+   }
+
+   // One key at node n is now first held at `first` (0: nowhere).
+   void noteFirst(uint32_t n, uint32_t first) {
+      Node& node = nodes[n];
+      if (node.keyCount <= 1) {
+         node.firstHeld = first ? first : npos;
+         return;
+      }
+      node.firstHeld = npos;
+      for (uint32_t o = nodes[n].keys; o; o = slots[o].nextAtNode) {
+         if (slots[o].first()) node.firstHeld = std::min(node.firstHeld, slots[o].first());
+      }
    }
 
    void markDirty(uint32_t id) {
@@ -342,7 +385,7 @@ struct KeyIndex {
    void releaseIfUnused(uint32_t id) {
       Slot& s = slots[id];
       if (!s.ranks.empty() || s.installed()) return;
-      uint32_t* link = &trie[s.node].keys;
+      uint32_t* link = &nodes[s.node].keys;
       while (*link != id)
          link = &slots[*link].nextAtNode;
       *link = s.nextAtNode;
@@ -356,7 +399,8 @@ struct KeyIndex {
       ids.erase(s.key);
       s = Slot{};
       freeSlots.push_back(id);
-      if (!trie[n].keys) {
+      if (!nodes[n].keys) {
+         trie[n].hasKeys = false;
          dropKeys(n);
          prune(n);
       }
@@ -378,25 +422,56 @@ struct KeyIndex {
       releaseIfUnused(id);
    }
 
+   // The lists of installed keys by entry.
+   void unlinkHome(uint32_t id) {
+      Slot& s = slots[id];
+      uint32_t* link = &homeHead[posOfRank<Key>(s.homeRank, tableSize)];
+      while (*link != id)
+         link = &slots[*link].nextAtHome;
+      *link = s.nextAtHome;
+   }
+   void linkHome(uint32_t id, uint32_t rank) {
+      uint32_t& head = homeHead[posOfRank<Key>(rank, tableSize)];
+      slots[id].nextAtHome = head;
+      head = id;
+   }
+
    void homeIs(uint32_t id, uint32_t rank) {
       Slot& s = slots[id];
       if (s.homeRank == rank) return;
       if (s.installed()) {
          --installedCount;
-         uint32_t* link = &homeHead[posOfRank<Key>(s.homeRank, tableSize)];
-         while (*link != id)
-            link = &slots[*link].nextAtHome;
-         *link = s.nextAtHome;
+         unlinkHome(id);
       }
       if (rank != 0) {
          ++installedCount;
-         uint32_t& head = homeHead[posOfRank<Key>(rank, tableSize)];
-         s.nextAtHome = head;
-         head = id;
+         linkHome(id, rank);
       }
       changeSlot(id, [&](Slot& t) { t.homeRank = rank; });
       markDirty(id);
       releaseIfUnused(id);
+   }
+
+   // A move of the entry at rank `from` to the empty entry at `to`: the key is held at `to`
+   // instead, and lives there if it lived at `from`. One step for what adding the new rank,
+   // moving the home and removing the old rank amount to.
+   void relocate(uint32_t id, uint32_t from, uint32_t to) {
+      VEXLO_ASSERT_MSG(id && slots[id].live, "TcamEmulator: key indexed", "slot: ", id,
+                       ", rank: ", from);
+      const bool home = slots[id].homeRank == from;
+      if (home) {
+         unlinkHome(id);
+         linkHome(id, to);
+      }
+      bool found = true;
+      changeSlot(id, [&](Slot& s) {
+         found = s.ranks.erase(from);
+         s.ranks.insert(to);
+         if (home) s.homeRank = to;
+      });
+      VEXLO_ASSERT_MSG(found, "TcamEmulator: rank indexed", "key: ", slots[id].key,
+                       ", rank: ", from);
+      markDirty(id);
    }
 
    // Marks the key's slot for the next check, when the key is indexed.
@@ -407,8 +482,13 @@ struct KeyIndex {
    // The checks (TcamEmulatorCheck.cpp): evaluate, every check of one installed route in order,
    // the first failure reported; checkDirty, every route the keys changed since the last call may
    // affect, and the routes lost since; checkAll, the whole family from scratch.
-   void evaluate(Slot& r, uint64_t stamp, const CheckInput& in, std::vector<Violation>& out);
-   void checkDirty(uint64_t stamp, const CheckInput& in, std::vector<Violation>& out);
+   void evaluate(Slot& r, uint32_t stamp, const CheckInput& in, std::vector<Violation>& out);
+   void checkDirty(uint32_t stamp, const CheckInput& in, std::vector<Violation>& out);
+   // Stamps start over after 2^32 checks.
+   void stampsDelAll() {
+      for (Slot& s : slots)
+         s.stamp = 0;
+   }
    // (c) for every key queued since the last call.
    void checkCross(const CheckInput& in, std::vector<Violation>& out);
    void checkAll(const CheckInput& in, std::vector<Violation>& out) const;
@@ -425,7 +505,7 @@ struct TcamEmulator::Index {
    internal::KeyIndex<Ipv6UcastKey> v6;
    internal::KeyIndex<IpMcastPrefixKey> mcast;
    std::vector<internal::Held> held;  // per entry
-   uint64_t stamp = 0;
+   uint32_t stamp = 0;
 
    template <class Key>
    void uninstallAt(internal::KeyIndex<Key>& idx, uint32_t pos) {

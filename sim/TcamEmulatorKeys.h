@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <memory>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -113,10 +114,23 @@ void visitKeys(const TcamEntry& e, uint32_t pos, uint32_t size, F&& f) {
 // family is the entry's. A move finds its keys' states here instead of hashing them.
 using Held = std::array<uint32_t, 2>;
 
-// The ascending ranks of the entries holding one key: almost always one or two, kept inline.
+// The ascending ranks of the entries holding one key: almost always one or two, kept inline; a
+// key held more often keeps them all behind one pointer, so that a key state fits a cache line.
 class RankList {
  public:
-   const uint32_t* begin() const { return n_ > inlineCap ? spill_.data() : inline_; }
+   RankList() = default;
+   RankList(RankList&&) = default;
+   RankList& operator=(RankList&&) = default;
+   RankList(const RankList& o) { *this = o; }
+   RankList& operator=(const RankList& o) {
+      if (this == &o) return *this;
+      n_ = o.n_;
+      std::copy(o.inline_, o.inline_ + inlineCap, inline_);
+      spill_.reset(o.spill_ ? new std::vector<uint32_t>(*o.spill_) : nullptr);
+      return *this;
+   }
+
+   const uint32_t* begin() const { return n_ > inlineCap ? spill_->data() : inline_; }
    const uint32_t* end() const { return begin() + n_; }
    bool empty() const { return n_ == 0; }
    uint32_t front() const { return *begin(); }
@@ -129,26 +143,30 @@ class RankList {
          inline_[i] = r;
          return;
       }
-      if (n_ == inlineCap) spill_.assign(inline_, inline_ + inlineCap);
-      spill_.insert(std::upper_bound(spill_.begin(), spill_.end(), r), r);
+      if (n_ == inlineCap) spill_.reset(new std::vector<uint32_t>(inline_, inline_ + inlineCap));
+      spill_->insert(std::upper_bound(spill_->begin(), spill_->end(), r), r);
       ++n_;
    }
    // False when r is not in the list.
    bool erase(uint32_t r) {
-      uint32_t* b = n_ > inlineCap ? spill_.data() : inline_;
+      uint32_t* b = n_ > inlineCap ? spill_->data() : inline_;
       uint32_t* it = std::lower_bound(b, b + n_, r);
       if (it == b + n_ || *it != r) return false;
       std::copy(it + 1, b + n_, it);
-      if (--n_ == inlineCap) std::copy(spill_.begin(), spill_.begin() + inlineCap, inline_);
-      if (n_ > inlineCap) spill_.pop_back();
+      if (--n_ == inlineCap) {
+         std::copy(spill_->begin(), spill_->begin() + inlineCap, inline_);
+         spill_.reset();
+      } else if (n_ > inlineCap) {
+         spill_->pop_back();
+      }
       return true;
    }
 
  private:
-   static constexpr uint32_t inlineCap = 3;
-   uint32_t n_ = 0;
+   static constexpr uint32_t inlineCap = 2;
    uint32_t inline_[inlineCap] = {};
-   std::vector<uint32_t> spill_;  // all of them once there are more than inlineCap
+   uint32_t n_ = 0;
+   std::unique_ptr<std::vector<uint32_t>> spill_;  // all of them once there are more than inlineCap
 };
 
 template <class Key>

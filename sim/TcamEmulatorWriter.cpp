@@ -132,6 +132,13 @@ void TcamEmulator::applyMove(const RoutePosition& p) {
    });
    if (!stale.empty()) return fail(fmt::format("the source holds a stale copy:{}", stale));
 
+   if (to.kind == from.kind && to.kind != EntryKind::v6DoubleFirst &&
+       entries_[dst].kind == EntryKind::empty && src != dst) {
+      relocate(src, dst, ids);
+      ++moves_;
+      afterChange();
+      return;
+   }
    store(dst, to, &ids);
    const uint32_t dstRank = rankOf(dst, to.kind);
    visitHeldKeys(from, src, size(), [&](const auto& k, uint32_t, unsigned half) {
