@@ -9,11 +9,13 @@ namespace VexloL3Common::sim::html {
 // ---------------------------------------------------------------------------------------------
 // Figure 2: moves per update
 
-void figureMoves(Page& p, const std::vector<uint64_t>& bins) {
+void figureMoves(Page& p, const std::vector<uint64_t>& bins, std::string_view id) {
    constexpr int height = 360, left = 84, right = 24, top = 28, bottom = 64;
    constexpr int plotW = svgWidth - left - right, plotH = height - top - bottom;
    const double y0 = top + plotH;
-   p.raw("<figure id=\"moves-per-update\">\n");
+   p.raw("<figure id=\"");
+   p.text(id);
+   p.raw("\">\n");
    openSvg(p, height, "moves per update");
 
    uint64_t maxCount = 0;

@@ -86,7 +86,9 @@ void axisTitleLeft(Page& p, int x, double yMid, std::string_view title);
 void figureMap(Page& p, const ReportData& d);
 void mapCellStyles(Page& p, const std::vector<ReportData::TableMap>& maps);
 // Figure 2 (HtmlFigureMoves.cpp).
-void figureMoves(Page& p, const std::vector<uint64_t>& bins);
+// id: the figure's HTML id, one per page.
+void figureMoves(Page& p, const std::vector<uint64_t>& bins,
+                 std::string_view id = "moves-per-update");
 // Figure 3 (HtmlFigureOccupancy.cpp).
 void figureOccupancy(Page& p, const ReportData& d);
 

@@ -194,7 +194,7 @@ void writeHtmlComparison(std::ostream& out, const ComparisonData& data) {
       p.raw("<h2>Moves per update: ");
       p.text(data.runs[i]);
       p.raw("</h2>\n");
-      figureMoves(p, data.movesPerUpdate[i]);
+      figureMoves(p, data.movesPerUpdate[i], fmt::format("moves-per-update-{}", i + 1));
    }
    pageEnd(p, out);
 }

@@ -310,6 +310,26 @@ TEST(HtmlReport, CapacityRowsWithAWarningAreHighlightedAndPercentBarsClamped) {
    EXPECT_THAT(page, HasSubstr("<td>&#8211;</td>"));
 }
 
+// Two runs side by side: a histogram each, and no HTML id given twice (a link or a script finds the
+// first only).
+TEST(HtmlReport, ComparisonGivesEachRunsHistogramAnIdOfItsOwn) {
+   ComparisonData d;
+   d.runs = {"classic", "weighted"};
+   d.rows = {{"moves per update", "1.00", "0.10"}};
+   d.movesPerUpdate = {std::vector<uint64_t>{5, 3, 1}, std::vector<uint64_t>{9}};
+   std::ostringstream out;
+   writeHtmlComparison(out, d);
+   const std::string page = out.str();
+   EXPECT_EQ(occurrences(page, "<figure id="), 2u);
+   std::map<std::string, int> ids;
+   const std::regex id("id=\"([^\"]*)\"");
+   for (auto it = std::sregex_iterator(page.begin(), page.end(), id); it != std::sregex_iterator();
+        ++it)
+      ++ids[(*it)[1]];
+   for (const auto& [name, n] : ids)
+      EXPECT_EQ(n, 1) << name;
+}
+
 // The page as a browser draws it (a full report is checked by the command-line tests): the empty
 // page renders, and the check fails on a broken figure or a wrong figure count.
 TEST(HtmlReport, HeadlessBrowserRendersEveryFigure) {
