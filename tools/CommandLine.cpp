@@ -205,6 +205,7 @@ void addFitOptions(CLI::App& app, Options& o, FitOptions& f, std::string& headro
        ->check(nonNegative)
        ->group(g);
    app.add_option("--churn-seed", o.churnSeed, "seed of the churn")->check(nonNegative)->group(g);
+   addChurnKindOptions(app, o, g);
    app.add_option("--weights", o.weights,
                   "per-length weights from FILE for the configurations with weighted placement")
        ->group(g);

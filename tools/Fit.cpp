@@ -17,10 +17,12 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <memory>
 #include <thread>
 
 #include "platform/Assert.h"
 #include "platform/Trace.h"
+#include "sim/AnnounceSource.h"
 #include "tools/Tool.h"
 
 namespace VexloL3Common::tool {
@@ -88,14 +90,24 @@ double movesPer(const sim::Statistics& st, const char* phase) {
    return 0;
 }
 
-Result tryOne(const Options& c, const Input& in, double headroom) {
+Result tryOne(const Options& c, const Input& in, const FitOptions& f) {
+   const double headroom = f.headroom;
    Result r;
    r.config = c;
    try {
       sim::SimulationConfig sc = fitConfig(c, in);
       sim::Simulation sim(sc);
       sim.load(in.routes);
-      if (c.churn) sim.churn(c.churn, c.churnSeed);
+      if (c.churn && c.churnKind == "new") {
+         // Every configuration announces the same prefixes, each from a source of its own.
+         const std::unique_ptr<sim::AnnounceSource> source =
+             f.churnRoutes.empty()
+                 ? sim::syntheticAnnounces(c.churnSeed)
+                 : sim::announcesFrom(f.churnRoutes, "--churn-routes " + c.churnRoutes);
+         sim.churnNew(c.churn, c.churnSeed, *source);
+      } else if (c.churn) {
+         sim.churn(c.churn, c.churnSeed);
+      }
       const std::vector<sim::ReportData::CapacityRow> rows = sim.capacity(c.warnAt, c.criticalAt);
       const sim::Statistics& st = sim.statistics();
       r.refused = st.refused();
@@ -118,13 +130,14 @@ Result tryOne(const Options& c, const Input& in, double headroom) {
 }
 
 // Runs every configuration on `jobs` threads; progress(done, total) from the calling thread.
-std::vector<Result> tryAll(const std::vector<Options>& configs, const Input& in, double headroom,
-                           unsigned jobs, const sim::Simulation::Progress& progress) {
+std::vector<Result> tryAll(const std::vector<Options>& configs, const Input& in,
+                           const FitOptions& f, unsigned jobs,
+                           const sim::Simulation::Progress& progress) {
    std::vector<Result> results(configs.size());
    std::atomic<size_t> next{0}, done{0};
    auto worker = [&] {
       for (size_t i = next++; i < configs.size(); i = next++) {
-         results[i] = tryOne(configs[i], in, headroom);
+         results[i] = tryOne(configs[i], in, f);
          ++done;
       }
    };
@@ -154,7 +167,7 @@ FitReport fitTable(const Options& base, const FitOptions& f, const Input& in,
       rep.sizes.push_back(size);
       const unsigned jobs = f.jobs ? f.jobs : std::max(1u, std::thread::hardware_concurrency());
       for (Result& r :
-           tryAll(configs, in, f.headroom, jobs, bar.phase(fmt::format("fit, {} entries", size)))) {
+           tryAll(configs, in, f, jobs, bar.phase(fmt::format("fit, {} entries", size)))) {
          if (!r.fault.empty()) rep.faults.push_back(r.fault);
          if (r.fits) {
             rep.fitting.push_back(FitReport::Row{r.config, r.headroom, r.movesPerRoute,
@@ -186,7 +199,11 @@ std::string fitConfigText(const Options& c) {
 
 void printFit(const FitReport& rep, const FitOptions& f, const Input& in, const Options& base) {
    std::printf("vexlo-tcam fit: %s, %zu routes%s; headroom %g %%\n", in.description.c_str(),
-               in.routeCount, base.churn ? fmt::format(", churn {}", base.churn).c_str() : "",
+               in.routeCount,
+               base.churn ? fmt::format(", churn {}{}", base.churn,
+                                        base.churnKind == "new" ? " of new prefixes" : "")
+                                .c_str()
+                          : "",
                f.headroom);
    std::string sizes;
    for (uint32_t s : rep.sizes)

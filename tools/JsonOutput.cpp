@@ -357,7 +357,10 @@ std::string fitJson(const FitReport& rep, const FitOptions& f, const Input& in,
        .string("format", in.format)
        .num("routes", in.routeCount)
        .close('}');
-   j.num("churn", base.churn).num("headroomPercent", f.headroom);
+   j.num("churn", base.churn);
+   // Only when it differs from re-announcing, so that the other outputs stay as they were.
+   if (base.churn && base.churnKind == "new") j.string("churnKind", base.churnKind);
+   j.num("headroomPercent", f.headroom);
    j.open("sizes", '[');
    for (uint32_t s : rep.sizes)
       j.num(nullptr, s);

@@ -4,7 +4,8 @@
 //   vexlo-tcam replay TRACE [table options] [input]
 //   vexlo-tcam show     [table options] [input]
 //   vexlo-tcam capacity [table options] [input] [--warn-at P] [--critical-at P]
-//   vexlo-tcam fit      [input] [--churn N] [--headroom 10%] [--sizes S,...] [--jobs N] [--json F]
+//   vexlo-tcam fit      [input] [--churn N [--churn-kind new]] [--headroom 10%] [--sizes S,...]
+//                       [--jobs N] [--json F]
 //   vexlo-tcam generate --synthetic N [--synthetic-v6 N] [--synthetic-mcast N] [--seed S] [-o F]
 //   vexlo-tcam compare  A.json B.json [--report F.html]
 //
@@ -308,6 +309,7 @@ int fit(const Options& given, FitOptions f, const std::string& headroom) {
    if (!o.json.empty() && o.json != "-") checkWritable(o.json);
    const Input in = readInput(o);
    if (in.routes.empty()) throw UsageError("fit needs routes");
+   f.churnRoutes = readChurnRoutes(o);
    Ulo::ScopedThrowingAssertHandler guard;
    const FitReport rep = fitTable(o, f, in, layoutAccepts);
    if (!o.json.empty()) {

@@ -143,6 +143,8 @@ struct FitOptions {
    double headroom = 10;         // percent of each region's routes it must still take
    unsigned jobs = 0;            // threads; 0: one per core
    size_t top = 20;              // rows printed
+   // With --churn-kind new: the prefixes --churn-routes names (empty: generated ones).
+   std::vector<sim::Route> churnRoutes;
 };
 struct FitReport {
    struct Row {

@@ -135,6 +135,32 @@ class Churn(unittest.TestCase):
                 self.assertFailsCleanly(code, out, err, [out_json])
                 self.assertIn(want, err)
 
+    def test_fit_churns_new_prefixes_as_simulate_does(self):
+        new = ["--churn", "400", "--churn-kind", "new"]
+        routes = self.write("new.routes", "".join(f"10.{i}.{j}.0/24\n" for i in range(4)
+                                                  for j in range(50)))
+        for extra in ([], ["--churn-routes", routes]):
+            with self.subTest(extra=extra):
+                code, out, err = run("fit", *SYN, "--sizes", "2048", "--jobs", "2", *new, *extra,
+                                     "--json", "-")
+                self.assertEqual(code, 0, err)
+                j = json.loads(out)
+                self.assertEqual(j["churnKind"], "new")
+                rows = j["fitting"]
+                # Each configuration's churn is the one simulate runs on it alone.
+                for r in rows[:2] + rows[-2:]:
+                    code, out, err = run("simulate", *SYN, *r["options"].split(), *new, *extra,
+                                         "--json", "-")
+                    self.assertEqual(code, 0, err)
+                    churn = phase(json.loads(out), "churn")
+                    self.assertAlmostEqual(churn["moves"] / churn["operations"],
+                                           r["movesPerUpdate"], places=6, msg=r["options"])
+        code, out, err = run("fit", *SYN, "--sizes", "2048", "--churn", "400", "--json", "-")
+        self.assertNotIn("churnKind", json.loads(out), "re-announcing stays as it was")
+        code, out, err = run("fit", *SYN, "--sizes", "2048", "--churn-routes", routes)
+        self.assertEqual((code, out), (2, ""), err)
+        self.assertIn("--churn-routes needs --churn-kind new", err)
+
     # ---- placement weights from a file
     def test_weights_file_is_the_table_placement_uses(self):
         shipped = os.path.join(base.ROOT, "data", "internet-like.weights")
