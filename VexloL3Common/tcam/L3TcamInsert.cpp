@@ -147,9 +147,13 @@ uint32_t L3TcamManagerContext::freeEntrySparingIpv6(uint32_t from, uint32_t to) 
    const TcamBlock* half = block(RouteType::v6Half).get();
    const HBitmap& entries = *occupancy_.entries();
    uint32_t x = entries.findFirstClear(from, to);
-   if (!half) return x;
+   const uint32_t longest = half ? half->findLengthRangeMax() : TcamBlock::none;
+   if (x == npos || longest == TcamBlock::none) return x;
    // The ranges lie in order of position, the longest length lowest.
-   for (uint32_t k = half->prevLength(TcamBlock::maxLengths - 1); k != TcamBlock::none && x != npos;
+   if (x < half->lengthRange(longest).start() || x > half->lengthRange(half->nextLength(0)).end()) {
+      return x;
+   }
+   for (uint32_t k = longest; k != TcamBlock::none && x != npos;
         k = k == 0 ? TcamBlock::none : half->prevLength(k - 1)) {
       const IndexRange r = half->lengthRange(k);
       if (r.start() == 0 || r.end() < x) continue;
