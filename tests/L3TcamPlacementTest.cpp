@@ -176,3 +176,78 @@ TEST(TcamRebalance, MakesAtMostTheMovesItIsGiven) {
       h.check(true);
    }
 }
+
+// ---- IPv4 and single-size IPv6 routes sharing free entries -------------------------------
+
+namespace {
+
+// One route per entry on a table whose IPv4 block overlaps the single-size IPv6 region.
+Config sharedTable(PlacementPolicy p) {
+   return withPolicy(layout(1024, 2, 8, false), p);
+}
+
+Ipv4UcastKey v4At(uint32_t i) {
+   return k4(1, fmt::format("10.{}.{}.0/24", i / 256, i % 256).c_str());
+}
+
+void place4(TcamHarness& h, const Ipv4UcastKey& key, uint32_t index) {
+   ASSERT_EQ(h.ctx().addRoute4AtIndex(key, index, true).routeId, index);
+   h.emu().writeV4(index, h.ctx().v4()->keys(index));
+   h.check();
+}
+
+// From entry a on: IPv4 /24, IPv6 /48, `holes` free entries, IPv6 /48, IPv6 /44, IPv4 /24, one
+// free entry, IPv4 /24; the IPv4 /24 range spans all of it. Returns a.
+uint32_t sharedLayout(TcamHarness& h, uint32_t holes) {
+   const uint32_t a = h.ctx().block(RouteType::v6Half)->start() + 100;
+   const uint32_t gap = a + 2 + holes;
+   EXPECT_LE(h.ctx().block(RouteType::v4)->start(), a);
+   place4(h, v4At(0), a);
+   h.add6At(k6(1, "2001:db8:1::/48"), a + 1);
+   h.add6At(k6(1, "2001:db8:2::/48"), gap);
+   h.add6At(k6(1, "2001:db8::/44"), gap + 1);
+   place4(h, v4At(1), gap + 2);
+   place4(h, v4At(2), gap + 4);
+   return a;
+}
+
+}  // namespace
+
+// An IPv6 length whose range holds a single free entry keeps it for its own next route: under
+// weighted placement the IPv4 route takes the free entry further on in its range, and the next
+// /48 costs nothing. Classic placement takes the first free entry, and the /48 must then shift
+// the /44 out of its way.
+TEST(TcamPlacement, Ipv4InsertLeavesAnIpv6LengthItsLastFreeEntries) {
+   for (PlacementPolicy p : {PlacementPolicy::classic, PlacementPolicy::weighted}) {
+      SCOPED_TRACE(toString(p));
+      TcamHarness h(sharedTable(p));
+      const uint32_t a = sharedLayout(h, 1);
+      const bool weighted = p == PlacementPolicy::weighted;
+      uint64_t before = h.moves();
+      EXPECT_EQ(h.add4(v4At(3)).routeId, weighted ? a + 6 : a + 2);
+      EXPECT_EQ(h.moves(), before);
+      before = h.moves();
+      EXPECT_EQ(h.add6(k6(1, "2001:db8:3::/48")).routeId, weighted ? a + 2 : a + 4);
+      EXPECT_EQ(h.moves() - before, weighted ? 0u : 1u);
+      h.check(true);
+   }
+}
+
+// Free entries an IPv6 length has to spare are anyone's, and an IPv4 route that finds nothing
+// else ahead still takes the last one rather than be refused or shift from below.
+TEST(TcamPlacement, Ipv4InsertTakesIpv6FreeEntriesWhenTheyAreSpareOrAllThereIs) {
+   TcamHarness spare(sharedTable(PlacementPolicy::weighted));
+   const uint32_t a = sharedLayout(spare, 3);
+   EXPECT_EQ(spare.add4(v4At(3)).routeId, a + 2) << "three free entries: one is spare";
+
+   TcamHarness full(sharedTable(PlacementPolicy::weighted));
+   const uint32_t b = sharedLayout(full, 1);
+   const uint32_t last = full.ctx().block(RouteType::v4)->end();
+   place4(full, v4At(3), b + 6);
+   for (uint32_t i = b + 8; i <= last; ++i)
+      place4(full, v4At(i), i);
+   const uint64_t before = full.moves();
+   EXPECT_EQ(full.add4(v4At(4)).routeId, b + 2);
+   EXPECT_EQ(full.moves(), before);
+   full.check(true);
+}

@@ -73,7 +73,11 @@ uint32_t L3TcamManagerContext::addRoute(const TcamRoute& route, bool useSwapArea
    HBitmap& freeBits = regions_[t].freeMap();
    if (start <= blkEnd) {
       TRACE(th, level, "Search toward end. Start: ", start, ", end: ", blkEnd);
-      const uint32_t freeEntry = freeBits.findFirstClear(start, blkEnd);
+      uint32_t freeEntry = npos;
+      if (t == RouteType::v4 && placementPolicy() == PlacementPolicy::weighted) {
+         freeEntry = freeEntrySparingIpv6(start, blkEnd);
+      }
+      if (freeEntry == npos) freeEntry = freeBits.findFirstClear(start, blkEnd);
       if (freeEntry != npos) {
          internal::traceRoute(6, "shiftDownAndInsert", route, ", entry: ", freeEntry);
          return shiftAndInsert(route, freeEntry, true);
@@ -128,6 +132,37 @@ IndexRange L3TcamManagerContext::targetRange(RouteType t, const TcamBlock& blk, 
       start = end = target;
    }
    return IndexRange(start, end);
+}
+
+// Where the IPv4 block overlaps the single-size IPv6 region the two share its free entries. A
+// free entry inside an IPv6 length's range is where that length's next route goes at no cost;
+// once the length has none left, its next route shifts one entry per IPv6 length crossed to the
+// next free entry beyond, and under churn those lengths are as short of free entries as it is.
+// The IPv4 route gains nothing from that entry over another free one in its own range, and going
+// beyond its range costs a move per IPv4 length crossed, paid once. So the IPv4 search passes over
+// an IPv6 range that is down to its last few free entries.
+uint32_t L3TcamManagerContext::freeEntrySparingIpv6(uint32_t from, uint32_t to) const {
+   // Free entries an IPv6 length keeps for its own next routes.
+   constexpr uint32_t kept = 2;
+   const TcamBlock* half = block(RouteType::v6Half).get();
+   const HBitmap& entries = *occupancy_.entries();
+   uint32_t x = entries.findFirstClear(from, to);
+   const uint32_t longest = half ? half->findLengthRangeMax() : TcamBlock::none;
+   if (x == npos || longest == TcamBlock::none) return x;
+   // The ranges lie in order of position, the longest length lowest.
+   if (x < half->lengthRange(longest).start() || x > half->lengthRange(half->nextLength(0)).end()) {
+      return x;
+   }
+   for (uint32_t k = longest; k != TcamBlock::none && x != npos;
+        k = k == 0 ? TcamBlock::none : half->prevLength(k - 1)) {
+      const IndexRange r = half->lengthRange(k);
+      if (r.start() == 0 || r.end() < x) continue;
+      if (r.start() > x) return x;
+      if (r.size() - entries.count(r.start(), r.end()) > kept) return x;
+      TRACE(th, 7, "Free entries of IPv6 prefix length ", k, " kept: ", r.start(), "/", r.end());
+      x = r.end() < to ? entries.findFirstClear(r.end() + 1, to) : npos;
+   }
+   return x;
 }
 
 bool L3TcamManagerContext::freeAPair(uint32_t blkStart, uint32_t blkEnd, unsigned level,

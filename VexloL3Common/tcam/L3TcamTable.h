@@ -388,6 +388,10 @@ class L3TcamManagerContext {
    IndexRange targetRange(RouteType t, const TcamBlock& blk, uint32_t len, uint32_t blkStart,
                           uint32_t blkEnd) const;
    bool freeAPair(uint32_t blkStart, uint32_t blkEnd, unsigned level, bool useSwapArea);
+   // Under weighted placement: the first free entry in [from, to] that an IPv4 route may take
+   // without taking one of the last free entries inside a single-size IPv6 length's range; npos
+   // when there is none.
+   uint32_t freeEntrySparingIpv6(uint32_t from, uint32_t to) const;
    uint32_t shiftAndInsert(const TcamRoute& route, uint32_t freeEntry, bool down);
    // Sets the IPv4/IPv6 border of a layout whose border moves: the IPv4 and v6Full block bounds,
    // v4V6Border and the IPv6 mapping's border, together. Moves nothing.
