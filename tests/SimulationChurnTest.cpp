@@ -16,7 +16,6 @@
 namespace VexloL3Common::sim {
 namespace {
 
-
 using testing_support::small;
 using testing_support::v4Routes;
 
