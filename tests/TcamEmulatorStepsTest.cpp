@@ -28,14 +28,14 @@ IpMcastPrefixKey mc(uint8_t len, const char* source) {
                            Ulo::IpGenAddr::fromString(source), len);
 }
 
-// Nested prefixes, so that most pairs shadow one another; the two longest multicast keys share
-// their trie node (lengths above 128 count as 128).
+// Nested prefixes, so that most pairs shadow one another. Multicast keys share a trie node when
+// they differ only past the bits their length constrains (the two /40s), or only above 128.
 struct Pool {
    std::vector<Ipv4UcastKey> v4{k4(1, "10.0.0.0/8"),  k4(1, "10.0.0.0/16"), k4(1, "10.1.0.0/16"),
                                 k4(1, "10.0.0.0/24"), k4(1, "10.0.0.0/25"), k4(1, "10.1.2.0/24")};
    std::vector<Ipv6UcastKey> v6{k6(1, "2001:db8::/32"), k6(1, "2001:db8::/48")};
-   std::vector<IpMcastPrefixKey> mcast{mc(64, "10.0.0.0"), mc(129, "10.0.0.0"),
-                                       mc(130, "10.0.0.0")};
+   std::vector<IpMcastPrefixKey> mcast{mc(40, "10.0.0.0"), mc(40, "10.1.0.0"), mc(64, "10.0.0.0"),
+                                       mc(129, "10.0.0.0"), mc(130, "10.0.0.0")};
 };
 
 // The homes as the header states them, kept by printed route.
@@ -176,7 +176,7 @@ class Steps {
 
    void writeOther(uint32_t pos) {
       if (below(2)) {
-         const IpMcastPrefixKey& k = pool_.mcast[below(3)];
+         const IpMcastPrefixKey& k = pool_.mcast[below(uint32_t(pool_.mcast.size()))];
          emu.writeMcast(pos, k);
          last = fmt::format("writeMcast {} {}", pos, k);
          callerWrote(pos, {k.toString()});
