@@ -126,7 +126,11 @@ void TcamEmulator::applyFaultyMerge(const RouteMergeInfo& m) {
    const TcamEntry& from = entries_[m.srcRouteId];
    const Ipv4UcastKey key = m.srcRouteType == EntryType::v4Left ? from.v4.left : from.v4.right;
    TcamEntry to = entries_[m.dstRouteId];
-   if (to.kind != EntryKind::v4 || key.isNull()) return afterChange();
+   // The key field of an entry of another kind is a default key, not a null one: copying it
+   // would install a route nobody wrote.
+   if (from.kind != EntryKind::v4 || to.kind != EntryKind::v4 || key.isNull()) {
+      return afterChange();
+   }
    (m.dstRouteType == EntryType::v4Left ? to.v4.right : to.v4.left) = key;
    setRaw(m.dstRouteId, to);
    if (uint32_t id = index_->v4.findId(key)) index_->v4.homeIs(id, m.dstRouteId);
