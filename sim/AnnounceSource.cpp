@@ -4,6 +4,7 @@
 
 #include <array>
 
+#include "platform/NetTypes.h"
 #include "sim/SyntheticTable.h"
 
 namespace VexloL3Common::sim {
@@ -44,11 +45,9 @@ class SyntheticAnnounces final : public AnnounceSource {
       const size_t k = size_t(f);
       SyntheticMix mix;
       (f == Route::Family::v4 ? mix.v4 : f == Route::Family::v6 ? mix.v6 : mix.mcast) = batchRoutes;
-      // A 64-bit mix of the seed, family and batch: far from the seeds a table is generated with.
-      uint64_t z = seed_ + 0x9e3779b97f4a7c15ull * (3 * batches_[k]++ + k + 1);
-      z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
-      z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
-      mix.seed = z ^ (z >> 31);
+      // Each family and batch draws from a seed of its own, scrambled so that a churn seed equal
+      // to the table's seed does not draw the table's own sequence of prefixes again.
+      mix.seed = Ulo::hashMix(0, seed_ + 0x9e3779b97f4a7c15ull * (3 * batches_[k]++ + k));
       batch_[k] = syntheticTable(mix);
       at_[k] = 0;
    }

@@ -69,16 +69,14 @@ TcamEmulator::~TcamEmulator() = default;
 void TcamEmulator::setRaw(uint32_t pos, const TcamEntry& e, const Held* ids) {
    const TcamEntry old = entries_[pos];
    const Held oldHeld = index_->held[pos];
-   Held held{}, nodes{};
+   Held held{};
    entries_[pos] = e;
    visitHeldKeys(e, pos, size(), [&](const auto& k, uint32_t rank, unsigned half) {
       auto& idx = index_->of(k);
       held[half] = ids && (*ids)[half] ? (*ids)[half] : idx.get(k);
-      nodes[half] = idx.slots[held[half]].node;
       idx.addRank(held[half], rank);
    });
    index_->held[pos] = held;
-   index_->heldNodes[pos] = nodes;
    visitHeldKeys(old, pos, size(), [&](const auto& k, uint32_t rank, unsigned half) {
       index_->of(k).removeRank(oldHeld[half], rank);
    });
@@ -118,8 +116,6 @@ void TcamEmulator::relocate(uint32_t src, uint32_t dst, const Held& ids) {
    entries_[src] = TcamEntry{};
    index_->held[dst] = ids;
    index_->held[src] = Held{};
-   index_->heldNodes[dst] = index_->heldNodes[src];
-   index_->heldNodes[src] = Held{};
    const uint32_t from = rankOf(src, e.kind), to = rankOf(dst, e.kind);
    visitHeldKeys(e, dst, size(), [&](const auto& k, uint32_t, unsigned half) {
       index_->of(k).relocate(ids[half], from, to);
@@ -161,8 +157,6 @@ bool TcamEmulator::rewriteV4(uint32_t pos, const TcamEntry& e) {
       idx.addRank(ids[h], pos);
    }
    index_->held[pos] = ids;
-   for (unsigned h = 0; h < 2; ++h)
-      index_->heldNodes[pos][h] = ids[h] ? idx.slots[ids[h]].node : 0;
    for (unsigned c = 0; c < 2; ++c) {
       if (cur.kind == EntryKind::v4 && !keyAt(cur, c).isNull() && !kept[c])
          idx.removeRank(curIds[c], pos);

@@ -283,15 +283,12 @@ struct KeyIndex : PrefixTrie<Key> {
 namespace VexloL3Common::sim {
 
 struct TcamEmulator::Index {
-   explicit Index(uint32_t size) : v4(size), v6(size), mcast(size), held(size), heldNodes(size) {}
+   explicit Index(uint32_t size) : v4(size), v6(size), mcast(size), held(size) {}
 
    internal::KeyIndex<Ipv4UcastKey> v4;
    internal::KeyIndex<Ipv6UcastKey> v6;
    internal::KeyIndex<IpMcastPrefixKey> mcast;
    std::vector<internal::Held> held;  // per entry
-   // Per entry, the trie nodes of the keys in `held`: a move asks for them together with the key
-   // states instead of after them.
-   std::vector<internal::Held> heldNodes;
    uint32_t stamp = 0;
 
    template <class Key>

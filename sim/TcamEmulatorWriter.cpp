@@ -120,17 +120,13 @@ void TcamEmulator::applyMove(const RoutePosition& p) {
    // A stale copy means the model and the hardware disagree about where a route lives.
    const uint32_t srcRank = rankOf(src, from.kind);
    const Held ids = index_->held[src];
-   // What the move reads next lies in scattered memory: ask for all of it before waiting on any.
+   // The destination lies elsewhere in memory: ask for it before waiting on the key states.
    __builtin_prefetch(&entries_[dst]);
-   const Held& nodes = index_->heldNodes[src];
-   visitHeldKeys(from, src, size(), [&](const auto& k, uint32_t, unsigned half) {
-      const auto& idx = index_->of(k);
-      __builtin_prefetch(&idx.slots[ids[half]]);
-      __builtin_prefetch(&idx.nodes[nodes[half]]);
-   });
    std::string stale;
    visitHeldKeys(from, src, size(), [&](const auto& k, uint32_t, unsigned half) {
-      const auto* s = &index_->of(k).slots[ids[half]];
+      const auto& idx = index_->of(k);
+      const auto* s = &idx.slots[ids[half]];
+      __builtin_prefetch(&idx.nodes[s->node]);
       if (!s->installed()) {
          stale += fmt::format(" {} is not installed;", k);
       } else if (s->homeRank != srcRank) {

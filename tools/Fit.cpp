@@ -17,12 +17,10 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <memory>
 #include <thread>
 
 #include "platform/Assert.h"
 #include "platform/Trace.h"
-#include "sim/AnnounceSource.h"
 #include "tools/Tool.h"
 
 namespace VexloL3Common::tool {
@@ -98,16 +96,8 @@ Result tryOne(const Options& c, const Input& in, const FitOptions& f) {
       sim::SimulationConfig sc = fitConfig(c, in);
       sim::Simulation sim(sc);
       sim.load(in.routes);
-      if (c.churn && c.churnKind == "new") {
-         // Every configuration announces the same prefixes, each from a source of its own.
-         const std::unique_ptr<sim::AnnounceSource> source =
-             f.churnRoutes.empty()
-                 ? sim::syntheticAnnounces(c.churnSeed)
-                 : sim::announcesFrom(f.churnRoutes, "--churn-routes " + c.churnRoutes);
-         sim.churnNew(c.churn, c.churnSeed, *source);
-      } else if (c.churn) {
-         sim.churn(c.churn, c.churnSeed);
-      }
+      // Every configuration announces the same prefixes, each from a source of its own.
+      runChurn(c, sim, f.churnRoutes);
       const std::vector<sim::ReportData::CapacityRow> rows = sim.capacity(c.warnAt, c.criticalAt);
       const sim::Statistics& st = sim.statistics();
       r.refused = st.refused();

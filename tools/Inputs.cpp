@@ -4,8 +4,10 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <sstream>
 
+#include "sim/AnnounceSource.h"
 #include "sim/Quote.h"
 #include "sim/RouteFormats.h"
 #include "sim/SyntheticTable.h"
@@ -132,6 +134,16 @@ std::vector<sim::Route> readChurnRoutes(const Options& o) {
    if (t.routes.empty())
       throw UsageError("--churn-routes " + sim::clipped(name) + " holds no route");
    return std::move(t.routes);
+}
+
+void runChurn(const Options& o, sim::Simulation& sim, const std::vector<sim::Route>& churnRoutes,
+              const sim::Simulation::Progress& progress) {
+   if (!o.churn) return;
+   if (o.churnKind != "new") return sim.churn(o.churn, o.churnSeed, progress);
+   const std::unique_ptr<sim::AnnounceSource> source =
+       churnRoutes.empty() ? sim::syntheticAnnounces(o.churnSeed)
+                           : sim::announcesFrom(churnRoutes, "--churn-routes " + o.churnRoutes);
+   sim.churnNew(o.churn, o.churnSeed, *source, progress);
 }
 
 std::optional<PlacementWeights> readWeightsOption(const Options& o) {

@@ -225,15 +225,7 @@ void runPhases(Command cmd, const Options& o, sim::Simulation& sim, Input& in,
       sim.load(std::move(in.routes), bar.phase("load"));
       if (cmd == Command::replay)
          sim.replay(trace, o.trace == "-" ? "<stdin>" : o.trace, bar.phase("replay"));
-      if (o.churn && o.churnKind == "new") {
-         const std::unique_ptr<sim::AnnounceSource> source =
-             churnRoutes.empty()
-                 ? sim::syntheticAnnounces(o.churnSeed)
-                 : sim::announcesFrom(churnRoutes, "--churn-routes " + o.churnRoutes);
-         sim.churnNew(o.churn, o.churnSeed, *source, bar.phase("churn"));
-      } else if (o.churn) {
-         sim.churn(o.churn, o.churnSeed, bar.phase("churn"));
-      }
+      if (o.churn) runChurn(o, sim, churnRoutes, bar.phase("churn"));
       sim.finish(bar.phase("model timing"));
       bar.done();
    } catch (const Ulo::AssertionFailure& e) {

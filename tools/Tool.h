@@ -107,6 +107,10 @@ Input readInput(const Options& o);
 std::vector<sim::RouteOp> readTraceFile(const std::string& path);
 // The prefixes --churn-routes names, in any form the loader accepts; empty without the option.
 std::vector<sim::Route> readChurnRoutes(const Options& o);
+// Runs the churn the options ask for (none without --churn): withdrawn routes re-announced, or new
+// prefixes from `churnRoutes` (readChurnRoutes) or, when it is empty, from the generator.
+void runChurn(const Options& o, sim::Simulation& sim, const std::vector<sim::Route>& churnRoutes,
+              const sim::Simulation::Progress& progress = {});
 // The table --weights names (sim/WeightsFile.h); UsageError for --weights without --placement
 // weighted, sim::InputError "FILE:LINE: ..." for a bad line.
 std::optional<PlacementWeights> readWeightsOption(const Options& o);
