@@ -30,7 +30,7 @@ using namespace VexloL3Common;
 namespace {
 
 [[maybe_unused]] const bool freedMemoryKept = [] {
-   return mallopt(M_TRIM_THRESHOLD, 1 << 30) == 1 && mallopt(M_MMAP_THRESHOLD, 32 << 20) == 1;
+   return mallopt(M_TRIM_THRESHOLD, 1 << 30) == 1 && mallopt(M_MMAP_THRESHOLD, 32 << 20) == 1 && (getenv("BENCH_NOMMAP") == nullptr || mallopt(M_MMAP_MAX, 0) == 1);
 }();
 
 enum class Writer : int { model, emulated, unchecked };
@@ -73,6 +73,11 @@ void BM_LoadAndChurn(benchmark::State& state) {
    const Workload& w = workload(int(state.range(0)));
    const auto writer = Writer(state.range(1));
    uint64_t ops = 0, moves = 0;
+   if (getenv("BENCH_WARM")) {
+      auto t =
+          std::make_unique<sim::EmulatedTable>(configFor(w.size), false, writer != Writer::model);
+      for (size_t i = 0; i < w.load.size(); ++i) t->add(w.load[i]);
+   }
    for (auto _ : state) {
       state.PauseTiming();
       auto t =

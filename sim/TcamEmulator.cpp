@@ -51,11 +51,10 @@ std::string TcamEntry::toString() const {
    return "empty";
 }
 
-TcamEmulator::TcamEmulator(uint32_t size, uint32_t pairGap) : pairGap_(pairGap) {
+TcamEmulator::TcamEmulator(uint32_t size, uint32_t pairGap) : size_(size), pairGap_(pairGap) {
    if (size < 2 || size > maxSize) {
       throw std::range_error(fmt::format("TcamEmulator size {} outside 2..{}", size, maxSize));
    }
-   entries_.resize(size);
    index_ = std::make_unique<Index>(size);
 }
 
@@ -63,28 +62,41 @@ TcamEmulator::~TcamEmulator() = default;
 
 // ---- the table --------------------------------------------------------------------------------
 
+// The entry at pos becomes one of `kind` holding the keys of these states (they are indexed
+// already). The new keys are added before the old ones are removed: a key in both stays indexed.
+void TcamEmulator::setCell(uint32_t pos, EntryKind kind, const Held& ids) {
+   Index& ix = *index_;
+   const Cell old = ix.cells[pos];
+   Cell& c = ix.cells[pos];
+   c.kind = kind;
+   c.ids = ids;
+   ix.forHeld(c, pos, [&](auto& idx, uint32_t id, uint32_t rank, unsigned) { idx.addRank(id, rank); });
+   ix.forHeld(old, pos,
+              [&](auto& idx, uint32_t id, uint32_t rank, unsigned) { idx.removeRank(id, rank); });
+}
+
 // ids: the key states of e's keys by half where the caller knows them (a move knows them from its
-// source; 0: look the key up), so that nothing is hashed. The new keys are added before the old
-// ones are removed: a key in both stays indexed, and so do the states the caller passed.
+// source; 0: look the key up), so that nothing is hashed.
 void TcamEmulator::setRaw(uint32_t pos, const TcamEntry& e, const Held* ids) {
-   const TcamEntry old = entries_[pos];
-   const Held oldHeld = index_->held[pos];
+   Index& ix = *index_;
    Held held{};
-   entries_[pos] = e;
-   visitHeldKeys(e, pos, size(), [&](const auto& k, uint32_t rank, unsigned half) {
-      auto& idx = index_->of(k);
-      held[half] = ids && (*ids)[half] ? (*ids)[half] : idx.get(k);
-      idx.addRank(held[half], rank);
+   if (e.kind == EntryKind::v4) {
+      held = {Cell::nullOf(e.v4.right), Cell::nullOf(e.v4.left)};
+   }
+   visitHeldKeys(e, pos, size(), [&](const auto& k, uint32_t, unsigned half) {
+      held[half] = ids && Cell::isKey((*ids)[half]) ? (*ids)[half] : ix.of(k).get(k);
    });
-   index_->held[pos] = held;
-   visitHeldKeys(old, pos, size(), [&](const auto& k, uint32_t rank, unsigned half) {
-      index_->of(k).removeRank(oldHeld[half], rank);
-   });
+   if (e.kind == EntryKind::v6DoubleSecond) {
+      *ix.secondKeys.tryEmplace(pos).first = e.v6;
+   } else if (ix.cells[pos].kind == EntryKind::v6DoubleSecond) {
+      ix.secondKeys.erase(pos);
+   }
+   setCell(pos, e.kind, held);
 }
 
 // Empties an entry; a double-size pair does not survive losing either of its two entries.
 void TcamEmulator::vacate(uint32_t pos) {
-   const EntryKind kind = entries_[pos].kind;
+   const EntryKind kind = index_->cells[pos].kind;
    if (kind == EntryKind::v6DoubleFirst) {
       setRaw(pos + pairGap_, TcamEntry{});
    } else if (kind == EntryKind::v6DoubleSecond) {
@@ -109,17 +121,14 @@ void TcamEmulator::store(uint32_t pos, const TcamEntry& e, const Held* ids) {
 
 // The common move: an entry that is not half of a pair into an empty one. What store, the homes
 // and vacate amount to here, one step per key.
-void TcamEmulator::relocate(uint32_t src, uint32_t dst, const Held& ids) {
+void TcamEmulator::relocate(uint32_t src, uint32_t dst) {
    settleMergeSource(dst);
-   const TcamEntry e = entries_[src];
-   entries_[dst] = e;
-   entries_[src] = TcamEntry{};
-   index_->held[dst] = ids;
-   index_->held[src] = Held{};
-   const uint32_t from = rankOf(src, e.kind), to = rankOf(dst, e.kind);
-   visitHeldKeys(e, dst, size(), [&](const auto& k, uint32_t, unsigned half) {
-      index_->of(k).relocate(ids[half], from, to);
-   });
+   Index& ix = *index_;
+   const Cell c = ix.cells[src];
+   ix.cells[dst] = c;
+   ix.cells[src] = Cell{};
+   const uint32_t from = rankOf(src, c.kind), to = rankOf(dst, c.kind);
+   ix.forHeld(c, dst, [&](auto& idx, uint32_t id, uint32_t, unsigned) { idx.relocate(id, from, to); });
 }
 
 // The agent rewriting an IPv4 entry (or emptying one): what callerWrite does, with the keys the
@@ -127,39 +136,42 @@ void TcamEmulator::relocate(uint32_t src, uint32_t dst, const Held& ids) {
 // another kind.
 bool TcamEmulator::rewriteV4(uint32_t pos, const TcamEntry& e) {
    auto plain = [](EntryKind k) { return k == EntryKind::v4 || k == EntryKind::empty; };
-   const TcamEntry cur = entries_[pos];
+   Index& ix = *index_;
+   const Cell cur = ix.cells[pos];
    if (!plain(cur.kind) || !plain(e.kind)) return false;
+   auto& idx = ix.v4;
    auto keyAt = [](const TcamEntry& x, unsigned half) -> const Ipv4UcastKey& {
       return half ? x.v4.left : x.v4.right;
    };
-   auto& idx = index_->v4;
-   const Held curIds = index_->held[pos];
+   auto curHolds = [&](unsigned half) {
+      return cur.kind == EntryKind::v4 && Cell::isKey(cur.ids[half]);
+   };
    Held ids{};
    bool kept[2] = {false, false};  // by half of cur
-   for (unsigned h = 0; h < 2; ++h) {
+   for (unsigned h = 0; h < 2 && e.kind == EntryKind::v4; ++h) {
       const Ipv4UcastKey& k = keyAt(e, h);
-      if (e.kind != EntryKind::v4 || k.isNull()) continue;
+      if (k.isNull()) {
+         ids[h] = Cell::nullOf(k);
+         continue;
+      }
       for (unsigned c = 0; c < 2; ++c) {
-         if (cur.kind == EntryKind::v4 && !kept[c] && keyAt(cur, c) == k) {
+         if (curHolds(c) && !kept[c] && idx.slots[cur.ids[c]].key == k) {
             kept[c] = true;
-            ids[h] = curIds[c];
+            ids[h] = cur.ids[c];
             break;
          }
       }
    }
    settleMergeSource(pos);
-   entries_[pos] = e;
    // New keys first, so that a key the entry gives up and takes back stays indexed.
-   for (unsigned h = 0; h < 2; ++h) {
-      const Ipv4UcastKey& k = keyAt(e, h);
-      if (e.kind != EntryKind::v4 || k.isNull() || ids[h]) continue;
-      ids[h] = idx.get(k);
+   for (unsigned h = 0; h < 2 && e.kind == EntryKind::v4; ++h) {
+      if (ids[h]) continue;
+      ids[h] = idx.get(keyAt(e, h));
       idx.addRank(ids[h], pos);
    }
-   index_->held[pos] = ids;
+   ix.cells[pos] = Cell{e.kind, ids};
    for (unsigned c = 0; c < 2; ++c) {
-      if (cur.kind == EntryKind::v4 && !keyAt(cur, c).isNull() && !kept[c])
-         idx.removeRank(curIds[c], pos);
+      if (curHolds(c) && !kept[c]) idx.removeRank(cur.ids[c], pos);
    }
    // The routes that lived here and are not written again were deleted by the agent.
    for (uint32_t id = idx.homeHead[pos]; id;) {
@@ -167,10 +179,10 @@ bool TcamEmulator::rewriteV4(uint32_t pos, const TcamEntry& e) {
       if (id != ids[0] && id != ids[1]) idx.homeIs(id, 0);
       id = next;
    }
-   index_->uninstallAt(index_->v6, pos);
-   index_->uninstallAt(index_->mcast, pos);
+   ix.uninstallAt(ix.v6, pos);
+   ix.uninstallAt(ix.mcast, pos);
    for (unsigned h = 0; h < 2; ++h) {
-      if (!ids[h]) continue;
+      if (!Cell::isKey(ids[h])) continue;
       idx.homeIs(ids[h], pos);
       idx.markDirty(ids[h]);
    }
@@ -191,22 +203,23 @@ void TcamEmulator::callerWrite(uint32_t pos, const TcamEntry& e) {
    if (rewriteV4(pos, e)) return;
    // A key the entry holds already and that is installed keeps its state through the store (an
    // agent rewriting one half of an entry keeps the other): no need to look it up.
+   Index& ix = *index_;
    Held ids{};
-   const TcamEntry& cur = entries_[pos];
-   const Held& curIds = index_->held[pos];
+   const Cell cur = ix.cells[pos];
    visitHeldKeys(e, pos, size(), [&](const auto& k, uint32_t, unsigned half) {
-      visitHeldKeys(cur, pos, size(), [&](const auto& c, uint32_t, unsigned h) {
-         if constexpr (std::is_same_v<decltype(&c), decltype(&k)>) {
-            if (c == k && index_->of(k).slots[curIds[h]].installed()) ids[half] = curIds[h];
+      ix.forHeld(cur, pos, [&](auto& idx, uint32_t id, uint32_t, unsigned) {
+         if constexpr (std::is_same_v<typename std::decay_t<decltype(idx)>::KeyType,
+                                      std::decay_t<decltype(k)>>) {
+            if (!ids[half] && idx.slots[id].key == k && idx.slots[id].installed()) ids[half] = id;
          }
       });
    });
    store(pos, e, &ids);
-   index_->uninstallAt(pos);
+   ix.uninstallAt(pos);
    // The keys just written are held here, so their states outlived the uninstalling.
-   const Held held = index_->held[pos];
+   const Held held = ix.cells[pos].ids;
    visitHeldKeys(e, pos, size(), [&](const auto& k, uint32_t rank, unsigned half) {
-      index_->of(k).homeIs(held[half], rank);
+      ix.of(k).homeIs(held[half], rank);
    });
 }
 
@@ -271,8 +284,8 @@ void TcamEmulator::settleMergeSource(uint32_t pos) {
 std::optional<Hit4> TcamEmulator::lookup4(VrfId vrf, uint32_t addr) const {
    auto matches = [&](const Ipv4UcastKey& k) { return k.vrfId == vrf && k.prefix.contains(addr); };
    for (uint32_t pos = 1; pos < size(); ++pos) {
-      const TcamEntry& e = entries_[pos];
-      if (e.kind != EntryKind::v4) continue;
+      if (index_->cells[pos].kind != EntryKind::v4) continue;
+      const TcamEntry e = index_->entryAt(pos);
       if (matches(e.v4.right)) return Hit4{pos, e.v4.right, true};
       if (matches(e.v4.left)) return Hit4{pos, e.v4.left, false};
    }
@@ -282,9 +295,10 @@ std::optional<Hit4> TcamEmulator::lookup4(VrfId vrf, uint32_t addr) const {
 std::optional<Hit6> TcamEmulator::lookup6(VrfId vrf, const Ulo::IpGenAddr::Bytes& addr) const {
    for (EntryKind kind : {EntryKind::v6DoubleFirst, EntryKind::v6Single}) {
       for (uint32_t pos = 1; pos < size(); ++pos) {
-         const TcamEntry& e = entries_[pos];
-         if (e.kind == kind && e.v6.vrfId == vrf && e.v6.prefix.contains(addr)) {
-            return Hit6{pos, e.v6, kind == EntryKind::v6DoubleFirst};
+         if (index_->cells[pos].kind != kind) continue;
+         const Ipv6UcastKey& k = index_->v6.slots[index_->cells[pos].ids[0]].key;
+         if (k.vrfId == vrf && k.prefix.contains(addr)) {
+            return Hit6{pos, k, kind == EntryKind::v6DoubleFirst};
          }
       }
    }
@@ -295,29 +309,25 @@ std::optional<HitMcast> TcamEmulator::lookupMcast(uint16_t vrfIndex, uint16_t ta
                                                   uint32_t group, uint32_t source) const {
    const uint64_t bits = (uint64_t(group) << 32) | source;
    for (uint32_t pos = 1; pos < size(); ++pos) {
-      const TcamEntry& e = entries_[pos];
-      if (e.kind != EntryKind::mcast || e.mcast.vrfIndex != vrfIndex ||
-          e.mcast.tableId != tableId) {
-         continue;
-      }
-      Bits k = bitsOf(e.mcast);
-      if ((bits & topBits(std::min<unsigned>(e.mcast.len, 64))) == k.hi)
-         return HitMcast{pos, e.mcast};
+      if (index_->cells[pos].kind != EntryKind::mcast) continue;
+      const IpMcastPrefixKey& k = index_->mcast.slots[index_->cells[pos].ids[0]].key;
+      if (k.vrfIndex != vrfIndex || k.tableId != tableId) continue;
+      if ((bits & topBits(std::min<unsigned>(k.len, 64))) == bitsOf(k).hi) return HitMcast{pos, k};
    }
    return std::nullopt;
 }
 // ---- image ------------------------------------------------------------------------------------
 
-const TcamEntry& TcamEmulator::entry(uint32_t pos) const {
+TcamEntry TcamEmulator::entry(uint32_t pos) const {
    if (pos >= size()) {
       throw std::range_error(fmt::format("TcamEmulator::entry: {} outside 0..{}", pos, size() - 1));
    }
-   return entries_[pos];
+   return index_->entryAt(pos);
 }
 
 void TcamEmulator::forEachEntry(const std::function<void(uint32_t, const TcamEntry&)>& f) const {
    for (uint32_t pos = 0; pos < size(); ++pos) {
-      if (entries_[pos].kind != EntryKind::empty) f(pos, entries_[pos]);
+      if (index_->cells[pos].kind != EntryKind::empty) f(pos, index_->entryAt(pos));
    }
 }
 

@@ -179,7 +179,7 @@ class TcamEmulator {
    TcamEmulator(const TcamEmulator&) = delete;
    TcamEmulator& operator=(const TcamEmulator&) = delete;
 
-   uint32_t size() const { return uint32_t(entries_.size()); }
+   uint32_t size() const { return size_; }
    uint32_t pairGap() const { return pairGap_; }
 
    // ---- writer role ----
@@ -253,7 +253,7 @@ class TcamEmulator {
 
    // ---- image ----
    // Range error past the table.
-   const TcamEntry& entry(uint32_t pos) const;
+   TcamEntry entry(uint32_t pos) const;
    // Calls f(pos, entry) for every non-empty entry in ascending index.
    void forEachEntry(const std::function<void(uint32_t, const TcamEntry&)>& f) const;
 
@@ -261,12 +261,14 @@ class TcamEmulator {
    struct Index;  // the tries and key states, in TcamEmulatorIndex.h
 
    void checkPos(const char* what, uint32_t pos, bool doubleSize) const;
+   void checkImage() const;
    bool posValid(uint32_t pos, bool doubleSize) const;
    void store(uint32_t pos, const TcamEntry& e, const std::array<uint32_t, 2>* ids = nullptr);
    void vacate(uint32_t pos);
    void setRaw(uint32_t pos, const TcamEntry& e, const std::array<uint32_t, 2>* ids = nullptr);
+   void setCell(uint32_t pos, EntryKind kind, const std::array<uint32_t, 2>& ids);
    void callerWrite(uint32_t pos, const TcamEntry& e);
-   void relocate(uint32_t src, uint32_t dst, const std::array<uint32_t, 2>& ids);
+   void relocate(uint32_t src, uint32_t dst);
    bool rewriteV4(uint32_t pos, const TcamEntry& e);
    void settleMergeSource(uint32_t pos);
    uint32_t rankOf(uint32_t pos, EntryKind kind) const;
@@ -285,7 +287,7 @@ class TcamEmulator {
    void applyFaultyMerge(const RouteMergeInfo& m);
    void noteFaultRoutes(uint32_t pos, std::optional<EntryType> half);
 
-   std::vector<TcamEntry> entries_;
+   uint32_t size_;
    uint32_t pairGap_;
    std::unique_ptr<Index> index_;
 

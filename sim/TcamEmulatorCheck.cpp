@@ -1,6 +1,9 @@
 // TcamEmulator: the consistency checks, incremental (checkAfterMove) and from scratch (checkAll).
 #include <algorithm>
+#include <optional>
 #include <unordered_map>
+
+#include "platform/Assert.h"
 
 #include "sim/TcamEmulator.h"
 #include "sim/TcamEmulatorIndex.h"
@@ -11,9 +14,9 @@ namespace internal {
 
 // Whether the entry at the rank's position holds the key at that rank.
 template <class Key>
-bool holdsAt(const std::vector<TcamEntry>& entries, const Key& key, uint32_t rank) {
-   uint32_t size = uint32_t(entries.size());
-   const TcamEntry& e = entries[posOfRank<Key>(rank, size)];
+bool holdsAt(const CheckInput& in, const Key& key, uint32_t rank) {
+   const uint32_t size = in.size();
+   const TcamEntry e = in.entry(posOfRank<Key>(rank, size));
    bool found = false;
    visitKeys(e, posOfRank<Key>(rank, size), size, [&](const auto& k, uint32_t r) {
       if constexpr (std::is_same_v<std::decay_t<decltype(k)>, Key>) found |= r == rank && k == key;
@@ -39,12 +42,12 @@ struct Shadow {
 };
 
 template <class Key>
-Violation notHeld(const Key& key, uint32_t homeRank, const std::vector<TcamEntry>& entries) {
-   uint32_t size = uint32_t(entries.size());
+Violation notHeld(const Key& key, uint32_t homeRank, const CheckInput& in) {
+   const uint32_t size = in.size();
    return Violation{
        Violation::Kind::notHeld, key.toString(),
        fmt::format("route {} installed at {} is no longer held there (it holds: {})", key,
-                   where<Key>(homeRank, size), entries[posOfRank<Key>(homeRank, size)])};
+                   where<Key>(homeRank, size), in.entry(posOfRank<Key>(homeRank, size)))};
 }
 
 template <class Key>
@@ -74,7 +77,7 @@ bool misplaced(const Key& key, uint32_t homeRank, const CheckInput& in,
    if constexpr (std::is_same_v<Key, Ipv4UcastKey>) {
       if (!in.model.v4) return false;
       model = in.model.v4(key);
-      hardware.right = pos && in.entries[pos].v4.right == key;
+      hardware.right = pos && in.entry(pos).v4.right == key;
       if (!model.pos) model.right = false;
    } else if constexpr (isV6<Key>) {
       if (!in.model.v6) return false;
@@ -119,8 +122,9 @@ bool brokenPair(const Key& key, const Ranks& ranks, const CheckInput& in,
    if constexpr (isV6<Key>) {
       for (uint32_t r : ranks) {
          if (r >= in.size()) break;  // single-size entries rank after every double-size one
-         const uint32_t second = r + in.pairGap;
-         const TcamEntry* e = second < in.size() ? &in.entries[second] : nullptr;
+         const uint32_t second = r + in.pairGap();
+         const std::optional<TcamEntry> e =
+             second < in.size() ? std::optional(in.entry(second)) : std::nullopt;
          if (e && e->kind == EntryKind::v6DoubleSecond && e->v6 == key) continue;
          out.push_back(Violation{
              Violation::Kind::brokenPair, key.toString(),
@@ -139,7 +143,7 @@ void KeyIndex<Key>::evaluate(Slot& r, uint32_t stamp, const CheckInput& in,
                              std::vector<Violation>& out) {
    r.stamp = stamp;
    if (!r.holds(r.homeRank)) {
-      out.push_back(notHeld(r.key, r.homeRank, in.entries));
+      out.push_back(notHeld(r.key, r.homeRank, in));
       return;
    }
    if (brokenPair(r.key, r.ranks, in, out) || copied(r.key, r.ranks, r.homeRank, in, out)) {
@@ -210,7 +214,7 @@ void KeyIndex<Key>::checkAll(const CheckInput& in, std::vector<Violation>& out) 
    std::unordered_map<Key, std::vector<uint32_t>> ranksOf;
    std::unordered_map<Bits, Shadow<Key>, BitsHash> earliest;
    for (uint32_t pos = 0; pos < size; ++pos) {
-      visitKeys(in.entries[pos], pos, size, [&](const auto& k, uint32_t rank) {
+      visitKeys(in.entry(pos), pos, size, [&](const auto& k, uint32_t rank) {
          if constexpr (std::is_same_v<std::decay_t<decltype(k)>, Key>) {
             auto it = ranksOf.try_emplace(k).first;
             it->second.push_back(rank);
@@ -222,8 +226,8 @@ void KeyIndex<Key>::checkAll(const CheckInput& in, std::vector<Violation>& out) 
    for (const Slot& slot : slots) {
       if (!slot.live || !slot.installed()) continue;
       const Key& key = slot.key;
-      if (!holdsAt(in.entries, key, slot.homeRank)) {
-         out.push_back(notHeld(key, slot.homeRank, in.entries));
+      if (!holdsAt(in, key, slot.homeRank)) {
+         out.push_back(notHeld(key, slot.homeRank, in));
          continue;
       }
       std::vector<uint32_t>& ranks = ranksOf.at(key);
@@ -254,9 +258,38 @@ void sortViolations(std::vector<Violation>& v) {
 }
 }  // namespace
 
+// The entries are kept as the ids of their keys' states: every id an entry holds must name a live
+// state that records the entry, and the states must record no entry besides, or the entries the
+// checks read are not the ones written.
+void TcamEmulator::checkImage() const {
+   const Index& ix = *index_;
+   size_t held = 0, recorded = 0;
+   for (uint32_t pos = 0; pos < size(); ++pos) {
+      const internal::Cell& c = ix.cells[pos];
+      ix.forHeld(c, pos, [&](const auto& idx, uint32_t id, uint32_t rank, unsigned) {
+         VEXLO_ASSERT_MSG(id < idx.slots.size() && idx.slots[id].live && idx.slots[id].holds(rank),
+                          "TcamEmulator: entry and index agree", "entry: ", pos, ", slot: ", id);
+         ++held;
+      });
+      VEXLO_ASSERT_MSG(
+          (c.kind == EntryKind::v6DoubleSecond) == (ix.secondKeys.find(pos) != nullptr),
+          "TcamEmulator: entry and index agree", "entry: ", pos, ", second of a pair");
+   }
+   auto count = [&](const auto& idx) {
+      for (const auto& s : idx.slots)
+         recorded += size_t(s.ranks.end() - s.ranks.begin());
+   };
+   count(ix.v4);
+   count(ix.v6);
+   count(ix.mcast);
+   VEXLO_ASSERT_MSG(held == recorded, "TcamEmulator: entry and index agree", "keys held: ", held,
+                    ", recorded: ", recorded);
+}
+
 std::vector<Violation> TcamEmulator::checkAll() const {
+   checkImage();
    std::vector<Violation> out;
-   const internal::CheckInput in{entries_, pairGap_, model_, pendingMergeSources_};
+   const internal::CheckInput in{*this, model_, pendingMergeSources_};
    index_->v4.checkAll(in, out);
    index_->v6.checkAll(in, out);
    index_->mcast.checkAll(in, out);
@@ -280,7 +313,7 @@ std::vector<Violation> TcamEmulator::checkChanged(bool withinOperation) {
       index_->stamp = 1;
    }
    const uint32_t stamp = index_->stamp;
-   const internal::CheckInput in{entries_, pairGap_, model_, pendingMergeSources_};
+   const internal::CheckInput in{*this, model_, pendingMergeSources_};
    index_->v4.checkDirty(stamp, in, out);
    index_->v6.checkDirty(stamp, in, out);
    index_->mcast.checkDirty(stamp, in, out);

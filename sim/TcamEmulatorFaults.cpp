@@ -50,7 +50,7 @@ bool TcamEmulator::faultDue(bool isMerge, const RoutePosition* p) {
          break;
       case WriterFault::partnerLeftBehind:
          applies = !isMerge && p->type == EntryType::v6 && posValid(p->oldRouteId, false) &&
-                   entries_[p->oldRouteId].kind == EntryKind::v6DoubleFirst &&
+                   index_->cells[p->oldRouteId].kind == EntryKind::v6DoubleFirst &&
                    (!doubleSizeAt_ || doubleSizeAt_(p->newRouteId)) &&
                    posValid(p->newRouteId, true);
          break;
@@ -71,7 +71,7 @@ bool TcamEmulator::faultDue(bool isMerge, const RoutePosition* p) {
 
 void TcamEmulator::noteFaultRoutes(uint32_t pos, std::optional<EntryType> half) {
    if (pos == 0 || pos >= size()) return;
-   const TcamEntry& e = entries_[pos];
+   const TcamEntry e = index_->entryAt(pos);
    if (half) {
       const Ipv4UcastKey& k = *half == EntryType::v4Left ? e.v4.left : e.v4.right;
       if (e.kind == EntryKind::v4 && !k.isNull()) faultRoutes_.push_back(k.toString());
@@ -95,14 +95,14 @@ void TcamEmulator::applyFaultyMove(const RoutePosition& p) {
          break;
       }
       case WriterFault::sourceLeftValid: {
-         const TcamEntry from = src < size() ? entries_[src] : TcamEntry{};
+         const TcamEntry from = src < size() ? index_->entryAt(src) : TcamEntry{};
          applyMove(p);
          if (from.kind != EntryKind::empty) store(src, from);
          break;
       }
       case WriterFault::partnerLeftBehind: {
          // The first entry lands; its partner stays where the pair was.
-         const TcamEntry from = entries_[src];
+         const TcamEntry from = index_->entryAt(src);
          const uint32_t dst = p.newRouteId;
          vacate(dst);
          setRaw(dst, from);
@@ -123,9 +123,9 @@ void TcamEmulator::applyFaultyMove(const RoutePosition& p) {
 
 void TcamEmulator::applyFaultyMerge(const RouteMergeInfo& m) {
    VEXLO_ASSERT(fault_ == WriterFault::wrongHalf, "TcamEmulator: a fault of a merge");
-   const TcamEntry& from = entries_[m.srcRouteId];
+   const TcamEntry from = index_->entryAt(m.srcRouteId);
    const Ipv4UcastKey key = m.srcRouteType == EntryType::v4Left ? from.v4.left : from.v4.right;
-   TcamEntry to = entries_[m.dstRouteId];
+   TcamEntry to = index_->entryAt(m.dstRouteId);
    // The key field of an entry of another kind is a default key, not a null one: copying it
    // would install a route nobody wrote.
    if (from.kind != EntryKind::v4 || to.kind != EntryKind::v4 || key.isNull()) {

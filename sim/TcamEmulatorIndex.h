@@ -22,7 +22,7 @@ namespace VexloL3Common::sim::internal {
 //
 // Key states live in a vector and keep their index (their slot id) for as long as the key is
 // indexed; a flat hash map finds the id of a key, and each entry remembers the ids of the keys it
-// holds (Held), so that a move hashes nothing. Routes rarely nest more than a few deep, so a rank
+// holds (Cell), so that a move hashes nothing. Routes rarely nest more than a few deep, so a rank
 // change climbs a few nodes rather than the whole trie, and a climb stops as soon as an
 // ancestor's value stays.
 template <class Key>
@@ -31,6 +31,7 @@ struct KeyIndex : PrefixTrie<Key> {
    using Trie::dropKeys, Trie::holdKeys, Trie::nodes, Trie::pathTo, Trie::propagate, Trie::prune,
        Trie::stack, Trie::subMax, Trie::ties, Trie::trie;
    using typename Trie::Node;
+   using KeyType = Key;
 
    // An IPv4 key's state fills one cache line.
    struct alignas(sizeof(Key) <= 16 ? 64 : 8) Slot {
@@ -283,13 +284,80 @@ struct KeyIndex : PrefixTrie<Key> {
 namespace VexloL3Common::sim {
 
 struct TcamEmulator::Index {
-   explicit Index(uint32_t size) : v4(size), v6(size), mcast(size), held(size) {}
+   explicit Index(uint32_t size) : v4(size), v6(size), mcast(size), cells(size) {}
 
    internal::KeyIndex<Ipv4UcastKey> v4;
    internal::KeyIndex<Ipv6UcastKey> v6;
    internal::KeyIndex<IpMcastPrefixKey> mcast;
-   std::vector<internal::Held> held;  // per entry
+   std::vector<internal::Cell> cells;  // the entries
+   // The key of each second entry of a double-size pair, by position.
+   VexloL3Common::internal::FlatHashMap<uint32_t, Ipv6UcastKey> secondKeys;
    uint32_t stamp = 0;
+
+   uint32_t size() const { return uint32_t(cells.size()); }
+
+   // Calls f(index, id, rank, half) for every key the cell at pos holds, in the order of
+   // visitHeldKeys.
+   template <class F>
+   void forHeld(const internal::Cell& c, uint32_t pos, F&& f) {
+      forHeldOf(*this, c, pos, f);
+   }
+   template <class F>
+   void forHeld(const internal::Cell& c, uint32_t pos, F&& f) const {
+      forHeldOf(*this, c, pos, f);
+   }
+   template <class Self, class F>
+   static void forHeldOf(Self& ix, const internal::Cell& c, uint32_t pos, F& f) {
+      switch (c.kind) {
+         case EntryKind::v4:
+            if (internal::Cell::isKey(c.ids[0])) f(ix.v4, c.ids[0], pos, 0u);
+            if (internal::Cell::isKey(c.ids[1])) f(ix.v4, c.ids[1], pos, 1u);
+            break;
+         case EntryKind::v6Single:
+            f(ix.v6, c.ids[0], ix.size() + pos, 0u);
+            break;
+         case EntryKind::v6DoubleFirst:
+            f(ix.v6, c.ids[0], pos, 0u);
+            break;
+         case EntryKind::mcast:
+            f(ix.mcast, c.ids[0], pos, 0u);
+            break;
+         case EntryKind::empty:
+         case EntryKind::v6DoubleSecond:
+            break;
+      }
+   }
+
+   Ipv4UcastKey v4Half(uint32_t id) const {
+      return internal::Cell::isKey(id) ? v4.slots[id].key
+                                       : Ipv4UcastKey::nullKey(VrfId(id & ~internal::Cell::nullHalf));
+   }
+
+   // The entry at pos, keys and all.
+   TcamEntry entryAt(uint32_t pos) const {
+      const internal::Cell& c = cells[pos];
+      TcamEntry e;
+      e.kind = c.kind;
+      switch (c.kind) {
+         case EntryKind::v4:
+            e.v4.right = v4Half(c.ids[0]);
+            e.v4.left = v4Half(c.ids[1]);
+            break;
+         case EntryKind::v6Single:
+         case EntryKind::v6DoubleFirst:
+            e.v6 = v6.slots[c.ids[0]].key;
+            break;
+         case EntryKind::v6DoubleSecond:
+            e.v6 = *secondKeys.find(pos);
+            break;
+         case EntryKind::mcast:
+            e.mcast = mcast.slots[c.ids[0]].key;
+            break;
+         case EntryKind::empty:
+            break;
+      }
+      return e;
+   }
 
    template <class Key>
    void uninstallAt(internal::KeyIndex<Key>& idx, uint32_t pos) {

@@ -110,9 +110,25 @@ void visitKeys(const TcamEntry& e, uint32_t pos, uint32_t size, F&& f) {
    visitHeldKeys(e, pos, size, [&](const auto& k, uint32_t rank, unsigned) { f(k, rank); });
 }
 
-// Per entry, the key states (KeyIndex slot ids) of the keys it holds, by half; 0 for none. The
-// family is the entry's. A move finds its keys' states here instead of hashing them.
+// The key states (KeyIndex slot ids) of the keys an entry holds, by half (see visitHeldKeys).
 using Held = std::array<uint32_t, 2>;
+
+// One entry as the emulator stores it: its kind and the states of the keys it holds, 16 bytes
+// where the entry's printed form takes 92, so that a move reads and writes a quarter of a cache
+// line and hashes nothing; the keys themselves are read from their states, which keep them for
+// as long as some entry holds them. For IPv4 by half (0 right, 1 left); an empty half holds
+// `nullHalf | vrf`, the VRF of its null key. The other kinds use ids[0], except the second entry
+// of a double-size pair, which holds no id (the emulator keeps its key apart).
+struct alignas(16) Cell {
+   static constexpr uint32_t nullHalf = 0x80000000;
+
+   EntryKind kind = EntryKind::empty;
+   Held ids{};
+
+   static bool isKey(uint32_t id) { return id != 0 && (id & nullHalf) == 0; }
+   static uint32_t nullOf(const Ipv4UcastKey& k) { return nullHalf | k.vrfId.value(); }
+   bool operator==(const Cell&) const = default;
+};
 
 // The ascending ranks of the entries holding one key: almost always one or two, kept inline; a
 // key held more often keeps them all behind one pointer, so that a key state fits a cache line.
@@ -190,12 +206,13 @@ std::string where(uint32_t rank, uint32_t size) {
 // What the checks read besides the index: the entries, the pair geometry, the model's view (its
 // functions may be empty) and the merge sources the agent has yet to rewrite.
 struct CheckInput {
-   const std::vector<TcamEntry>& entries;
-   uint32_t pairGap;
+   const TcamEmulator& emu;
    const ModelView& model;
    const std::vector<uint32_t>& pendingMergeSources;
 
-   uint32_t size() const { return uint32_t(entries.size()); }
+   uint32_t size() const { return emu.size(); }
+   uint32_t pairGap() const { return emu.pairGap(); }
+   TcamEntry entry(uint32_t pos) const { return emu.entry(pos); }
 };
 
 }  // namespace VexloL3Common::sim::internal

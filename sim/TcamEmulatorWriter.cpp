@@ -76,7 +76,8 @@ void TcamEmulator::onMerge(const RouteMergeInfo& m) {
 
 void TcamEmulator::touchKeysAt(uint32_t pos) {
    if (pos == 0 || pos >= size()) return;
-   visitKeys(entries_[pos], pos, size(), [&](const auto& k, uint32_t) { index_->of(k).touch(k); });
+   index_->forHeld(index_->cells[pos], pos,
+                   [&](auto& idx, uint32_t id, uint32_t, unsigned) { idx.markDirty(id); });
 }
 
 bool TcamEmulator::posValid(uint32_t pos, bool doubleSize) const {
@@ -96,10 +97,11 @@ void TcamEmulator::applyMove(const RoutePosition& p) {
       report(writerErrorText, fmt::format("move {}: {}", p, why));
    };
    if (!posValid(src, false) || !posValid(dst, false)) return fail("position outside the table");
-   const TcamEntry from = entries_[src];
+   Index& ix = *index_;
+   const Cell from = ix.cells[src];
    bool matches = false;
    if (p.v4) {
-      bool right = !from.v4.right.isNull(), left = !from.v4.left.isNull();
+      bool right = Cell::isKey(from.ids[0]), left = Cell::isKey(from.ids[1]);
       matches = from.kind == EntryKind::v4 && ((p.type == EntryType::v4Right && right && !left) ||
                                                (p.type == EntryType::v4Left && left && !right) ||
                                                (p.type == EntryType::v4Both && left && right));
@@ -108,50 +110,49 @@ void TcamEmulator::applyMove(const RoutePosition& p) {
    } else if (p.type == EntryType::mcastV4) {
       matches = from.kind == EntryKind::mcast;
    }
-   if (!matches) return fail(fmt::format("the source holds {}", from));
+   if (!matches) return fail(fmt::format("the source holds {}", ix.entryAt(src)));
    // An IPv6 route takes the size of the region it lands in when the writer knows the regions.
-   TcamEntry to = from;
+   EntryKind toKind = from.kind;
    if (p.type == EntryType::v6 && doubleSizeAt_) {
-      to.kind = doubleSizeAt_(dst) ? EntryKind::v6DoubleFirst : EntryKind::v6Single;
+      toKind = doubleSizeAt_(dst) ? EntryKind::v6DoubleFirst : EntryKind::v6Single;
    }
-   if (to.kind == EntryKind::v6DoubleFirst && !posValid(dst, true)) {
+   if (toKind == EntryKind::v6DoubleFirst && !posValid(dst, true)) {
       return fail("the destination's partner lies outside the table");
    }
    // A stale copy means the model and the hardware disagree about where a route lives.
    const uint32_t srcRank = rankOf(src, from.kind);
-   const Held ids = index_->held[src];
    // The destination lies elsewhere in memory: ask for it before waiting on the key states.
-   __builtin_prefetch(&entries_[dst]);
+   __builtin_prefetch(&ix.cells[dst]);
    std::string stale;
-   visitHeldKeys(from, src, size(), [&](const auto& k, uint32_t, unsigned half) {
-      const auto& idx = index_->of(k);
-      const auto* s = &idx.slots[ids[half]];
+   ix.forHeld(from, src, [&](auto& idx, uint32_t id, uint32_t, unsigned) {
+      const auto* s = &idx.slots[id];
       __builtin_prefetch(&idx.nodes[s->node]);
       if (!s->installed()) {
-         stale += fmt::format(" {} is not installed;", k);
+         stale += fmt::format(" {} is not installed;", s->key);
       } else if (s->homeRank != srcRank) {
-         stale += fmt::format(" {} lives at {};", k,
-                              where<std::decay_t<decltype(k)>>(s->homeRank, size()));
+         using Key = typename std::decay_t<decltype(idx)>::KeyType;
+         stale += fmt::format(" {} lives at {};", s->key, where<Key>(s->homeRank, size()));
       }
    });
    if (!stale.empty()) return fail(fmt::format("the source holds a stale copy:{}", stale));
 
-   if (to.kind == from.kind && to.kind != EntryKind::v6DoubleFirst &&
-       entries_[dst].kind == EntryKind::empty && src != dst) {
-      relocate(src, dst, ids);
+   if (toKind == from.kind && toKind != EntryKind::v6DoubleFirst &&
+       ix.cells[dst].kind == EntryKind::empty && src != dst) {
+      relocate(src, dst);
       ++moves_;
       afterChange();
       return;
    }
-   store(dst, to, &ids);
-   const uint32_t dstRank = rankOf(dst, to.kind);
-   visitHeldKeys(from, src, size(), [&](const auto& k, uint32_t, unsigned half) {
-      auto& idx = index_->of(k);
-      if (idx.slots[ids[half]].homeRank == srcRank) idx.homeIs(ids[half], dstRank);
+   TcamEntry to = ix.entryAt(src);
+   to.kind = toKind;
+   store(dst, to, &from.ids);
+   const uint32_t dstRank = rankOf(dst, toKind);
+   ix.forHeld(from, src, [&](auto& idx, uint32_t id, uint32_t, unsigned) {
+      if (idx.slots[id].homeRank == srcRank) idx.homeIs(id, dstRank);
    });
    // The contents now belong at the destination: the source is invalidated, so that a route
    // moved out of an entry that nothing reuses cannot outlive its deletion there.
-   if (entries_[src] == from) vacate(src);
+   if (ix.cells[src] == from) vacate(src);
    ++moves_;
    afterChange();
 }
@@ -167,25 +168,26 @@ void TcamEmulator::applyMerge(const RouteMergeInfo& m) {
    }
    if (m.srcRouteId == m.dstRouteId) return fail("source and destination are the same entry");
    if (!isHalf(m.srcRouteType) || !isHalf(m.dstRouteType)) return fail("not a half of an entry");
-   const TcamEntry& from = entries_[m.srcRouteId];
-   const Ipv4UcastKey& key = m.srcRouteType == EntryType::v4Left ? from.v4.left : from.v4.right;
-   if (from.kind != EntryKind::v4 || key.isNull()) {
-      return fail(fmt::format("the source half is empty; the source holds {}", from));
+   Index& ix = *index_;
+   const Cell& from = ix.cells[m.srcRouteId];
+   const uint32_t id = from.ids[m.srcRouteType == EntryType::v4Left];
+   if (from.kind != EntryKind::v4 || !Cell::isKey(id)) {
+      return fail(
+          fmt::format("the source half is empty; the source holds {}", ix.entryAt(m.srcRouteId)));
    }
-   TcamEntry to = entries_[m.dstRouteId];
-   Ipv4UcastKey& half = m.dstRouteType == EntryType::v4Left ? to.v4.left : to.v4.right;
-   if (to.kind != EntryKind::v4 || !half.isNull()) {
-      return fail(fmt::format("the destination half is not free; the destination holds {}", to));
+   const Cell& to = ix.cells[m.dstRouteId];
+   const unsigned half = m.dstRouteType == EntryType::v4Left;
+   if (to.kind != EntryKind::v4 || Cell::isKey(to.ids[half])) {
+      return fail(fmt::format("the destination half is not free; the destination holds {}",
+                              ix.entryAt(m.dstRouteId)));
    }
-   const uint32_t id = index_->held[m.srcRouteId][m.srcRouteType == EntryType::v4Left];
-   if (index_->v4.slots[id].homeRank != m.srcRouteId) {
-      return fail(fmt::format("the source half holds a stale copy of {}", key));
+   if (ix.v4.slots[id].homeRank != m.srcRouteId) {
+      return fail(fmt::format("the source half holds a stale copy of {}", ix.v4.slots[id].key));
    }
-   half = key;
-   Held ids = index_->held[m.dstRouteId];
-   ids[m.dstRouteType == EntryType::v4Left] = id;
-   setRaw(m.dstRouteId, to, &ids);
-   index_->v4.homeIs(id, m.dstRouteId);
+   Held ids = to.ids;
+   ids[half] = id;
+   setCell(m.dstRouteId, EntryKind::v4, ids);
+   ix.v4.homeIs(id, m.dstRouteId);
    pendingMergeSources_.push_back(m.srcRouteId);
    ++merges_;
    afterChange();
