@@ -67,10 +67,12 @@ TcamEmulator::~TcamEmulator() = default;
 void TcamEmulator::setCell(uint32_t pos, EntryKind kind, const Held& ids) {
    Index& ix = *index_;
    const Cell old = ix.cells[pos];
-   Cell& c = ix.cells[pos];
+   Cell c;
    c.kind = kind;
    c.ids = ids;
-   ix.forHeld(c, pos, [&](auto& idx, uint32_t id, uint32_t rank, unsigned) { idx.addRank(id, rank); });
+   ix.cellIs(pos, c);
+   ix.forHeld(c, pos,
+              [&](auto& idx, uint32_t id, uint32_t rank, unsigned) { idx.addRank(id, rank); });
    ix.forHeld(old, pos,
               [&](auto& idx, uint32_t id, uint32_t rank, unsigned) { idx.removeRank(id, rank); });
 }
@@ -125,10 +127,11 @@ void TcamEmulator::relocate(uint32_t src, uint32_t dst) {
    settleMergeSource(dst);
    Index& ix = *index_;
    const Cell c = ix.cells[src];
-   ix.cells[dst] = c;
-   ix.cells[src] = Cell{};
+   ix.cellIs(dst, c);
+   ix.cellIs(src, Cell{});
    const uint32_t from = rankOf(src, c.kind), to = rankOf(dst, c.kind);
-   ix.forHeld(c, dst, [&](auto& idx, uint32_t id, uint32_t, unsigned) { idx.relocate(id, from, to); });
+   ix.forHeld(c, dst,
+              [&](auto& idx, uint32_t id, uint32_t, unsigned) { idx.relocate(id, from, to); });
 }
 
 // The agent rewriting an IPv4 entry (or emptying one): what callerWrite does, with the keys the
@@ -169,7 +172,10 @@ bool TcamEmulator::rewriteV4(uint32_t pos, const TcamEntry& e) {
       ids[h] = idx.get(keyAt(e, h));
       idx.addRank(ids[h], pos);
    }
-   ix.cells[pos] = Cell{e.kind, ids};
+   Cell now;
+   now.kind = e.kind;
+   now.ids = ids;
+   ix.cellIs(pos, now);
    for (unsigned c = 0; c < 2; ++c) {
       if (curHolds(c) && !kept[c]) idx.removeRank(cur.ids[c], pos);
    }

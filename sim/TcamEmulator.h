@@ -13,7 +13,7 @@
 //   emu.checkEveryMoveIs(true)             run it after every move and merge (the default)
 //   emu.onErrorIs(OnError::record)         keep going on errors (default: fatal assertion)
 //   emu.acknowledgesIs(false)              a broken writer that never fills the status records
-//   emu.entry(pos), emu.forEachEntry(f)    the image, to rebuild the model from
+//   emu.entry(pos), emu.forEachEntry(f)    the image, to rebuild the model from (by value)
 //
 // The table. Entry p is empty, an IPv4 entry (two halves; a half holding a null prefix is empty),
 // a single-size IPv6 entry, the first entry of a double-size IPv6 entry (whose partner p + pairGap
@@ -59,15 +59,22 @@
 // checks word a violation identically.
 //
 // Complexity (L = 32, 128 or the multicast key length; n = number of entries; d = how deeply the
-// installed prefixes nest, a handful in routing tables):
-//   move, merge                     O(d) per key moved, no hashing (entries remember the states of
-//                                   the keys they hold)
-//   write, clear                    one hash lookup per key written, plus a trie descent of O(L)
-//                                   for a key new to the index
-//   checkAfterMove                  O(d) per key changed since the last check, plus O(d) per
-//                                   violation it finds
+// installed prefixes nest, a handful in routing tables; k = keys of the family):
+//   move, merge                     O(1) per key moved while its family is in length order (see
+//                                   below), O(d) otherwise; no hashing (an entry is kept as the
+//                                   states of the keys it holds, 16 bytes, and entry() rebuilds it)
+//   write, clear                    one hash lookup per key written, plus, while the family is out
+//                                   of order, a trie descent of O(L) for a key new to the index
+//   checkAfterMove                  O(1) per key changed since the last check in order, O(d) plus
+//                                   O(d) per violation out of order; O(k L) when the order has
+//                                   just broken (the trie is built), amortised over k changes
 //   checkAll                        O(n L) with hash lookups of every truncation
 //   lookups                         O(n)
+// Length order. Per family the emulator counts the neighbouring entries (in search order) where
+// the earlier one holds a key shorter than one the later holds. While that count is zero no
+// route can be shadowed, whatever the prefixes (TcamEmulatorOrder.h has the argument), and the
+// shadowing checks have nothing to search; a model that keeps longer prefixes first keeps its
+// tables so. Only while the count is not zero does the emulator keep the tries below.
 // Per VRF and family a path-compressed binary trie holds every key that some entry holds or that
 // is installed. The trie nodes holding keys form a tree of their own (each links to its nearest
 // ancestor holding a key), and each keeps the largest first-holding rank of the installed routes
@@ -231,6 +238,13 @@ class TcamEmulator {
    // writes are not checked on their own: the next check, explicit or after a move, covers them.
    void checkEveryMoveIs(bool on) { checkEveryMove_ = on; }
    bool checkEveryMove() const { return checkEveryMove_; }
+   // Keep the prefix tries even while every family stands in length order, when no route can be
+   // shadowed and the checks need none (slower; the verdicts are the same).
+   void keepsTreesIs(bool on) { keepsTrees_ = on; }
+   bool keepsTrees() const { return keepsTrees_; }
+   // How often a family's trie was built because its order broke, and dropped once it held again.
+   uint64_t treeBuilds() const { return treeBuilds_; }
+   uint64_t treeDrops() const { return treeDrops_; }
 
    // ---- the model's view: also check that routes stand where the model has them ----
    void modelViewIs(ModelView view);
@@ -262,6 +276,7 @@ class TcamEmulator {
 
    void checkPos(const char* what, uint32_t pos, bool doubleSize) const;
    void checkImage() const;
+   void treesFollowOrder();
    bool posValid(uint32_t pos, bool doubleSize) const;
    void store(uint32_t pos, const TcamEntry& e, const std::array<uint32_t, 2>* ids = nullptr);
    void vacate(uint32_t pos);
@@ -298,6 +313,9 @@ class TcamEmulator {
    std::function<bool(uint32_t)> doubleSizeAt_;
    bool acknowledges_ = true;
    bool checkEveryMove_ = true;
+   bool keepsTrees_ = false;
+   uint64_t treeBuilds_ = 0;
+   uint64_t treeDrops_ = 0;
    OnError onError_ = OnError::fatal;
    uint64_t moves_ = 0;
    uint64_t merges_ = 0;

@@ -284,6 +284,38 @@ void TcamEmulator::checkImage() const {
    count(ix.mcast);
    VEXLO_ASSERT_MSG(held == recorded, "TcamEmulator: entry and index agree", "keys held: ", held,
                     ", recorded: ", recorded);
+   // The length orders, counted again entry by entry in search order.
+   auto recount = [&](const auto& idx, const internal::LengthOrder& order, uint32_t ranks) {
+      uint64_t inversions = 0;
+      internal::Span last;
+      for (uint32_t rank = 0; rank < ranks; ++rank) {
+         const uint32_t pos = rank < size() ? rank : rank - size();
+         internal::Span here;
+         ix.forHeld(ix.cells[pos], pos, [&](const auto& other, uint32_t id, uint32_t r, unsigned) {
+            if constexpr (!std::is_same_v<decltype(&other), decltype(&idx)>) {
+               return;
+            } else if (r != rank) {
+               return;
+            }
+            const uint8_t d = other.slots[id].depth();
+            here.shortest = here.held ? std::min(here.shortest, d) : d;
+            here.longest = here.held ? std::max(here.longest, d) : d;
+            here.held = true;
+         });
+         VEXLO_ASSERT_MSG(here.held == order.held.contains(rank) &&
+                              (!here.held || (here.shortest == ix.cells[pos].shortest &&
+                                              here.longest == ix.cells[pos].longest)),
+                          "TcamEmulator: entry and index agree", "rank: ", rank, ", length order");
+         if (!here.held) continue;
+         inversions += internal::LengthOrder::inverted(last, here);
+         last = here;
+      }
+      VEXLO_ASSERT_MSG(inversions == order.inversions, "TcamEmulator: entry and index agree",
+                       "pairs out of length order: ", order.inversions, ", counted: ", inversions);
+   };
+   recount(ix.v4, ix.v4Order, size());
+   recount(ix.v6, ix.v6Order, 2 * size());
+   recount(ix.mcast, ix.mcastOrder, size());
 }
 
 std::vector<Violation> TcamEmulator::checkAll() const {
@@ -313,6 +345,7 @@ std::vector<Violation> TcamEmulator::checkChanged(bool withinOperation) {
       index_->stamp = 1;
    }
    const uint32_t stamp = index_->stamp;
+   treesFollowOrder();
    const internal::CheckInput in{*this, model_, pendingMergeSources_};
    index_->v4.checkDirty(stamp, in, out);
    index_->v6.checkDirty(stamp, in, out);
@@ -324,6 +357,29 @@ std::vector<Violation> TcamEmulator::checkChanged(bool withinOperation) {
    }
    sortViolations(out);
    return out;
+}
+
+// A family whose entries stand in length order needs no trie: nothing there can be shadowed.
+// Once the order breaks, the trie is built from the keys, so that the check finds what it would
+// have found with the trie kept all along (the table was in order at the last check, so every
+// route shadowed now involves a key changed since, which the check starts from). It is dropped
+// again once the order holds and the family has changed as many times as it has keys, so that
+// building it costs a constant per change.
+void TcamEmulator::treesFollowOrder() {
+   auto follow = [&](auto& idx, internal::LengthOrder& order) {
+      if (!idx.treeKept && (order.inversions != 0 || keepsTrees_)) {
+         idx.keepTree();
+         order.changes = 0;
+         ++treeBuilds_;
+      } else if (idx.treeKept && order.inversions == 0 && !keepsTrees_ &&
+                 order.changes >= idx.ids.size()) {
+         idx.dropTree();
+         ++treeDrops_;
+      }
+   };
+   follow(index_->v4, index_->v4Order);
+   follow(index_->v6, index_->v6Order);
+   follow(index_->mcast, index_->mcastOrder);
 }
 
 std::vector<Violation> TcamEmulator::checkAfterMove() {

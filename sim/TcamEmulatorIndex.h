@@ -12,6 +12,7 @@
 #include "platform/Assert.h"
 #include "sim/TcamEmulator.h"
 #include "sim/TcamEmulatorKeys.h"
+#include "sim/TcamEmulatorOrder.h"
 #include "sim/TcamEmulatorTrie.h"
 
 namespace VexloL3Common::sim::internal {
@@ -28,8 +29,8 @@ namespace VexloL3Common::sim::internal {
 template <class Key>
 struct KeyIndex : PrefixTrie<Key> {
    using Trie = PrefixTrie<Key>;
-   using Trie::dropKeys, Trie::holdKeys, Trie::nodes, Trie::pathTo, Trie::propagate, Trie::prune,
-       Trie::stack, Trie::subMax, Trie::ties, Trie::trie;
+   using Trie::dropKeys, Trie::freeNodes, Trie::holdKeys, Trie::nodes, Trie::pathTo,
+       Trie::propagate, Trie::prune, Trie::roots, Trie::stack, Trie::subMax, Trie::ties, Trie::trie;
    using typename Trie::Node;
    using KeyType = Key;
 
@@ -53,6 +54,7 @@ struct KeyIndex : PrefixTrie<Key> {
       }
       // What the trie aggregates: the first rank of an installed, held route.
       uint32_t contribution() const { return installed() ? first() : 0; }
+      uint8_t depth() const { return depthOf(key); }
    };
 
    std::vector<Slot> slots = std::vector<Slot>(1);  // slot 0 stands for "none"
@@ -68,6 +70,11 @@ struct KeyIndex : PrefixTrie<Key> {
    // leaves this list alone.
    std::vector<Key> crossCheck;
    bool crossChecking = false;
+
+   // Whether the keys are in the trie and its aggregates kept. Only the shadowing checks read
+   // them, and while the family stands in length order nothing can be shadowed: the owner keeps
+   // the trie only while the order is broken (keepTree, dropTree).
+   bool treeKept = false;
 
    explicit KeyIndex(uint32_t size) : tableSize(size), homeHead(size, 0) {}
 
@@ -101,24 +108,53 @@ struct KeyIndex : PrefixTrie<Key> {
       Slot& s = slots[id];
       s.key = k;
       s.live = true;
+      if (treeKept) place(id);
+      return id;
+   }
+
+   // Puts the key into the trie (it contributes nothing yet).
+   void place(uint32_t id) {
+      Slot& s = slots[id];
       uint32_t up = 0;
-      s.node = pathTo(bitsOf(k), up);
+      s.node = pathTo(bitsOf(s.key), up);
       if (!trie[s.node].hasKeys) holdKeys(s.node, up);
       trie[s.node].hasKeys = true;
       s.nextAtNode = nodes[s.node].keys;
       nodes[s.node].keys = id;
       ++nodes[s.node].keyCount;
-      return id;
    }
 
-   // Room for a full table's keys (two to an entry) from the first key on, so that the vectors
-   // never move while the table fills; only address space until used.
-   void reserveFor(uint32_t size) {
-      const size_t keys = std::min<size_t>(2 * size_t(size), size_t(1) << 21);
-      slots.reserve(keys + 1);
+   // Builds the trie and its aggregates from the keys.
+   void keepTree() {
+      treeKept = true;
+      const size_t keys = std::min<size_t>(2 * size_t(tableSize), size_t(1) << 21);
       nodes.reserve(2 * keys + 1);
       ties.reserve(2 * keys + 1);
       trie.reserve(2 * keys + 1);
+      for (uint32_t id = 1; id < slots.size(); ++id) {
+         if (!slots[id].live) continue;
+         place(id);
+         settle(id, 0, 0);
+      }
+   }
+
+   void dropTree() {
+      treeKept = false;
+      trie.assign(1, typename Trie::Link{});
+      nodes.assign(1, Node{});
+      ties.assign(1, typename Trie::Ties{});
+      freeNodes.clear();
+      roots.clear();
+      for (Slot& s : slots) {
+         s.node = 0;
+         s.nextAtNode = 0;
+      }
+   }
+
+   // Room for a full table's keys (two to an entry) from the first key on, so that the vector
+   // never moves while the table fills; only address space until used.
+   void reserveFor(uint32_t size) {
+      slots.reserve(std::min<size_t>(2 * size_t(size), size_t(1) << 21) + 1);
    }
 
    // Applies f to the slot and brings the aggregates up to date.
@@ -127,6 +163,12 @@ struct KeyIndex : PrefixTrie<Key> {
       Slot& s = slots[id];
       const uint32_t before = s.contribution(), firstBefore = s.first();
       f(s);
+      if (s.node) settle(id, before, firstBefore);
+   }
+
+   // The slot's key contributed `before` and was first held at `firstBefore`.
+   void settle(uint32_t id, uint32_t before, uint32_t firstBefore) {
+      Slot& s = slots[id];
       const uint32_t after = s.contribution(), firstAfter = s.first();
       if (firstBefore != firstAfter) noteFirst(s.node, firstAfter);
       if (before == after) return;
@@ -170,11 +212,13 @@ struct KeyIndex : PrefixTrie<Key> {
    void releaseIfUnused(uint32_t id) {
       Slot& s = slots[id];
       if (!s.ranks.empty() || s.installed()) return;
-      uint32_t* link = &nodes[s.node].keys;
-      while (*link != id)
-         link = &slots[*link].nextAtNode;
-      *link = s.nextAtNode;
-      --nodes[s.node].keyCount;
+      if (s.node) {
+         uint32_t* link = &nodes[s.node].keys;
+         while (*link != id)
+            link = &slots[*link].nextAtNode;
+         *link = s.nextAtNode;
+         --nodes[s.node].keyCount;
+      }
       if (s.dirtyAt != npos) {
          dirty[s.dirtyAt] = dirty.back();
          slots[dirty[s.dirtyAt]].dirtyAt = s.dirtyAt;
@@ -184,7 +228,7 @@ struct KeyIndex : PrefixTrie<Key> {
       ids.erase(s.key);
       s = Slot{};
       freeSlots.push_back(id);
-      if (!nodes[n].keys) {
+      if (n && !nodes[n].keys) {
          trie[n].hasKeys = false;
          dropKeys(n);
          prune(n);
@@ -284,7 +328,14 @@ struct KeyIndex : PrefixTrie<Key> {
 namespace VexloL3Common::sim {
 
 struct TcamEmulator::Index {
-   explicit Index(uint32_t size) : v4(size), v6(size), mcast(size), cells(size) {}
+   explicit Index(uint32_t size)
+       : v4(size),
+         v6(size),
+         mcast(size),
+         cells(size),
+         v4Order(size),
+         v6Order(2 * size),
+         mcastOrder(size) {}
 
    internal::KeyIndex<Ipv4UcastKey> v4;
    internal::KeyIndex<Ipv6UcastKey> v6;
@@ -294,7 +345,60 @@ struct TcamEmulator::Index {
    VexloL3Common::internal::FlatHashMap<uint32_t, Ipv6UcastKey> secondKeys;
    uint32_t stamp = 0;
 
+   // The length order of each family's entries (TcamEmulatorOrder.h); IPv6 ranks run to twice
+   // the size.
+   internal::LengthOrder v4Order, v6Order, mcastOrder;
+
    uint32_t size() const { return uint32_t(cells.size()); }
+
+   // Where a cell stands in its family's order, and what it holds there.
+   struct Place {
+      internal::LengthOrder* order = nullptr;
+      uint32_t rank = 0;
+      internal::Span span;
+   };
+   Place placeOf(const internal::Cell& c, uint32_t pos) {
+      Place p;
+      forHeld(c, pos, [&](auto& idx, uint32_t, uint32_t rank, unsigned) {
+         p.order = &orderOf(idx);
+         p.rank = rank;
+      });
+      if (p.order) p.span = internal::Span{true, c.shortest, c.longest};
+      return p;
+   }
+   internal::LengthOrder& orderOf(const internal::KeyIndex<Ipv4UcastKey>&) { return v4Order; }
+   internal::LengthOrder& orderOf(const internal::KeyIndex<Ipv6UcastKey>&) { return v6Order; }
+   internal::LengthOrder& orderOf(const internal::KeyIndex<IpMcastPrefixKey>&) {
+      return mcastOrder;
+   }
+
+   // Every change of an entry goes through here, so that the orders follow: the keys' states
+   // must be indexed already.
+   void cellIs(uint32_t pos, internal::Cell now) {
+      bool first = true;
+      forHeld(now, pos, [&](auto& idx, uint32_t id, uint32_t, unsigned) {
+         const uint8_t d = idx.slots[id].depth();
+         now.shortest = first ? d : std::min(now.shortest, d);
+         now.longest = first ? d : std::max(now.longest, d);
+         first = false;
+      });
+      const Place was = placeOf(cells[pos], pos);
+      cells[pos] = now;
+      const Place is = placeOf(now, pos);
+      auto spanAt = [this](internal::LengthOrder* o) {
+         return [this, o](uint32_t rank) {
+            const uint32_t p =
+                o == &v6Order ? internal::posOfRank<Ipv6UcastKey>(rank, size()) : rank;
+            return internal::Span{true, cells[p].shortest, cells[p].longest};
+         };
+      };
+      if (was.order && was.order == is.order && was.rank == is.rank) {
+         was.order->change(was.rank, was.span, is.span, spanAt(was.order));
+         return;
+      }
+      if (was.order) was.order->change(was.rank, was.span, internal::Span{}, spanAt(was.order));
+      if (is.order) is.order->change(is.rank, internal::Span{}, is.span, spanAt(is.order));
+   }
 
    // Calls f(index, id, rank, half) for every key the cell at pos holds, in the order of
    // visitHeldKeys.
@@ -329,8 +433,9 @@ struct TcamEmulator::Index {
    }
 
    Ipv4UcastKey v4Half(uint32_t id) const {
-      return internal::Cell::isKey(id) ? v4.slots[id].key
-                                       : Ipv4UcastKey::nullKey(VrfId(id & ~internal::Cell::nullHalf));
+      return internal::Cell::isKey(id)
+                 ? v4.slots[id].key
+                 : Ipv4UcastKey::nullKey(VrfId(id & ~internal::Cell::nullHalf));
    }
 
    // The entry at pos, keys and all.

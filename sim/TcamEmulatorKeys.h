@@ -79,6 +79,17 @@ inline Bits bitsOf(const IpMcastPrefixKey& k) {
                hi & topBits(constrained), 0};
 }
 
+// A key's depth in the trie: its length, a multicast key's up to 128.
+inline uint8_t depthOf(const Ipv4UcastKey& k) {
+   return k.prefix.len();
+}
+inline uint8_t depthOf(const Ipv6UcastKey& k) {
+   return k.prefix.len();
+}
+inline uint8_t depthOf(const IpMcastPrefixKey& k) {
+   return uint8_t(std::min<unsigned>(k.len, 128));
+}
+
 // Calls f(key, rank, half) for every route an entry holds. The rank is the entry's place in
 // search order: single-size IPv6 entries come after every double-size one. half is 1 for the left
 // half of an IPv4 entry, 0 otherwise (where the entry's key states are kept, see Held).
@@ -123,6 +134,8 @@ struct alignas(16) Cell {
    static constexpr uint32_t nullHalf = 0x80000000;
 
    EntryKind kind = EntryKind::empty;
+   uint8_t shortest = 0;  // the depths of the shortest and the longest key held, for the
+   uint8_t longest = 0;   // length order (TcamEmulatorOrder.h); set by the index
    Held ids{};
 
    static bool isKey(uint32_t id) { return id != 0 && (id & nullHalf) == 0; }

@@ -259,7 +259,7 @@ std::map<std::string, std::string> byRoute(const std::vector<Violation>& v) {
 }
 
 TEST(TcamEmulatorSteps, HomesAndVerdictsOfChangedRoutesMatchTheFullCheck) {
-   uint64_t relocations = 0, rewrites = 0, violations = 0;
+   uint64_t relocations = 0, rewrites = 0, violations = 0, treeBuilds = 0, treeDrops = 0;
    for (uint32_t seed = 1; seed <= 8; ++seed) {
       SCOPED_TRACE(fmt::format("seed {}", seed));
       Steps s(seed);
@@ -284,11 +284,16 @@ TEST(TcamEmulatorSteps, HomesAndVerdictsOfChangedRoutesMatchTheFullCheck) {
       }
       relocations += s.relocations;
       rewrites += s.rewrites;
+      treeBuilds += s.emu.treeBuilds();
+      treeDrops += s.emu.treeDrops();
    }
-   // The fast paths, and broken tables, must actually be exercised.
+   // The fast paths, broken tables, and checks both with the tries and without them (while the
+   // table is in length order) must actually be exercised.
    EXPECT_GT(relocations, 100u);
    EXPECT_GT(rewrites, 300u);
    EXPECT_GT(violations, 1000u);
+   EXPECT_GT(treeBuilds, 20u);
+   EXPECT_GT(treeDrops, 20u);
 }
 
 // A writer that merges into the wrong half copies a route it finds in the source half; from an

@@ -1,0 +1,125 @@
+// Whether the keys of one family stand in order of length, kept entry by entry, so that the
+// emulator knows without any prefix search when no route can be shadowed. Shared by the
+// emulator's own source files only.
+//
+// The argument. Take the entries holding keys of the family in search order and, for each, its
+// shortest and longest key (their depths, as the tries count them). If no entry holds a key
+// shorter than a key of the next such entry, then along any two entries the earlier one's
+// shortest key is at least as long as the later one's longest: no key has a strictly shorter key
+// in an earlier entry, so no route is shadowed, whatever the prefixes. Counting the neighbouring
+// pairs out of order therefore certifies a table whenever the count is zero; a move changes the
+// pairs around its two entries only.
+#pragma once
+
+#include <bit>
+#include <cstdint>
+#include <vector>
+
+namespace VexloL3Common::sim::internal {
+
+// A set of ranks that finds the nearest member before or after any rank in a few word
+// operations: a bit per rank and, level by level above, a bit per non-empty word below.
+class RankSet {
+ public:
+   static constexpr uint32_t none = 0xFFFFFFFF;
+
+   explicit RankSet(uint32_t size) {
+      size_t words = size;
+      do {
+         words = (words + 63) / 64;
+         levels_.emplace_back(words, 0);
+      } while (words > 1);
+   }
+
+   void insert(uint32_t r) {
+      for (auto& level : levels_) {
+         uint64_t& w = level[r >> 6];
+         const bool wasEmpty = w == 0;
+         w |= uint64_t(1) << (r & 63);
+         if (!wasEmpty) return;
+         r >>= 6;
+      }
+   }
+   void erase(uint32_t r) {
+      for (auto& level : levels_) {
+         uint64_t& w = level[r >> 6];
+         w &= ~(uint64_t(1) << (r & 63));
+         if (w != 0) return;
+         r >>= 6;
+      }
+   }
+   bool contains(uint32_t r) const { return (levels_[0][r >> 6] >> (r & 63)) & 1; }
+
+   // The largest member below r, none when there is none.
+   uint32_t before(uint32_t r) const {
+      for (size_t k = 0; k < levels_.size(); ++k, r >>= 6) {
+         const uint64_t w = levels_[k][r >> 6] & ((uint64_t(1) << (r & 63)) - 1);
+         if (w == 0) continue;
+         uint32_t i = (r & ~63u) | uint32_t(63 - std::countl_zero(w));
+         while (k-- > 0)
+            i = i * 64 + uint32_t(63 - std::countl_zero(levels_[k][i]));
+         return i;
+      }
+      return none;
+   }
+   // The smallest member above r, none when there is none.
+   uint32_t after(uint32_t r) const {
+      for (size_t k = 0; k < levels_.size(); ++k, r >>= 6) {
+         const uint64_t above = (r & 63) == 63 ? 0 : ~uint64_t(0) << ((r & 63) + 1);
+         const uint64_t w = levels_[k][r >> 6] & above;
+         if (w == 0) continue;
+         uint32_t i = (r & ~63u) | uint32_t(std::countr_zero(w));
+         while (k-- > 0)
+            i = i * 64 + uint32_t(std::countr_zero(levels_[k][i]));
+         return i;
+      }
+      return none;
+   }
+
+ private:
+   std::vector<std::vector<uint64_t>> levels_;
+};
+
+// What an entry holds of a family: whether any key, and the depths of its shortest and longest.
+struct Span {
+   bool held = false;
+   uint8_t shortest = 0;
+   uint8_t longest = 0;
+};
+
+// The entries of one family by rank, and how many neighbouring pairs of them are out of order.
+struct LengthOrder {
+   explicit LengthOrder(uint32_t ranks) : held(ranks) {}
+
+   RankSet held;
+   uint64_t inversions = 0;
+   uint64_t changes = 0;  // entries changed since the owner last reset it
+
+   // a before b out of order: a holds a key shorter than one b holds.
+   static bool inverted(const Span& a, const Span& b) {
+      return a.held && b.held && a.shortest < b.longest;
+   }
+
+   // The entry at rank r held `was` and holds `now`; spanAt(rank) is what another entry of the
+   // family holds.
+   template <class SpanAt>
+   void change(uint32_t r, const Span& was, const Span& now, SpanAt&& spanAt) {
+      ++changes;
+      const uint32_t p = held.before(r), n = held.after(r);
+      const Span ps = p == RankSet::none ? Span{} : spanAt(p);
+      const Span ns = n == RankSet::none ? Span{} : spanAt(n);
+      auto around = [&](const Span& mid) -> uint64_t {
+         return mid.held ? uint64_t(inverted(ps, mid)) + inverted(mid, ns) : inverted(ps, ns);
+      };
+      inversions = inversions + around(now) - around(was);
+      if (was.held != now.held) {
+         if (now.held) {
+            held.insert(r);
+         } else {
+            held.erase(r);
+         }
+      }
+   }
+};
+
+}  // namespace VexloL3Common::sim::internal
