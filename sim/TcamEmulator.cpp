@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "sim/TcamEmulatorIndex.h"
+#include "sim/TcamEmulatorCells.h"
 
 namespace VexloL3Common::sim {
 
@@ -127,8 +127,7 @@ void TcamEmulator::relocate(uint32_t src, uint32_t dst) {
    settleMergeSource(dst);
    Index& ix = *index_;
    const Cell c = ix.cells[src];
-   ix.cellIs(dst, c);
-   ix.cellIs(src, Cell{});
+   ix.moveCell(src, dst);
    const uint32_t from = rankOf(src, c.kind), to = rankOf(dst, c.kind);
    ix.forHeld(c, dst,
               [&](auto& idx, uint32_t id, uint32_t, unsigned) { idx.relocate(id, from, to); });

@@ -272,7 +272,7 @@ class TcamEmulator {
    void forEachEntry(const std::function<void(uint32_t, const TcamEntry&)>& f) const;
 
  private:
-   struct Index;  // the tries and key states, in TcamEmulatorIndex.h
+   struct Index;  // the cells, key states, tries and orders, in TcamEmulatorCells.h
 
    void checkPos(const char* what, uint32_t pos, bool doubleSize) const;
    void checkImage() const;

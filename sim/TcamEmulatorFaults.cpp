@@ -3,7 +3,7 @@
 // nothing here reports anything itself.
 #include "platform/Assert.h"
 #include "sim/TcamEmulator.h"
-#include "sim/TcamEmulatorIndex.h"
+#include "sim/TcamEmulatorCells.h"
 
 namespace VexloL3Common::sim {
 

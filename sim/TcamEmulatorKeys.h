@@ -176,6 +176,12 @@ class RankList {
       spill_->insert(std::upper_bound(spill_->begin(), spill_->end(), r), r);
       ++n_;
    }
+   // When the list is {from} alone it becomes {to}; false (and unchanged) otherwise.
+   bool replaceSole(uint32_t from, uint32_t to) {
+      if (n_ != 1 || inline_[0] != from) return false;
+      inline_[0] = to;
+      return true;
+   }
    // False when r is not in the list.
    bool erase(uint32_t r) {
       uint32_t* b = n_ > inlineCap ? spill_->data() : inline_;

@@ -27,13 +27,14 @@ class RankSet {
       size_t words = size;
       do {
          words = (words + 63) / 64;
-         levels_.emplace_back(words, 0);
+         start_.push_back(uint32_t(words_.size()));
+         words_.resize(words_.size() + words, 0);
       } while (words > 1);
    }
 
    void insert(uint32_t r) {
-      for (auto& level : levels_) {
-         uint64_t& w = level[r >> 6];
+      for (uint32_t start : start_) {
+         uint64_t& w = words_[start + (r >> 6)];
          const bool wasEmpty = w == 0;
          w |= uint64_t(1) << (r & 63);
          if (!wasEmpty) return;
@@ -41,43 +42,51 @@ class RankSet {
       }
    }
    void erase(uint32_t r) {
-      for (auto& level : levels_) {
-         uint64_t& w = level[r >> 6];
+      for (uint32_t start : start_) {
+         uint64_t& w = words_[start + (r >> 6)];
          w &= ~(uint64_t(1) << (r & 63));
          if (w != 0) return;
          r >>= 6;
       }
    }
-   bool contains(uint32_t r) const { return (levels_[0][r >> 6] >> (r & 63)) & 1; }
+   bool contains(uint32_t r) const { return (words_[r >> 6] >> (r & 63)) & 1; }
 
-   // The largest member below r, none when there is none.
+   // The largest member below r, none when there is none. The word of r itself first: in a
+   // table worth the name the neighbour is there.
    uint32_t before(uint32_t r) const {
-      for (size_t k = 0; k < levels_.size(); ++k, r >>= 6) {
-         const uint64_t w = levels_[k][r >> 6] & ((uint64_t(1) << (r & 63)) - 1);
-         if (w == 0) continue;
-         uint32_t i = (r & ~63u) | uint32_t(63 - std::countl_zero(w));
+      const uint64_t w = words_[r >> 6] & ((uint64_t(1) << (r & 63)) - 1);
+      if (w != 0) return (r & ~63u) | uint32_t(63 - std::countl_zero(w));
+      for (size_t k = 1; k < start_.size(); ++k) {
+         r >>= 6;
+         const uint64_t v = words_[start_[k] + (r >> 6)] & ((uint64_t(1) << (r & 63)) - 1);
+         if (v == 0) continue;
+         uint32_t i = (r & ~63u) | uint32_t(63 - std::countl_zero(v));
          while (k-- > 0)
-            i = i * 64 + uint32_t(63 - std::countl_zero(levels_[k][i]));
+            i = i * 64 + uint32_t(63 - std::countl_zero(words_[start_[k] + i]));
          return i;
       }
       return none;
    }
    // The smallest member above r, none when there is none.
    uint32_t after(uint32_t r) const {
-      for (size_t k = 0; k < levels_.size(); ++k, r >>= 6) {
-         const uint64_t above = (r & 63) == 63 ? 0 : ~uint64_t(0) << ((r & 63) + 1);
-         const uint64_t w = levels_[k][r >> 6] & above;
-         if (w == 0) continue;
-         uint32_t i = (r & ~63u) | uint32_t(std::countr_zero(w));
+      auto above = [](uint32_t x) { return (x & 63) == 63 ? 0 : ~uint64_t(0) << ((x & 63) + 1); };
+      const uint64_t w = words_[r >> 6] & above(r);
+      if (w != 0) return (r & ~63u) | uint32_t(std::countr_zero(w));
+      for (size_t k = 1; k < start_.size(); ++k) {
+         r >>= 6;
+         const uint64_t v = words_[start_[k] + (r >> 6)] & above(r);
+         if (v == 0) continue;
+         uint32_t i = (r & ~63u) | uint32_t(std::countr_zero(v));
          while (k-- > 0)
-            i = i * 64 + uint32_t(std::countr_zero(levels_[k][i]));
+            i = i * 64 + uint32_t(std::countr_zero(words_[start_[k] + i]));
          return i;
       }
       return none;
    }
 
  private:
-   std::vector<std::vector<uint64_t>> levels_;
+   std::vector<uint64_t> words_;  // level by level, the ranks' own bits first
+   std::vector<uint32_t> start_;  // where each level starts in words_
 };
 
 // What an entry holds of a family: whether any key, and the depths of its shortest and longest.
@@ -105,6 +114,8 @@ struct LengthOrder {
    template <class SpanAt>
    void change(uint32_t r, const Span& was, const Span& now, SpanAt&& spanAt) {
       ++changes;
+      if (was.held == now.held && was.shortest == now.shortest && was.longest == now.longest)
+         return;
       const uint32_t p = held.before(r), n = held.after(r);
       const Span ps = p == RankSet::none ? Span{} : spanAt(p);
       const Span ns = n == RankSet::none ? Span{} : spanAt(n);

@@ -6,7 +6,7 @@
 #include "platform/Assert.h"
 #include "platform/Trace.h"
 #include "sim/TcamEmulator.h"
-#include "sim/TcamEmulatorIndex.h"
+#include "sim/TcamEmulatorCells.h"
 
 namespace VexloL3Common::sim {
 
@@ -123,18 +123,25 @@ void TcamEmulator::applyMove(const RoutePosition& p) {
    const uint32_t srcRank = rankOf(src, from.kind);
    // The destination lies elsewhere in memory: ask for it before waiting on the key states.
    __builtin_prefetch(&ix.cells[dst]);
-   std::string stale;
+   bool isStale = false;
    ix.forHeld(from, src, [&](auto& idx, uint32_t id, uint32_t, unsigned) {
-      const auto* s = &idx.slots[id];
-      __builtin_prefetch(&idx.nodes[s->node]);
-      if (!s->installed()) {
-         stale += fmt::format(" {} is not installed;", s->key);
-      } else if (s->homeRank != srcRank) {
-         using Key = typename std::decay_t<decltype(idx)>::KeyType;
-         stale += fmt::format(" {} lives at {};", s->key, where<Key>(s->homeRank, size()));
-      }
+      const auto& s = idx.slots[id];
+      if (s.node) __builtin_prefetch(&idx.nodes[s.node]);
+      isStale |= s.homeRank != srcRank;  // 0 when not installed
    });
-   if (!stale.empty()) return fail(fmt::format("the source holds a stale copy:{}", stale));
+   if (isStale) {
+      std::string stale;
+      ix.forHeld(from, src, [&](auto& idx, uint32_t id, uint32_t, unsigned) {
+         const auto& s = idx.slots[id];
+         if (!s.installed()) {
+            stale += fmt::format(" {} is not installed;", s.key);
+         } else if (s.homeRank != srcRank) {
+            using Key = typename std::decay_t<decltype(idx)>::KeyType;
+            stale += fmt::format(" {} lives at {};", s.key, where<Key>(s.homeRank, size()));
+         }
+      });
+      return fail(fmt::format("the source holds a stale copy:{}", stale));
+   }
 
    if (toKind == from.kind && toKind != EntryKind::v6DoubleFirst &&
        ix.cells[dst].kind == EntryKind::empty && src != dst) {
