@@ -353,9 +353,9 @@ std::vector<Violation> TcamEmulator::checkChanged(bool withinOperation) {
    const uint32_t stamp = index_->stamp;
    treesFollowOrder();
    const internal::CheckInput in{*this, model_, pendingMergeSources_};
-   index_->v4.checkDirty(stamp, in, out);
-   index_->v6.checkDirty(stamp, in, out);
-   index_->mcast.checkDirty(stamp, in, out);
+   if (!index_->v4.dirty.empty()) index_->v4.checkDirty(stamp, in, out);
+   if (!index_->v6.dirty.empty()) index_->v6.checkDirty(stamp, in, out);
+   if (!index_->mcast.dirty.empty()) index_->mcast.checkDirty(stamp, in, out);
    if (!withinOperation) {
       index_->v4.checkCross(in, out);
       index_->v6.checkCross(in, out);

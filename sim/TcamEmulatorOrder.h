@@ -32,22 +32,17 @@ class RankSet {
       } while (words > 1);
    }
 
+   // The levels above change only when a word goes between empty and not.
    void insert(uint32_t r) {
-      for (uint32_t start : start_) {
-         uint64_t& w = words_[start + (r >> 6)];
-         const bool wasEmpty = w == 0;
-         w |= uint64_t(1) << (r & 63);
-         if (!wasEmpty) return;
-         r >>= 6;
-      }
+      uint64_t& w = words_[r >> 6];
+      const bool wasEmpty = w == 0;
+      w |= uint64_t(1) << (r & 63);
+      if (wasEmpty) insertAbove(r);
    }
    void erase(uint32_t r) {
-      for (uint32_t start : start_) {
-         uint64_t& w = words_[start + (r >> 6)];
-         w &= ~(uint64_t(1) << (r & 63));
-         if (w != 0) return;
-         r >>= 6;
-      }
+      uint64_t& w = words_[r >> 6];
+      w &= ~(uint64_t(1) << (r & 63));
+      if (w == 0) eraseAbove(r);
    }
    bool contains(uint32_t r) const { return (words_[r >> 6] >> (r & 63)) & 1; }
 
@@ -85,6 +80,24 @@ class RankSet {
    }
 
  private:
+   void insertAbove(uint32_t r) {
+      for (size_t k = 1; k < start_.size(); ++k) {
+         r >>= 6;
+         uint64_t& w = words_[start_[k] + (r >> 6)];
+         const bool wasEmpty = w == 0;
+         w |= uint64_t(1) << (r & 63);
+         if (!wasEmpty) return;
+      }
+   }
+   void eraseAbove(uint32_t r) {
+      for (size_t k = 1; k < start_.size(); ++k) {
+         r >>= 6;
+         uint64_t& w = words_[start_[k] + (r >> 6)];
+         w &= ~(uint64_t(1) << (r & 63));
+         if (w != 0) return;
+      }
+   }
+
    std::vector<uint64_t> words_;  // level by level, the ranks' own bits first
    std::vector<uint32_t> start_;  // where each level starts in words_
 };
