@@ -16,6 +16,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "TcamFixture.h"
 #include "sim/TcamEmulator.h"
 
 namespace VexloL3Common::sim {
@@ -284,16 +285,8 @@ class Twins {
    void publishMove() {
       const uint32_t src = 1 + below(tableSize - 1);
       const TcamEntry from = lean.entry(src);
-      EntryType type = EntryType::v6;
-      if (from.kind == EntryKind::v4) {
-         type = from.v4.left.isNull()    ? EntryType::v4Right
-                : from.v4.right.isNull() ? EntryType::v4Left
-                                         : EntryType::v4Both;
-      } else if (from.kind == EntryKind::mcast) {
-         type = EntryType::mcastV4;
-      } else if (from.kind == EntryKind::empty || from.kind == EntryKind::v6DoubleSecond) {
-         return;
-      }
+      if (from.kind == EntryKind::empty || from.kind == EntryKind::v6DoubleSecond) return;
+      const EntryType type = testing::moveTypeOf(from);
       const uint32_t dst =
           destinationFor(src, [&](uint32_t p) { return lean.entry(p).kind == EntryKind::empty; });
       move_.posIs(RoutePosition{++count_, src, dst, from.kind == EntryKind::v4, type});

@@ -200,14 +200,7 @@ class Steps {
       for (int tries = 0; tries < 8 && below(2) && emu.entry(dst).kind != EntryKind::empty; ++tries)
          dst = 1 + below(tableSize - 1);
       const TcamEntry from = emu.entry(src);
-      EntryType type = EntryType::v6;
-      if (from.kind == EntryKind::v4) {
-         type = from.v4.left.isNull()    ? EntryType::v4Right
-                : from.v4.right.isNull() ? EntryType::v4Left
-                                         : EntryType::v4Both;
-      } else if (from.kind == EntryKind::mcast) {
-         type = EntryType::mcastV4;
-      }
+      const EntryType type = testing::moveTypeOf(from);
       const bool v4 = from.kind == EntryKind::v4;
       const bool faultBefore = emu.faultMade();
       const uint64_t errors = emu.errorCount();

@@ -25,6 +25,17 @@ inline L3TcamManagerContext::Config layout(uint32_t size, uint32_t mode, uint8_t
    return c;
 }
 
+// The entry type a move of this entry publishes (v6 for an entry that holds no route: the writer
+// refuses the move).
+inline EntryType moveTypeOf(const sim::TcamEntry& e) {
+   if (e.kind == sim::EntryKind::v4) {
+      return e.v4.left.isNull()    ? EntryType::v4Right
+             : e.v4.right.isNull() ? EntryType::v4Left
+                                   : EntryType::v4Both;
+   }
+   return e.kind == sim::EntryKind::mcast ? EntryType::mcastV4 : EntryType::v6;
+}
+
 class TcamHarness {
  public:
    // beforeInit runs between construction and initialisation (a platform installing its own
