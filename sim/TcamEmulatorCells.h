@@ -63,11 +63,6 @@ struct TcamEmulator::Index {
       }
       return Place{};
    }
-   internal::LengthOrder& orderOf(const internal::KeyIndex<Ipv4UcastKey>&) { return v4Order; }
-   internal::LengthOrder& orderOf(const internal::KeyIndex<Ipv6UcastKey>&) { return v6Order; }
-   internal::LengthOrder& orderOf(const internal::KeyIndex<IpMcastPrefixKey>&) {
-      return mcastOrder;
-   }
 
    // What the entry at a rank of the order holds.
    auto spanAt(const internal::LengthOrder* o) const {
